@@ -1,0 +1,304 @@
+// How values travel through the bridge's JSON coders (JSONEncoder, JSONDecoder).
+//
+// A record declares its fields once, in coding order, and gets its JSON coding from that:
+//
+//     struct Point {
+//         std::int32_t x = 0;
+//         std::string label;
+//         static constexpr auto codingFields() {
+//             return std::tuple{nimborra::core::CodingField{"x", &Point::x},
+//                               nimborra::core::CodingField{"label", &Point::label}};
+//         }
+//     };
+//
+// A record is written as a JSON object with its fields in that order (every field, always) and
+// read back requiring every field; unknown keys are ignored. A record without fields is written
+// as {} and is read from any JSON value without looking at it.
+//
+// Supported field types: bool, std::int32_t, std::int64_t, double, std::string,
+// platform::Data (as base64 text), std::vector<T>, nested records, and wire enumerations
+// (enumerations that specialise WireEnumTraits; see below).
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <vector>
+
+#include "NimbOrraCore/CodingError.h"
+#include "NimbOrraCore/Export.h"
+#include "NimbOrraPlatform/Value.h"
+
+namespace nimborra::core {
+
+// One field of a record: its JSON key and the member that holds it.
+template <class Record, class Member>
+struct CodingField {
+    std::string_view key;
+    Member Record::*member;
+};
+
+template <class T>
+concept CodableRecord = requires {
+    {T::codingFields()};
+};
+
+// Wire enumerations travel as their integer raw value. Decoding is lenient: any integer that
+// names no case decodes as the case whose raw value is 0 ("unspecified"). Specialise with
+//     template <> struct WireEnumTraits<E> { static constexpr std::int64_t caseCount = N; };
+// for an enumeration whose cases are 0 ... N-1.
+template <class E>
+struct WireEnumTraits;
+
+template <class E>
+concept WireEnum = std::is_enum_v<E> && requires {
+    { WireEnumTraits<E>::caseCount } -> std::convertible_to<std::int64_t>;
+};
+
+template <WireEnum E>
+constexpr std::int64_t rawValue(E value) {
+    return static_cast<std::int64_t>(value);
+}
+
+// Strict construction from a raw value: nothing for an integer that names no case.
+template <WireEnum E>
+constexpr std::optional<E> fromRawValue(std::int64_t raw) {
+    if (raw < 0 || raw >= WireEnumTraits<E>::caseCount) {
+        return std::nullopt;
+    }
+    return static_cast<E>(raw);
+}
+
+// Lenient decoding from a raw value: an integer that names no case, negative ones included,
+// becomes the case 0.
+template <WireEnum E>
+constexpr E fromWireValue(std::int64_t raw) {
+    if (static_cast<std::uint64_t>(raw) <
+        static_cast<std::uint64_t>(WireEnumTraits<E>::caseCount)) {
+        return static_cast<E>(raw);
+    }
+    return static_cast<E>(0);
+}
+
+// ---- Encoding ---------------------------------------------------------------------------------
+
+// The writing state of one encoding: the text written so far, the coding path and the first
+// failure. Writes after a failure are ignored.
+class NIMBORRA_CORE_EXPORT EncodingContext {
+  public:
+    std::string& out() { return out_; }
+    bool failed() const { return error_.has_value(); }
+    const std::optional<CodingError>& error() const { return error_; }
+
+    void pushKey(std::string_view key);
+    void pushIndex(std::size_t index);
+    void pop();
+    std::string codingPath() const;
+    void fail(CodingErrorKind kind, std::string detail);
+
+    void writeKey(std::string_view key);
+    void write(bool value);
+    void write(std::int64_t value);
+    void write(double value);
+    void write(std::string_view value);
+    void write(const platform::Data& value);
+
+  private:
+    struct Component {
+        std::string_view key;
+        std::size_t index;
+        bool isIndex;
+    };
+    std::string out_;
+    std::vector<Component> path_;
+    std::optional<CodingError> error_;
+};
+
+template <class T>
+void encodeValue(EncodingContext& context, const T& value);
+
+template <CodableRecord R>
+void encodeRecord(EncodingContext& context, const R& record) {
+    auto& out = context.out();
+    out += '{';
+    bool first = true;
+    std::apply(
+        [&](const auto&... field) {
+            (
+                [&] {
+                    if (context.failed()) {
+                        return;
+                    }
+                    if (!first) {
+                        out += ',';
+                    }
+                    first = false;
+                    context.writeKey(field.key);
+                    context.pushKey(field.key);
+                    encodeValue(context, record.*(field.member));
+                    context.pop();
+                }(),
+                ...);
+        },
+        R::codingFields());
+    out += '}';
+}
+
+template <class T>
+void encodeValue(EncodingContext& context, const T& value) {
+    if constexpr (std::is_same_v<T, bool>) {
+        context.write(value);
+    } else if constexpr (WireEnum<T>) {
+        context.write(rawValue(value));
+    } else if constexpr (std::is_integral_v<T>) {
+        context.write(static_cast<std::int64_t>(value));
+    } else if constexpr (std::is_floating_point_v<T>) {
+        context.write(static_cast<double>(value));
+    } else if constexpr (std::is_same_v<T, std::string>) {
+        context.write(std::string_view(value));
+    } else if constexpr (std::is_same_v<T, platform::Data>) {
+        context.write(value);
+    } else if constexpr (CodableRecord<T>) {
+        encodeRecord(context, value);
+    } else {
+        // std::vector<E>
+        auto& out = context.out();
+        out += '[';
+        std::size_t index = 0;
+        for (const auto& element : value) {
+            if (context.failed()) {
+                return;
+            }
+            if (index > 0) {
+                out += ',';
+            }
+            context.pushIndex(index);
+            encodeValue(context, element);
+            context.pop();
+            ++index;
+        }
+        out += ']';
+    }
+}
+
+// ---- Decoding ---------------------------------------------------------------------------------
+
+// The reading state of one decoding: the coding path and the first failure.
+class NIMBORRA_CORE_EXPORT DecodingContext {
+  public:
+    bool failed() const { return error_.has_value(); }
+    const std::optional<CodingError>& error() const { return error_; }
+
+    void pushKey(std::string_view key);
+    void pushIndex(std::size_t index);
+    void pop();
+    std::string codingPath() const;
+    void fail(CodingErrorKind kind, std::string detail);
+
+    // Each reads `value` into `out`, or records the failure and returns false.
+    bool read(const platform::Value& value, bool& out);
+    bool read(const platform::Value& value, std::int32_t& out);
+    bool read(const platform::Value& value, std::int64_t& out);
+    bool read(const platform::Value& value, double& out);
+    bool read(const platform::Value& value, std::string& out);
+    bool read(const platform::Value& value, platform::Data& out);
+    // Checks that `value` is an object; reports null and other types as failures.
+    const platform::Dictionary* readObject(const platform::Value& value);
+    const platform::Array* readArray(const platform::Value& value);
+    // Looks up a required member; reports an absent key.
+    const platform::Value* requireMember(const platform::Dictionary& object, std::string_view key);
+
+  private:
+    void mismatch(std::string_view expected, const platform::Value& found);
+
+    struct Component {
+        std::string_view key;
+        std::size_t index;
+        bool isIndex;
+    };
+    std::vector<Component> path_;
+    std::optional<CodingError> error_;
+};
+
+template <class T>
+bool decodeValue(DecodingContext& context, const platform::Value& value, T& out);
+
+template <CodableRecord R>
+bool decodeRecord(DecodingContext& context, const platform::Value& value, R& record) {
+    constexpr std::size_t fieldCount = std::tuple_size_v<decltype(R::codingFields())>;
+    if constexpr (fieldCount == 0) {
+        // A record without fields does not look at the value at all.
+        (void)context;
+        (void)value;
+        (void)record;
+        return true;
+    } else {
+        const platform::Dictionary* object = context.readObject(value);
+        if (object == nullptr) {
+            return false;
+        }
+        bool ok = true;
+        std::apply(
+            [&](const auto&... field) {
+                (
+                    [&] {
+                        if (!ok) {
+                            return;
+                        }
+                        context.pushKey(field.key);
+                        const platform::Value* member = context.requireMember(*object, field.key);
+                        ok = member != nullptr &&
+                             decodeValue(context, *member, record.*(field.member));
+                        context.pop();
+                    }(),
+                    ...);
+            },
+            R::codingFields());
+        return ok;
+    }
+}
+
+template <class T>
+bool decodeValue(DecodingContext& context, const platform::Value& value, T& out) {
+    if constexpr (WireEnum<T>) {
+        std::int64_t raw = 0;
+        if (!context.read(value, raw)) {
+            return false;
+        }
+        out = fromWireValue<T>(raw);
+        return true;
+    } else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, std::int32_t> ||
+                         std::is_same_v<T, std::int64_t> || std::is_same_v<T, double> ||
+                         std::is_same_v<T, std::string> || std::is_same_v<T, platform::Data>) {
+        return context.read(value, out);
+    } else if constexpr (CodableRecord<T>) {
+        return decodeRecord(context, value, out);
+    } else {
+        // std::vector<E>
+        const platform::Array* array = context.readArray(value);
+        if (array == nullptr) {
+            return false;
+        }
+        T result;
+        result.reserve(array->size());
+        for (std::size_t index = 0; index < array->size(); ++index) {
+            context.pushIndex(index);
+            typename T::value_type element{};
+            const bool ok = decodeValue(context, (*array)[index], element);
+            context.pop();
+            if (!ok) {
+                return false;
+            }
+            result.push_back(std::move(element));
+        }
+        out = std::move(result);
+        return true;
+    }
+}
+
+}  // namespace nimborra::core

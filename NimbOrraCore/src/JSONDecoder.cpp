@@ -1,0 +1,18 @@
+#include "NimbOrraCore/JSONDecoder.h"
+
+#include "NimbOrraPlatform/JSONSerialization.h"
+
+namespace nimborra::core {
+
+CodingResult<platform::Value> JSONDecoder::parse(std::string_view text) {
+    std::string reason;
+    auto parsed = platform::JSONSerialization::jsonObject(
+        text, platform::JSONReadingOptions{.fragmentsAllowed = true}, &reason);
+    if (!parsed) {
+        return CodingError(CodingErrorKind::dataCorrupted, {},
+                           "the data is not valid JSON (" + reason + ")");
+    }
+    return std::move(*parsed);
+}
+
+}  // namespace nimborra::core

@@ -1,0 +1,227 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "NimbOrraCore/NimbError.h"
+#include "NimbOrraCore/OrraJSONCoding.h"
+#include "NimbOrraPlatform/JSONSerialization.h"
+
+namespace nimborra::core {
+namespace {
+
+enum class Colour : std::int64_t { unspecified, red, green };
+
+struct Inner {
+    std::int32_t n = 0;
+    static constexpr auto codingFields() { return std::tuple{CodingField{"n", &Inner::n}}; }
+    friend bool operator==(const Inner&, const Inner&) = default;
+};
+
+struct Sample {
+    std::string text;
+    std::int32_t small = 0;
+    std::int64_t big = 0;
+    double real = 0;
+    bool flag = false;
+    platform::Data bytes;
+    std::vector<Colour> colours;
+    Inner inner;
+    std::vector<Inner> inners;
+
+    static constexpr auto codingFields() {
+        return std::tuple{
+            CodingField{"text", &Sample::text},       CodingField{"small", &Sample::small},
+            CodingField{"big", &Sample::big},         CodingField{"real", &Sample::real},
+            CodingField{"flag", &Sample::flag},       CodingField{"bytes", &Sample::bytes},
+            CodingField{"colours", &Sample::colours}, CodingField{"inner", &Sample::inner},
+            CodingField{"inners", &Sample::inners}};
+    }
+    friend bool operator==(const Sample&, const Sample&) = default;
+};
+
+struct Empty {
+    static constexpr auto codingFields() { return std::tuple<>{}; }
+};
+
+}  // namespace
+
+template <>
+struct WireEnumTraits<Colour> {
+    static constexpr std::int64_t caseCount = 3;
+};
+
+namespace {
+
+const std::string kSampleJSON =
+    R"({"text":"a\/b","small":-3,"big":9007199254740993,"real":0.5,"flag":true,)"
+    R"("bytes":"AP8Q","colours":[1,2,0],"inner":{"n":7},"inners":[{"n":1},{"n":2}]})";
+
+Sample sample() {
+    return Sample{"a/b",
+                  -3,
+                  9007199254740993,
+                  0.5,
+                  true,
+                  platform::Data{{0x00, 0xff, 0x10}},
+                  {Colour::red, Colour::green, Colour::unspecified},
+                  Inner{7},
+                  {Inner{1}, Inner{2}}};
+}
+
+TEST(OrraJSONCoding, EncodesMembersInDeclarationOrderWithThePlatformRules) {
+    auto encoded = OrraJSONCoding::makeEncoder().encode(sample());
+    ASSERT_TRUE(encoded.ok()) << encoded.error().description();
+    EXPECT_EQ(encoded.value(), kSampleJSON);
+    EXPECT_EQ(OrraJSONCoding::makeEncoder().encode(Empty{}).value(), "{}");
+}
+
+TEST(OrraJSONCoding, RoundTrips) {
+    auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(kSampleJSON);
+    ASSERT_TRUE(decoded.ok()) << decoded.error().description();
+    EXPECT_EQ(decoded.value(), sample());
+}
+
+TEST(OrraJSONCoding, EncodingFailsOnNonFiniteNumbersWithThePath) {
+    Sample s = sample();
+    s.real = std::numeric_limits<double>::quiet_NaN();
+    auto encoded = OrraJSONCoding::makeEncoder().encode(s);
+    ASSERT_FALSE(encoded.ok());
+    EXPECT_EQ(encoded.error().kind(), CodingErrorKind::invalidValue);
+    EXPECT_EQ(encoded.error().description(),
+              "invalidValue at \"real\": the number nan cannot be written in JSON");
+}
+
+struct DecodingFailure {
+    const char* name;
+    std::string json;
+    CodingErrorKind kind;
+    std::string description;
+};
+
+std::string replaced(std::string json, const std::string& from, const std::string& to) {
+    const auto at = json.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return json.replace(at, from.size(), to);
+}
+
+class OrraJSONDecodingFailures : public ::testing::TestWithParam<DecodingFailure> {};
+
+TEST_P(OrraJSONDecodingFailures, ReportKindPathAndWhatWasFound) {
+    const auto& c = GetParam();
+    auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(c.json);
+    ASSERT_FALSE(decoded.ok());
+    EXPECT_EQ(decoded.error().kind(), c.kind);
+    if (c.description.empty()) {
+        EXPECT_TRUE(decoded.error().description().starts_with(
+            "dataCorrupted at the top level: the data is not valid JSON ("))
+            << decoded.error().description();
+    } else {
+        EXPECT_EQ(decoded.error().description(), c.description);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, OrraJSONDecodingFailures,
+    ::testing::Values(
+        DecodingFailure{"notJSON", "{", CodingErrorKind::dataCorrupted, ""},
+        DecodingFailure{"empty", "", CodingErrorKind::dataCorrupted, ""},
+        DecodingFailure{"notAnObject", "[]", CodingErrorKind::typeMismatch,
+                        "typeMismatch at the top level: expected an object but found an array"},
+        DecodingFailure{"missingKey", replaced(kSampleJSON, R"("small":-3,)", ""),
+                        CodingErrorKind::keyNotFound,
+                        "keyNotFound at \"small\": no value for key \"small\""},
+        DecodingFailure{"null", replaced(kSampleJSON, "\"small\":-3", "\"small\":null"),
+                        CodingErrorKind::valueNotFound,
+                        "valueNotFound at \"small\": expected an integer but found null"},
+        DecodingFailure{"stringForInt", replaced(kSampleJSON, "-3", "\"-3\""),
+                        CodingErrorKind::typeMismatch,
+                        "typeMismatch at \"small\": expected an integer but found a string"},
+        DecodingFailure{"boolForInt", replaced(kSampleJSON, "-3", "true"),
+                        CodingErrorKind::typeMismatch,
+                        "typeMismatch at \"small\": expected an integer but found a boolean"},
+        DecodingFailure{"int32Overflow", replaced(kSampleJSON, "-3", "2147483648"),
+                        CodingErrorKind::dataCorrupted,
+                        "dataCorrupted at \"small\": the number 2147483648 does not fit in a "
+                        "32-bit integer"},
+        DecodingFailure{"fraction", replaced(kSampleJSON, "-3", "1.5"),
+                        CodingErrorKind::dataCorrupted,
+                        "dataCorrupted at \"small\": the number 1.5 is not an integer"},
+        DecodingFailure{"int64Overflow", replaced(kSampleJSON, "9007199254740993", "1e19"),
+                        CodingErrorKind::dataCorrupted,
+                        "dataCorrupted at \"big\": the number 1e+19 does not fit in a 64-bit "
+                        "integer"},
+        DecodingFailure{"numberForBool", replaced(kSampleJSON, "\"flag\":true", "\"flag\":1"),
+                        CodingErrorKind::typeMismatch,
+                        "typeMismatch at \"flag\": expected a boolean but found an integer"},
+        DecodingFailure{"badBase64", replaced(kSampleJSON, "AP8Q", "AP8"),
+                        CodingErrorKind::dataCorrupted,
+                        "dataCorrupted at \"bytes\": the string is not valid base64"},
+        DecodingFailure{"enumAsString", replaced(kSampleJSON, "[1,2,0]", "[1,\"2\"]"),
+                        CodingErrorKind::typeMismatch,
+                        "typeMismatch at \"colours[1]\": expected an integer but found a string"},
+        DecodingFailure{"nestedMissing", replaced(kSampleJSON, "{\"n\":2}", "{}"),
+                        CodingErrorKind::keyNotFound,
+                        "keyNotFound at \"inners[1].n\": no value for key \"n\""}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(OrraJSONCoding, IntegerReadsAcceptIntegralRealsAndEnumsFallBackToUnspecified) {
+    auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(
+        replaced(replaced(kSampleJSON, "-3", "1e2"), "[1,2,0]", "[3.0,-1,99,2]"));
+    ASSERT_TRUE(decoded.ok()) << decoded.error().description();
+    EXPECT_EQ(decoded.value().small, 100);
+    EXPECT_EQ(decoded.value().colours, (std::vector{Colour::unspecified, Colour::unspecified,
+                                                    Colour::unspecified, Colour::green}));
+    EXPECT_EQ(fromRawValue<Colour>(2), Colour::green);
+    EXPECT_EQ(fromRawValue<Colour>(3), std::nullopt);
+    EXPECT_EQ(fromRawValue<Colour>(-1), std::nullopt);
+}
+
+TEST(OrraJSONCoding, FieldlessRecordsAcceptAnyJSONButNotGarbage) {
+    for (const char* text : {"{}", "[]", "\"x\"", "3", "null", "{\"anything\":1}"}) {
+        EXPECT_TRUE(OrraJSONCoding::makeDecoder().decode<Empty>(text).ok()) << text;
+    }
+    for (const char* text : {"", "{", "nope"}) {
+        auto decoded = OrraJSONCoding::makeDecoder().decode<Empty>(text);
+        ASSERT_FALSE(decoded.ok()) << text;
+        EXPECT_EQ(decoded.error().kind(), CodingErrorKind::dataCorrupted);
+        EXPECT_TRUE(decoded.error().description().starts_with("dataCorrupted at the top level: "));
+    }
+}
+
+TEST(NimbError, JSONObjectHasCodeMessageThenPresentFieldsInOrder) {
+    NimbError error(NimbErrorCode::failedPrecondition, "m/1");
+    error.instance = "inst";
+    error.details = platform::Value(platform::Dictionary{{"k", 1}});
+    error.externalCode = "EXT";
+    auto text = platform::JSONSerialization::data(error.toJSONObject());
+    ASSERT_TRUE(text.has_value());
+    EXPECT_EQ(*text, R"({"code":"FAILED_PRECONDITION","message":"m\/1","externalCode":"EXT",)"
+                     R"("details":{"k":1},"instance":"inst"})");
+    NimbError bare(NimbErrorCode::internal, "x");
+    EXPECT_EQ(platform::JSONSerialization::data(bare.toJSONObject()),
+              R"({"code":"INTERNAL","message":"x"})");
+}
+
+TEST(NimbErrorCode, WireTextsAreUpperSnakeCaseAndReversible) {
+    const std::pair<NimbErrorCode, const char*> cases[] = {
+        {NimbErrorCode::ok, "OK"},
+        {NimbErrorCode::invalidArgument, "INVALID_ARGUMENT"},
+        {NimbErrorCode::deadlineExceeded, "DEADLINE_EXCEEDED"},
+        {NimbErrorCode::failedPrecondition, "FAILED_PRECONDITION"},
+        {NimbErrorCode::unavailable, "UNAVAILABLE"},
+        {NimbErrorCode::unauthenticated, "UNAUTHENTICATED"},
+    };
+    for (const auto& [code, text] : cases) {
+        EXPECT_EQ(wireText(code), text);
+        EXPECT_EQ(nimbErrorCodeFromWireText(text), code);
+    }
+    for (int i = 0; i <= static_cast<int>(NimbErrorCode::unauthenticated); ++i) {
+        const auto code = static_cast<NimbErrorCode>(i);
+        EXPECT_EQ(nimbErrorCodeFromWireText(wireText(code)), code);
+    }
+    EXPECT_EQ(nimbErrorCodeFromWireText("internal"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace nimborra::core

@@ -1,0 +1,25 @@
+// Helpers shared by the test programs.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace nimborra::testing {
+
+// The shared corpora directory (../shared/corpora beside the source tree, or
+// $NIMBORRA_SHARED_DIR/corpora), or nothing when it is absent.
+std::optional<std::filesystem::path> corporaDirectory();
+
+// Reads a whole file; empty when it cannot be read.
+std::string readFile(const std::filesystem::path& path);
+
+}  // namespace nimborra::testing
+
+// Skips the current test, saying why, when the shared corpora are not there.
+#define NIMBORRA_REQUIRE_CORPORA(dirVar)                                               \
+    const auto dirVar##Optional = ::nimborra::testing::corporaDirectory();             \
+    if (!dirVar##Optional) {                                                           \
+        GTEST_SKIP() << "the shared test corpora (../shared/corpora) are not present"; \
+    }                                                                                  \
+    const std::filesystem::path dirVar = *dirVar##Optional
