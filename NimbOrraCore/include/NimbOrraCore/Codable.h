@@ -43,6 +43,9 @@ struct CodingField {
     Member Record::*member;
 };
 
+template <class Record, class Member>
+CodingField(std::string_view, Member Record::*) -> CodingField<Record, Member>;
+
 template <class T>
 concept CodableRecord = requires {
     {T::codingFields()};

@@ -76,8 +76,8 @@ class NIMBORRA_PLATFORM_EXPORT Dictionary {
     Dictionary& operator=(Dictionary&& other) noexcept;
     ~Dictionary();
 
-    std::size_t size() const { return entries_.size(); }
-    bool empty() const { return entries_.empty(); }
+    std::size_t size() const;
+    bool empty() const;
 
     // The value stored under `key`, or nullptr.
     const Value* find(const Key& key) const;
@@ -86,10 +86,10 @@ class NIMBORRA_PLATFORM_EXPORT Dictionary {
 
     // Stores `value` under `key`, replacing an earlier value of an equal key.
     void set(Key key, Value value);
-    void reserve(std::size_t count) { entries_.reserve(count); }
+    void reserve(std::size_t count);
 
-    std::vector<Entry>::const_iterator begin() const { return entries_.begin(); }
-    std::vector<Entry>::const_iterator end() const { return entries_.end(); }
+    std::vector<Entry>::const_iterator begin() const;
+    std::vector<Entry>::const_iterator end() const;
     const std::vector<Entry>& entries() const { return entries_; }
 
     // Same keys mapped to equal values, whatever the order.
@@ -171,6 +171,17 @@ class NIMBORRA_PLATFORM_EXPORT Value {
                  Array, Dictionary>
         storage_;
 };
+
+// Defined here, where Value is complete, so that the entry type can be instantiated.
+inline std::size_t Dictionary::size() const { return entries_.size(); }
+inline bool Dictionary::empty() const { return entries_.empty(); }
+inline void Dictionary::reserve(std::size_t count) { entries_.reserve(count); }
+inline std::vector<Dictionary::Entry>::const_iterator Dictionary::begin() const {
+    return entries_.begin();
+}
+inline std::vector<Dictionary::Entry>::const_iterator Dictionary::end() const {
+    return entries_.end();
+}
 
 // A short name of the kind, for descriptions ("a string", "an integer", ...).
 NIMBORRA_PLATFORM_EXPORT std::string_view describeKind(Value::Kind kind);
