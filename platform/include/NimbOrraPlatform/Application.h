@@ -1,0 +1,53 @@
+// The application object: the process's one UIApplication, through which the application asks
+// the system to register it for remote notifications.
+//
+// Linux has no push service, so a registration is only recorded: hosts and tests can count the
+// registrations, see how many of them were made on the main thread (where the platform requires
+// them), and wait for one to happen.
+//
+// Threads: every member function may be called from any thread; the state is guarded by one lock.
+// registerForRemoteNotifications() belongs on the main thread; a call from elsewhere is recorded
+// as such and otherwise behaves the same.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+
+#include "NimbOrraPlatform/Export.h"
+
+namespace nimborra::platform {
+
+class NIMBORRA_PLATFORM_EXPORT UIApplication {
+  public:
+    // The process's one application object, created on first use and never destroyed.
+    static UIApplication& sharedApplication();
+
+    UIApplication(const UIApplication&) = delete;
+    UIApplication& operator=(const UIApplication&) = delete;
+
+    // Records one registration and wakes the threads waiting for it.
+    void registerForRemoteNotifications();
+
+    // Registrations since the start or the last reset(), and how many of them ran on the main
+    // thread.
+    std::size_t registrationCount() const;
+    std::size_t mainThreadRegistrationCount() const;
+
+    // Blocks until at least `count` registrations have been recorded or `timeout` has passed;
+    // returns whether the count was reached. Pass registrationCount() + 1, read before the action
+    // that should register, to wait for the next registration.
+    bool waitForRegistrationCount(std::size_t count, std::chrono::milliseconds timeout) const;
+
+    // Forgets every registration.
+    void reset();
+
+  private:
+    UIApplication();
+    ~UIApplication();
+
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace nimborra::platform

@@ -1,0 +1,171 @@
+// The user-notification center stand-in: answers from programmable state, delivered on a serial
+// dispatch queue of its own so that handlers never run on the requesting thread.
+#include "NimbOrraPlatform/UserNotificationCenter.h"
+
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "NimbOrraPlatform/DispatchQueue.h"
+
+namespace nimborra::platform {
+
+struct UNUserNotificationCenter::State {
+    DispatchQueue delivery{"com.nimborra.platform.usernotifications", DispatchQoS::userInitiated};
+
+    mutable std::mutex mutex;
+    // The programmed answers.
+    bool granted = true;
+    std::optional<NSError> authorizationError;
+    std::int64_t authorizationStatus = UNAuthorizationStatusNotDetermined;
+    std::optional<NSError> badgeError;
+    // Answers kept back while holding, oldest first.
+    bool holding = false;
+    std::vector<std::function<void()>> held;
+    // What was asked.
+    std::optional<UNAuthorizationOptions> lastAuthorizationOptions;
+    std::optional<std::int64_t> lastBadgeCount;
+    std::size_t authorizationRequests = 0;
+    std::size_t settingsRequests = 0;
+    std::size_t badgeRequests = 0;
+
+    // Delivers `answer` now or keeps it; the caller holds `mutex`. Submitting under the lock
+    // keeps released answers ahead of any answer given after holding was turned off.
+    void answer(std::function<void()> answer) {
+        if (holding) {
+            held.push_back(std::move(answer));
+        } else {
+            delivery.async(std::move(answer));
+        }
+    }
+
+    // The caller holds `mutex`.
+    void releaseHeld() {
+        std::vector<std::function<void()>> released;
+        released.swap(held);
+        for (auto& answer : released) {
+            delivery.async(std::move(answer));
+        }
+    }
+};
+
+UNUserNotificationCenter::UNUserNotificationCenter() : state_(std::make_unique<State>()) {}
+
+UNUserNotificationCenter::~UNUserNotificationCenter() = default;
+
+UNUserNotificationCenter& UNUserNotificationCenter::currentNotificationCenter() {
+    // Never destroyed: handlers may still be in flight while the process shuts down.
+    static UNUserNotificationCenter* const center = new UNUserNotificationCenter;
+    return *center;
+}
+
+void UNUserNotificationCenter::requestAuthorizationWithOptions(
+    UNAuthorizationOptions options, AuthorizationHandler completionHandler) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->lastAuthorizationOptions = options;
+    ++state_->authorizationRequests;
+    if (!completionHandler) {
+        return;
+    }
+    state_->answer([handler = std::move(completionHandler), granted = state_->granted,
+                    error = state_->authorizationError]() { handler(granted, error); });
+}
+
+void UNUserNotificationCenter::getNotificationSettingsWithCompletionHandler(
+    SettingsHandler completionHandler) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    ++state_->settingsRequests;
+    if (!completionHandler) {
+        return;
+    }
+    UNNotificationSettings settings;
+    settings.authorizationStatus = state_->authorizationStatus;
+    state_->answer([handler = std::move(completionHandler), settings]() { handler(settings); });
+}
+
+void UNUserNotificationCenter::setBadgeCount(std::int64_t count, BadgeHandler completionHandler) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->lastBadgeCount = count;
+    ++state_->badgeRequests;
+    if (!completionHandler) {
+        return;
+    }
+    state_->answer(
+        [handler = std::move(completionHandler), error = state_->badgeError]() { handler(error); });
+}
+
+void UNUserNotificationCenter::setAuthorizationAnswer(bool granted, std::optional<NSError> error) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->granted = granted;
+    state_->authorizationError = std::move(error);
+}
+
+void UNUserNotificationCenter::setAuthorizationStatus(std::int64_t rawStatus) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->authorizationStatus = rawStatus;
+}
+
+void UNUserNotificationCenter::setBadgeError(std::optional<NSError> error) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->badgeError = std::move(error);
+}
+
+void UNUserNotificationCenter::setHoldsAnswers(bool hold) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->holding = hold;
+    if (!hold) {
+        state_->releaseHeld();
+    }
+}
+
+bool UNUserNotificationCenter::holdsAnswers() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->holding;
+}
+
+std::size_t UNUserNotificationCenter::heldAnswerCount() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->held.size();
+}
+
+std::optional<UNAuthorizationOptions> UNUserNotificationCenter::lastAuthorizationOptions() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->lastAuthorizationOptions;
+}
+
+std::optional<std::int64_t> UNUserNotificationCenter::lastBadgeCount() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->lastBadgeCount;
+}
+
+std::size_t UNUserNotificationCenter::authorizationRequestCount() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->authorizationRequests;
+}
+
+std::size_t UNUserNotificationCenter::settingsRequestCount() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->settingsRequests;
+}
+
+std::size_t UNUserNotificationCenter::badgeRequestCount() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->badgeRequests;
+}
+
+void UNUserNotificationCenter::reset() {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->holding = false;
+    state_->releaseHeld();
+    state_->granted = true;
+    state_->authorizationError.reset();
+    state_->authorizationStatus = UNAuthorizationStatusNotDetermined;
+    state_->badgeError.reset();
+    state_->lastAuthorizationOptions.reset();
+    state_->lastBadgeCount.reset();
+    state_->authorizationRequests = 0;
+    state_->settingsRequests = 0;
+    state_->badgeRequests = 0;
+}
+
+}  // namespace nimborra::platform
