@@ -1,0 +1,45 @@
+// Reads the "aps-environment" entitlement from the application's embedded provisioning profile
+// (the main bundle's resource "embedded.mobileprovision"), without asking any server.
+//
+// Stateless and safe from any thread; every call reads the file afresh. Nothing is logged and no
+// error leaves it: a missing or unreadable profile answers "production", a profile without a
+// usable entitlement answers nothing.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "NimbOrraPlatform/Value.h"
+#include "NimbOrraPushAddonApns/Export.h"
+
+namespace nimborra::apns {
+
+class NIMBORRA_APNS_EXPORT ApnsEntitlementReading {
+  public:
+    virtual ~ApnsEntitlementReading();
+    // "production" when there is no profile or it cannot be read; nothing when the profile has no
+    // usable "aps-environment" text; otherwise that text exactly as stored.
+    virtual std::optional<std::string> readApsEnvironment() const = 0;
+
+  protected:
+    ApnsEntitlementReading() = default;
+    ApnsEntitlementReading(const ApnsEntitlementReading&) = default;
+    ApnsEntitlementReading& operator=(const ApnsEntitlementReading&) = default;
+};
+
+class NIMBORRA_APNS_EXPORT ApnsEntitlementReader final : public ApnsEntitlementReading {
+  public:
+    std::optional<std::string> readApsEnvironment() const override;
+};
+
+// The "Entitlements" dictionary of a provisioning profile's bytes. The property list is found by
+// a plain byte search (the first "<plist" through the end of the first "</plist>"), not by
+// decoding the signature container around it. Nothing when either tag is missing, they are out
+// of order, the property list does not parse, its root is not a dictionary or it has no
+// "Entitlements" dictionary.
+NIMBORRA_APNS_EXPORT std::optional<platform::Dictionary> extractEntitlements(
+    std::span<const std::uint8_t> profile) noexcept;
+
+}  // namespace nimborra::apns

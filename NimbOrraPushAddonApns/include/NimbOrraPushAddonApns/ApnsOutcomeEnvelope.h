@@ -1,0 +1,67 @@
+// Builds the reply texts of the "ApnsService" plug-in. Every reply is one JSON text whose only
+// top-level member tells its kind:
+//   {"success":R}                        the response record R, as the bridge's encoder wrote it
+//   {"error":E}                          a NimbError's JSON object, or {"code":C,"message":M}
+//   {"outcome":{"code":C,"data":D}}      an outcome this library does not model
+// Replies built by the serialiser fall back to fixed texts when the tree cannot be written or is
+// not UTF-8, so that a reply is never lost. Stateless; safe from any thread; never throws.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "NimbOrraCore/CodingError.h"
+#include "NimbOrraCore/NimbError.h"
+#include "NimbOrraCore/OrraJSONCoding.h"
+#include "NimbOrraPlatform/JSONSerialization.h"
+#include "NimbOrraPlatform/Value.h"
+#include "NimbOrraPushAddonApns/ApnsServiceResults.h"
+#include "NimbOrraPushAddonApns/Export.h"
+
+namespace nimborra::apns {
+
+struct NIMBORRA_APNS_EXPORT ApnsOutcomeEnvelope {
+    ApnsOutcomeEnvelope() = delete;
+
+    // Used when a reply tree cannot be serialised.
+    static constexpr std::string_view serialisationFallback =
+        R"({"error":{"code":"INTERNAL","message":"<unserialisable>"}})";
+    // Used when a serialised reply is not valid UTF-8.
+    static constexpr std::string_view textFallback =
+        R"({"error":{"code":"INTERNAL","message":"<non-utf8>"}})";
+    static constexpr std::string_view unknownOutcomeNotJSONMessage =
+        "Unknown outcome rawJson was not valid JSON";
+
+    // {"error":{"code":code,"message":message}}.
+    static std::string errorReply(std::string_view code, std::string_view message);
+    // {"error":problem.toJSONObject()}.
+    static std::string failureReply(const core::NimbError& problem);
+    // {"outcome":{"code":...,"data":...}}, or the "INTERNAL" error reply when rawJson is not JSON
+    // (a top-level fragment such as 42 or null is accepted).
+    static std::string unknownReply(const ApnsServiceUnknownOutcome& outcome);
+    // {"success":...}: joined as text, so the encoder's member order is kept. "{}" stands in for
+    // an encoding that is not UTF-8.
+    static std::string successReply(std::string encodedResponse);
+
+    // The reply for any operation result. Only the encoding of a `success` response can fail;
+    // that failure is returned for the caller to answer.
+    template <class Response>
+    static core::CodingResult<std::string> reply(const ApnsServiceResult<Response>& result) {
+        if (const Response* response = result.successValue()) {
+            auto encoded = core::OrraJSONCoding::makeEncoder().encode(*response);
+            if (!encoded.ok()) {
+                return encoded.error();
+            }
+            return successReply(std::move(encoded).value());
+        }
+        if (const auto* outcome = result.unknownValue()) {
+            return unknownReply(*outcome);
+        }
+        return failureReply(*result.problem());
+    }
+
+    // Serialises a reply tree with the platform serialiser and applies both fall-backs.
+    static std::string serialise(const platform::Value& tree);
+};
+
+}  // namespace nimborra::apns

@@ -1,0 +1,79 @@
+#include "NimbOrraPushAddonApns/ApnsOutcomeEnvelope.h"
+
+namespace nimborra::apns {
+
+namespace {
+
+platform::Value wrap(std::string_view member, platform::Value value) {
+    platform::Dictionary top;
+    top.set(platform::Key(member), std::move(value));
+    return platform::Value(std::move(top));
+}
+
+}  // namespace
+
+std::string ApnsOutcomeEnvelope::serialise(const platform::Value& tree) {
+    try {
+        auto text = platform::JSONSerialization::data(tree);
+        if (!text) {
+            return std::string(serialisationFallback);
+        }
+        if (!platform::isValidUTF8(*text)) {
+            return std::string(textFallback);
+        }
+        return std::move(*text);
+    } catch (...) {
+        return std::string(serialisationFallback);
+    }
+}
+
+std::string ApnsOutcomeEnvelope::errorReply(std::string_view code, std::string_view message) {
+    try {
+        platform::Dictionary error;
+        error.set("code", code);
+        error.set("message", message);
+        return serialise(wrap("error", platform::Value(std::move(error))));
+    } catch (...) {
+        return std::string(serialisationFallback);
+    }
+}
+
+std::string ApnsOutcomeEnvelope::failureReply(const core::NimbError& problem) {
+    try {
+        return serialise(wrap("error", problem.toJSONObject()));
+    } catch (...) {
+        return std::string(serialisationFallback);
+    }
+}
+
+std::string ApnsOutcomeEnvelope::unknownReply(const ApnsServiceUnknownOutcome& outcome) {
+    try {
+        auto data = platform::JSONSerialization::jsonObject(
+            outcome.rawJson, platform::JSONReadingOptions{.fragmentsAllowed = true});
+        if (!data) {
+            return errorReply("INTERNAL", unknownOutcomeNotJSONMessage);
+        }
+        platform::Dictionary body;
+        body.set("code", outcome.code);
+        body.set("data", std::move(*data));
+        return serialise(wrap("outcome", platform::Value(std::move(body))));
+    } catch (...) {
+        return std::string(serialisationFallback);
+    }
+}
+
+std::string ApnsOutcomeEnvelope::successReply(std::string encodedResponse) {
+    constexpr std::string_view prefix = "{\"success\":";
+    std::string_view body = encodedResponse;
+    if (!platform::isValidUTF8(body)) {
+        body = "{}";
+    }
+    std::string reply;
+    reply.reserve(prefix.size() + body.size() + 1);
+    reply += prefix;
+    reply += body;
+    reply += '}';
+    return reply;
+}
+
+}  // namespace nimborra::apns

@@ -1,0 +1,8 @@
+#include "NimbOrraPushAddonApns/ApnsServiceNativeAdapter.h"
+
+namespace nimborra::apns {
+
+// Out of line so that the interface's type information lives in this library.
+ApnsServiceNativeAdapter::~ApnsServiceNativeAdapter() = default;
+
+}  // namespace nimborra::apns
