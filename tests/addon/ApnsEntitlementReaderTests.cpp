@@ -1,0 +1,159 @@
+#include "NimbOrraPushAddonApns/ApnsEntitlementReader.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "NimbOrraPlatform/Bundle.h"
+#include "support/SignedProfile.h"
+#include "support/TestSupport.h"
+
+namespace nimborra::apns {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Points the main bundle at a fresh temporary directory for one test.
+class ApnsEntitlementReaderTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        previous_ = platform::Bundle::mainBundle().resourceDirectory();
+        std::random_device random;
+        directory_ =
+            fs::temp_directory_path() /
+            ("nimborra-entitlements-" + std::to_string(random()) + std::to_string(random()));
+        fs::create_directories(directory_);
+        platform::Bundle::mainBundle().setResourceDirectory(directory_);
+    }
+    void TearDown() override {
+        platform::Bundle::mainBundle().setResourceDirectory(previous_);
+        std::error_code ec;
+        fs::remove_all(directory_, ec);
+    }
+
+    void writeProfile(std::string_view bytes) {
+        std::ofstream out(directory_ / "embedded.mobileprovision", std::ios::binary);
+        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    }
+
+    std::optional<std::string> read() { return ApnsEntitlementReader().readApsEnvironment(); }
+
+    fs::path directory_;
+    fs::path previous_;
+};
+
+std::string plistWithEntitlements(std::string_view entitlementsBody) {
+    return std::string(R"(<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0"><dict><key>Name</key><string>x</string><key>Entitlements</key><dict>)") +
+           std::string(entitlementsBody) + "</dict></dict></plist>";
+}
+
+std::string repeated(std::string_view text, std::size_t count) {
+    std::string out;
+    out.reserve(text.size() * count);
+    for (std::size_t i = 0; i < count; ++i) {
+        out += text;
+    }
+    return out;
+}
+
+TEST_F(ApnsEntitlementReaderTest, MissingOrUnreadableProfileMeansProduction) {
+    EXPECT_EQ(read(), "production");
+    fs::create_directory(directory_ / "embedded.mobileprovision");
+    EXPECT_EQ(read(), "production") << "a directory cannot be read";
+}
+
+TEST_F(ApnsEntitlementReaderTest, SignedProfilesAnswerTheStoredText) {
+    for (const char* environment : {"development", "production", "Production", " production"}) {
+        const auto profile =
+            testing::makeSignedProfile(testing::profilePlist(std::string(environment)));
+        if (!profile) {
+            GTEST_SKIP() << "the openssl command-line tool is not available";
+        }
+        writeProfile(*profile);
+        EXPECT_EQ(read(), environment);
+    }
+    const auto withoutPush = testing::makeSignedProfile(testing::profilePlist(std::nullopt));
+    ASSERT_TRUE(withoutPush.has_value());
+    writeProfile(*withoutPush);
+    EXPECT_EQ(read(), std::nullopt);
+}
+
+// Profiles that are read but hold no usable entitlement answer nothing, not "production".
+TEST_F(ApnsEntitlementReaderTest, OddShapesAnswerNothing) {
+    const std::string good =
+        plistWithEntitlements("<key>aps-environment</key><string>development</string>");
+    const std::pair<const char*, std::string> cases[] = {
+        {"empty file", ""},
+        {"no <plist", "binary garbage without the tag </plist>"},
+        {"no </plist>", "<plist version=\"1.0\"><dict></dict>"},
+        {"close before open", "</plist> junk " + good.substr(0, good.size() - 8)},
+        {"array root", "<plist version=\"1.0\"><array><string>x</string></array></plist>"},
+        {"empty root", "<plist version=\"1.0\"><dict/></plist>"},
+        {"no Entitlements", "<plist version=\"1.0\"><dict><key>a</key><true/></dict></plist>"},
+        {"Entitlements not a dictionary",
+         "<plist version=\"1.0\"><dict><key>Entitlements</key><string>x</string></dict></plist>"},
+        {"no aps-environment", plistWithEntitlements("<key>get-task-allow</key><true/>")},
+        {"number", plistWithEntitlements("<key>aps-environment</key><integer>1</integer>")},
+        {"dictionary", plistWithEntitlements("<key>aps-environment</key><dict/>")},
+        {"empty text", plistWithEntitlements("<key>aps-environment</key><string></string>")},
+        {"malformed XML", good.substr(0, good.size() - 20) + "</plist>"},
+        {"deep nesting", "<plist version=\"1.0\">" + repeated("<array>", 100000) + "</plist>"},
+        {"huge", "<plist version=\"1.0\"><dict><key>Entitlements</key><dict><key>k</key><string>" +
+                     std::string(2 << 20, 'a') +
+                     "</string><key>aps-environment</key><string>development</string></dict>"
+                     "</dict></plist>"},
+    };
+    for (const auto& [name, bytes] : cases) {
+        writeProfile(bytes);
+        EXPECT_EQ(read(), std::nullopt) << name;
+    }
+    writeProfile("\x01\x02 prefix bytes " + good + " trailing bytes");
+    EXPECT_EQ(read(), "development");
+}
+
+TEST(ExtractEntitlements, FindsThePropertyListByByteSearch) {
+    const std::string plist = plistWithEntitlements(
+        "<key>aps-environment</key><string>development</string><key>n</key><integer>3</integer>");
+    const std::string bytes = std::string("\x30\x82\x00\x00", 4) + plist + std::string("\0\xff", 2);
+    auto entitlements = extractEntitlements(
+        std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+    ASSERT_TRUE(entitlements.has_value());
+    EXPECT_EQ(entitlements->size(), 2u);
+    EXPECT_EQ(*entitlements->find("n"), platform::Value(3));
+}
+
+// Real profiles: the expected answers come from the corpus's index.
+TEST(ApnsEntitlementReaderCorpus, RealProfilesAnswerAsIndexed) {
+    NIMBORRA_REQUIRE_CORPORA(corpora);
+    const std::pair<const char*, std::optional<std::string>> expected[] = {
+        {"ios-development-ber.mobileprovision", "development"},
+        {"ios-development-der.mobileprovision", "development"},
+        {"ios-adhoc.mobileprovision", "production"},
+        {"ios-appstore.mobileprovision", "production"},
+        {"ios-appstore-no-push.mobileprovision", std::nullopt},
+        {"macos-development.provisionprofile", std::nullopt},
+        {"unsigned-xml-doctype.mobileprovision", "production"},
+        {"unsigned-binary-plist.mobileprovision", std::nullopt},
+        {"enterprise-ber-odd-data.mobileprovision", "production"},
+        {"unsigned-leading-byte-odd-data.mobileprovision", "production"},
+    };
+    const auto previous = platform::Bundle::mainBundle().resourceDirectory();
+    std::random_device random;
+    const fs::path directory =
+        fs::temp_directory_path() / ("nimborra-corpus-" + std::to_string(random()));
+    fs::create_directories(directory);
+    platform::Bundle::mainBundle().setResourceDirectory(directory);
+    for (const auto& [file, answer] : expected) {
+        fs::copy_file(corpora / "provisioning-profiles" / file,
+                      directory / "embedded.mobileprovision", fs::copy_options::overwrite_existing);
+        EXPECT_EQ(ApnsEntitlementReader().readApsEnvironment(), answer) << file;
+    }
+    platform::Bundle::mainBundle().setResourceDirectory(previous);
+    fs::remove_all(directory);
+}
+
+}  // namespace
+}  // namespace nimborra::apns

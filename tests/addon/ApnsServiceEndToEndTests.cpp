@@ -1,0 +1,363 @@
+// The plug-in driven the way a host drives it: register through the exported entry point, find
+// "ApnsService" on the bridge, subscribe to its events, program the stand-in platform and call
+// methods by name with JSON payloads.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "NimbOrraCore/OrraBridgeDispatcher.h"
+#include "NimbOrraPlatform/Application.h"
+#include "NimbOrraPlatform/Bundle.h"
+#include "NimbOrraPlatform/DispatchQueue.h"
+#include "NimbOrraPlatform/JSONSerialization.h"
+#include "NimbOrraPlatform/Logger.h"
+#include "NimbOrraPlatform/UserNotificationCenter.h"
+#include "NimbOrraPushAddonApns/ApnsColdStartBuffer.h"
+#include "NimbOrraPushAddonApns/ApnsServiceNativeAdapterDefault.h"
+#include "support/SignedProfile.h"
+
+namespace nimborra::apns {
+namespace {
+
+namespace fs = std::filesystem;
+using platform::LogLevel;
+using platform::LogRecord;
+using platform::NSError;
+using platform::UNUserNotificationCenter;
+
+constexpr auto kTimeout = std::chrono::seconds(30);
+
+struct Event {
+    std::string name;
+    std::string payload;
+    friend bool operator==(const Event&, const Event&) = default;
+};
+
+class ApnsServiceEndToEnd : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        core::OrraBridgeDispatcher::shared().resetForTesting();
+        center().reset();
+        platform::UIApplication::sharedApplication().reset();
+        (void)ApnsColdStartBuffer::shared()->drain();
+
+        previousBundle_ = platform::Bundle::mainBundle().resourceDirectory();
+        std::random_device random;
+        bundle_ = fs::temp_directory_path() /
+                  ("nimborra-e2e-" + std::to_string(random()) + std::to_string(random()));
+        fs::create_directories(bundle_);
+        platform::Bundle::mainBundle().setResourceDirectory(bundle_);
+
+        ::Nimb_Orra_ApnsService_Register();
+        plugin_ = core::OrraBridgeDispatcher::shared().plugin("ApnsService");
+        ASSERT_NE(plugin_, nullptr);
+        core::OrraBridgeDispatcher::shared().subscribe(
+            [this](const std::string& name, const std::string& payload) {
+                std::lock_guard lock(mutex_);
+                events_.push_back({name, payload});
+            });
+    }
+
+    void TearDown() override {
+        center().setHoldsAnswers(false);
+        plugin_.reset();
+        core::OrraBridgeDispatcher::shared().resetForTesting();
+        center().reset();
+        platform::Bundle::mainBundle().setResourceDirectory(previousBundle_);
+        std::error_code ec;
+        fs::remove_all(bundle_, ec);
+    }
+
+    static UNUserNotificationCenter& center() {
+        return UNUserNotificationCenter::currentNotificationCenter();
+    }
+
+    std::future<std::string> callAsync(std::string method, std::string payload) {
+        auto reply = std::make_shared<std::promise<std::string>>();
+        auto future = reply->get_future();
+        plugin_->callAsync(std::move(method), std::move(payload),
+                           [reply](std::string text) { reply->set_value(std::move(text)); });
+        return future;
+    }
+
+    std::string call(std::string method, std::string payload = "{}") {
+        auto future = callAsync(std::move(method), std::move(payload));
+        if (future.wait_for(kTimeout) != std::future_status::ready) {
+            ADD_FAILURE() << "no reply";
+            return {};
+        }
+        return future.get();
+    }
+
+    std::vector<Event> takeEvents() {
+        std::lock_guard lock(mutex_);
+        return std::exchange(events_, {});
+    }
+
+    void writeProfile(std::optional<std::string> environment) {
+        const auto profile = testing::makeSignedProfile(testing::profilePlist(environment));
+        ASSERT_TRUE(profile.has_value()) << "openssl is needed to sign test profiles";
+        std::ofstream(bundle_ / "embedded.mobileprovision", std::ios::binary) << *profile;
+    }
+
+    std::shared_ptr<core::OrraPlugin> plugin_;
+    fs::path bundle_;
+    fs::path previousBundle_;
+    std::mutex mutex_;
+    std::vector<Event> events_;
+};
+
+constexpr const char* kSuccessEmpty = R"({"success":{}})";
+
+TEST_F(ApnsServiceEndToEnd, GetTokenAlwaysFailsOnTheSimulator) {
+    for (const char* payload : {"{}", "[]", "null", "\"x\"", R"({"token":"ab"})"}) {
+        EXPECT_EQ(call("GetToken", payload),
+                  R"({"error":{"code":"UNAVAILABLE","message":"APNs device tokens are not issued )"
+                  R"(on the simulator.","externalCode":"SIMULATOR_NO_APNS"}})")
+            << payload;
+    }
+    EXPECT_EQ(platform::UIApplication::sharedApplication().registrationCount(), 0u);
+}
+
+TEST_F(ApnsServiceEndToEnd, ProviderEnvironmentComesFromTheProfile) {
+    const std::string missing =
+        R"({"error":{"code":"FAILED_PRECONDITION","message":"The aps-environment entitlement is )"
+        R"(missing.","externalCode":"ENTITLEMENT_MISSING"}})";
+    const std::string unrecognised =
+        R"({"error":{"code":"INTERNAL","message":"Unrecognised aps-environment entitlement value."}})";
+    EXPECT_EQ(call("GetProviderEnvironment"), R"({"success":{"environment":1}})") << "no profile";
+    const std::pair<std::optional<std::string>, std::string> cases[] = {
+        {"development", R"({"success":{"environment":2}})"},
+        {"production", R"({"success":{"environment":1}})"},
+        {std::nullopt, missing},
+        {"Production", unrecognised},
+        {"production ", unrecognised},
+    };
+    for (const auto& [environment, reply] : cases) {
+        writeProfile(environment);
+        EXPECT_EQ(call("GetProviderEnvironment"), reply) << environment.value_or("<none>");
+    }
+}
+
+TEST_F(ApnsServiceEndToEnd, RegisteredTokenIsEmittedAsLowerCaseHex) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"Chss", R"({"newToken":"0a1b2c"})"},
+        {"AP8Q", R"({"newToken":"00ff10"})"},
+        {"", R"({"newToken":""})"},
+    };
+    for (const auto& [base64, payload] : cases) {
+        EXPECT_EQ(call("NotifyDidRegisterForRemoteNotifications",
+                       std::string(R"({"deviceToken":")") + base64 + "\"}"),
+                  kSuccessEmpty);
+        EXPECT_EQ(takeEvents(), (std::vector<Event>{{"APNSService.OnTokenRefreshed", payload}}));
+    }
+}
+
+TEST_F(ApnsServiceEndToEnd, RegistrationFailureIsLoggedAtDebugLevel) {
+    platform::LogCapture capture;
+    EXPECT_EQ(call("NotifyDidFailToRegister", R"({"errorDescription":"no network"})"),
+              kSuccessEmpty);
+    EXPECT_EQ(call("NotifyDidFailToRegister", R"({"errorDescription":""})"), kSuccessEmpty);
+    const auto records = capture.records();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0], (LogRecord{LogLevel::debug, "com.nimborra.push.addon.apns", "apns",
+                                     "APNs remote registration failed: no network"}));
+    EXPECT_EQ(records[1].message, "APNs remote registration failed: ");
+    EXPECT_TRUE(takeEvents().empty());
+}
+
+TEST_F(ApnsServiceEndToEnd, AuthorizationOptionsReachThePlatformAsABitMask) {
+    const std::pair<const char*, std::uint64_t> cases[] = {
+        {"[3,1,2]", 7}, {"[7]", 64}, {"[]", 0}, {"[0]", 0}, {"[4,5,6,6,99]", 56},
+    };
+    for (const auto& [options, mask] : cases) {
+        EXPECT_EQ(call("RequestAuthorization", std::string(R"({"options":)") + options + "}"),
+                  R"({"success":{"granted":true}})");
+        EXPECT_EQ(center().lastAuthorizationOptions(), mask) << options;
+    }
+    center().setAuthorizationAnswer(false);
+    EXPECT_EQ(call("RequestAuthorization", R"({"options":[1]})"),
+              R"({"success":{"granted":false}})");
+}
+
+TEST_F(ApnsServiceEndToEnd, AuthorizationErrors) {
+    platform::LogCapture capture;
+    center().setAuthorizationAnswer(true, NSError{"UNErrorDomain", 1});
+    EXPECT_EQ(call("RequestAuthorization", R"({"options":[1]})"),
+              R"({"success":{"granted":false}})");
+    ASSERT_EQ(capture.records().size(), 1u);
+    EXPECT_EQ(capture.records()[0].level, LogLevel::debug);
+    EXPECT_EQ(capture.records()[0].message,
+              "requestAuthorization: notifications not allowed for this app; reporting granted = "
+              "false");
+
+    const std::pair<NSError, const char*> failures[] = {
+        {NSError{"UNErrorDomain", 3}, "UNErrorDomain:3"},
+        {NSError{"NSCocoaErrorDomain", 1}, "NSCocoaErrorDomain:1"},
+        {NSError{"X", -42}, "X:-42"},
+    };
+    for (const auto& [error, externalCode] : failures) {
+        center().setAuthorizationAnswer(true, error);
+        EXPECT_EQ(call("RequestAuthorization", R"({"options":[]})"),
+                  std::string(R"({"error":{"code":"INTERNAL","message":"requestAuthorization )"
+                              R"(failed.","externalCode":")") +
+                      externalCode + "\"}}");
+    }
+}
+
+TEST_F(ApnsServiceEndToEnd, BadgeCountsReachThePlatformUnchanged) {
+    for (const int count : {0, -5, 2147483647}) {
+        EXPECT_EQ(call("SetBadgeCount", "{\"count\":" + std::to_string(count) + "}"),
+                  kSuccessEmpty);
+        EXPECT_EQ(center().lastBadgeCount(), count);
+    }
+    center().setBadgeError(NSError{"UNErrorDomain", 7});
+    EXPECT_EQ(call("SetBadgeCount", R"({"count":1})"),
+              R"({"error":{"code":"INTERNAL","message":"setBadgeCount failed.",)"
+              R"("externalCode":"UNErrorDomain:7"}})");
+}
+
+TEST_F(ApnsServiceEndToEnd, SettingsMapThePlatformStatus) {
+    const std::pair<std::int64_t, int> cases[] = {{0, 1}, {1, 2}, {2, 3}, {3, 4},
+                                                  {4, 5}, {5, 0}, {7, 0}, {-1, 0}};
+    for (const auto& [platformStatus, wire] : cases) {
+        center().setAuthorizationStatus(platformStatus);
+        EXPECT_EQ(call("GetNotificationSettings"),
+                  "{\"success\":{\"authorizationStatus\":" + std::to_string(wire) + "}}")
+            << platformStatus;
+    }
+}
+
+constexpr const char* kNotification =
+    R"({"title":"Hi","subtitle":"","body":"a/b","badge":3,"sound":"default",)"
+    R"("categoryIdentifier":"cat","threadIdentifier":"t","launchImageName":"",)"
+    R"("targetContentIdentifier":"","interruptionLevel":2,"relevanceScore":0.5,)"
+    R"("userInfoJson":"{\"k\":1}"})";
+constexpr const char* kSortedNotification =
+    R"({"badge":3,"body":"a\/b","categoryIdentifier":"cat","interruptionLevel":2,)"
+    R"("launchImageName":"","relevanceScore":0.5,"sound":"default","subtitle":"",)"
+    R"("targetContentIdentifier":"","threadIdentifier":"t","title":"Hi","userInfoJson":"{\"k\":1}"})";
+
+TEST_F(ApnsServiceEndToEnd, PresentedAndOpenedEvents) {
+    EXPECT_EQ(call("NotifyWillPresentNotification",
+                   std::string(R"({"notification":)") + kNotification + "}"),
+              R"({"success":{"presentationOptions":[]}})");
+    EXPECT_EQ(call("NotifyDidReceiveResponse", std::string(R"({"notification":)") + kNotification +
+                                                   R"(,"actionIdentifier":"open"})"),
+              kSuccessEmpty);
+    EXPECT_EQ(call("NotifyDidReceiveResponse", std::string(R"({"notification":)") + kNotification +
+                                                   R"(,"actionIdentifier":""})"),
+              kSuccessEmpty);
+    EXPECT_EQ(
+        takeEvents(),
+        (std::vector<Event>{
+            {"APNSService.OnNotificationPresented", kSortedNotification},
+            {"APNSService.OnNotificationOpened",
+             std::string(R"({"actionIdentifier":"open","notification":)") + kSortedNotification +
+                 "}"},
+            {"APNSService.OnNotificationOpened",
+             std::string(R"({"actionIdentifier":"","notification":)") + kSortedNotification + "}"},
+        }));
+}
+
+std::string coldStart(std::string_view userInfoJson) {
+    std::string payload = R"({"userInfoJson":)";
+    platform::appendJSONString(payload, userInfoJson);
+    return payload + "}";
+}
+
+TEST_F(ApnsServiceEndToEnd, ColdStartIsCapturedOnceAndDrainedOnce) {
+    const std::string empty = call("GetColdStartNotification");
+    EXPECT_EQ(empty,
+              R"({"success":{"notification":{"title":"","subtitle":"","body":"","badge":0,)"
+              R"("sound":"","categoryIdentifier":"","threadIdentifier":"","launchImageName":"",)"
+              R"("targetContentIdentifier":"","interruptionLevel":0,"relevanceScore":0,)"
+              R"("userInfoJson":""}}})");
+
+    EXPECT_EQ(call("NotifyColdStartNotification",
+                   coldStart(R"({"aps":{"alert":{"title":"A","body":"B"},"badge":2},"z":1})")),
+              kSuccessEmpty);
+    EXPECT_EQ(call("GetColdStartNotification"),
+              R"({"success":{"notification":{"title":"A","subtitle":"","body":"B","badge":2,)"
+              R"("sound":"","categoryIdentifier":"","threadIdentifier":"","launchImageName":"",)"
+              R"("targetContentIdentifier":"","interruptionLevel":0,"relevanceScore":0,)"
+              R"("userInfoJson":"{\"aps\":{\"alert\":{\"body\":\"B\",\"title\":\"A\"},)"
+              R"(\"badge\":2},\"z\":1}"}}})");
+    EXPECT_EQ(call("GetColdStartNotification"), empty) << "drained once";
+
+    call("NotifyColdStartNotification", coldStart(R"({"aps":{"alert":"first"}})"));
+    call("NotifyColdStartNotification", coldStart(R"({"aps":{"alert":"second"}})"));
+    EXPECT_NE(call("GetColdStartNotification").find(R"("body":"second")"), std::string::npos);
+
+    for (const char* unparsable : {"[1]", "3", "{}", "", "not json", "\"{}\""}) {
+        EXPECT_EQ(call("NotifyColdStartNotification", coldStart(unparsable)), kSuccessEmpty);
+        EXPECT_EQ(call("GetColdStartNotification"), empty) << unparsable;
+    }
+    EXPECT_TRUE(takeEvents().empty());
+}
+
+TEST_F(ApnsServiceEndToEnd, LaunchHookCaptureBeforeThePluginExistsIsDrainedAfterwards) {
+    core::OrraBridgeDispatcher::shared().resetForTesting();
+    plugin_.reset();
+    platform::Dictionary aps{{"alert", "launched"}};
+    ApnsColdStartBuffer::shared()->capture(platform::Dictionary{{"aps", platform::Value(aps)}});
+    ::Nimb_Orra_ApnsService_Register();
+    plugin_ = core::OrraBridgeDispatcher::shared().plugin("ApnsService");
+    ASSERT_NE(plugin_, nullptr);
+    EXPECT_NE(call("GetColdStartNotification").find(R"("body":"launched")"), std::string::npos);
+}
+
+// A call blocked in the platform holds up every call behind it; all are answered, in order,
+// once the platform answers.
+TEST_F(ApnsServiceEndToEnd, BlockedPlatformCallHoldsUpLaterCalls) {
+    center().setHoldsAnswers(true);
+    std::vector<std::future<std::string>> replies;
+    replies.push_back(callAsync("SetBadgeCount", R"({"count":9})"));
+    replies.push_back(callAsync("GetToken", "{}"));
+    replies.push_back(callAsync("GetNotificationSettings", "{}"));
+    // The badge request reaches the center; nothing is answered while it holds its answer.
+    for (int i = 0; i < 3000 && center().heldAnswerCount() == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_EQ(center().heldAnswerCount(), 1u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    for (auto& reply : replies) {
+        EXPECT_EQ(reply.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    }
+    center().setHoldsAnswers(false);
+    EXPECT_EQ(replies[0].get(), kSuccessEmpty);
+    EXPECT_TRUE(replies[1].get().starts_with(R"({"error":{"code":"UNAVAILABLE")"));
+    EXPECT_EQ(replies[2].get(), R"({"success":{"authorizationStatus":1}})");
+}
+
+TEST_F(ApnsServiceEndToEnd, RegistrationCallbackHopsToTheMainThread) {
+    ASSERT_TRUE(platform::isMainThread()) << "tests run on the process's main thread";
+    ApnsServiceNativeAdapterDefault adapter;
+    EXPECT_TRUE(adapter.isSimulator());
+    auto& application = platform::UIApplication::sharedApplication();
+    std::thread([&] { adapter.registerForRemoteNotifications()(); }).join();
+    EXPECT_EQ(application.registrationCount(), 0u) << "not before the main queue runs";
+    EXPECT_TRUE(platform::DispatchQueue::runMainUntil(
+        [&] { return application.registrationCount() == 1; }, kTimeout));
+    EXPECT_EQ(application.mainThreadRegistrationCount(), 1u);
+    adapter.onCancel(12345);  // does nothing, whatever the identifier
+    plugin_->cancel(-1);
+}
+
+TEST_F(ApnsServiceEndToEnd, TwoAdaptersShareTheColdStartBuffer) {
+    ApnsServiceNativeAdapterDefault first;
+    ApnsServiceNativeAdapterDefault second;
+    first.notifyColdStartNotification({R"({"aps":{"alert":"shared"}})"});
+    auto drained = second.getColdStartNotification({});
+    ASSERT_TRUE(drained.isSuccess());
+    EXPECT_EQ(drained.successValue()->notification.body, "shared");
+}
+
+}  // namespace
+}  // namespace nimborra::apns
