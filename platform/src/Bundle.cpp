@@ -25,7 +25,7 @@ std::filesystem::path executableDirectory() {
 
 // Closes a file descriptor when it goes out of scope.
 class FileDescriptor {
-public:
+  public:
     explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
     ~FileDescriptor() {
         if (descriptor_ >= 0) {
@@ -37,7 +37,7 @@ public:
 
     int get() const { return descriptor_; }
 
-private:
+  private:
     int descriptor_;
 };
 
@@ -61,8 +61,8 @@ void Bundle::setResourceDirectory(std::filesystem::path directory) {
     resourceDirectory_ = std::move(directory);
 }
 
-std::optional<std::filesystem::path> Bundle::urlForResource(std::string_view name,
-                                                            std::string_view extension) const noexcept {
+std::optional<std::filesystem::path> Bundle::urlForResource(
+    std::string_view name, std::string_view extension) const noexcept {
     try {
         if (name.empty() || name.find('/') != std::string_view::npos ||
             name.find('\0') != std::string_view::npos ||

@@ -5,15 +5,13 @@
 
 #include <plist/plist.h>
 
+#include <locale.h>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <limits>
-#include <locale.h>
 #include <memory>
-#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,11 +24,12 @@ namespace {
 // Preparing the text for libplist.
 //
 // libplist is lenient where the platform's reader is strict (it reads "010" as 8 and "abc" as 0
-// in an <integer>, garbage in a <date> as 1970) and strict where the platform is lenient (it
-// yields empty data for base64 text it does not like), and it recurses over the nesting of the
-// document, so a deeply nested document exhausts the stack. One pass over the text, before
-// libplist sees it, bounds the nesting and rewrites the contents of <data>, <integer> and <real>
-// into a canonical form that libplist reads exactly as the platform would read the original.
+// in an <integer>, garbage in a <date> as 1970), strict where the platform is lenient (it yields
+// empty data for base64 text it does not like), and it crashes on very deep nesting (its tree
+// code recurses). One pass over the text, before libplist sees it, bounds the nesting, checks
+// the contents of <integer>, <real> and <date> the way the platform does, and rewrites the
+// contents of <data>, <integer> and <real> into a canonical form that libplist reads exactly as
+// the platform reads the original.
 //
 // The pass follows libplist's own lexical rules (comments, CDATA sections, processing
 // instructions, DOCTYPE declarations with an internal subset, quoted attribute values) so that
@@ -40,12 +39,18 @@ namespace {
 
 constexpr std::size_t npos = std::string_view::npos;
 
-bool isXMLSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+bool isXMLSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
 
 // Like C's isspace in the "C" locale.
-bool isCSpace(char c) { return isXMLSpace(c) || c == '\v' || c == '\f'; }
+bool isCSpace(char c) {
+    return isXMLSpace(c) || c == '\v' || c == '\f';
+}
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 // True when `text` holds `prefix` at `position` (which may lie past the end).
 bool hasAt(std::string_view text, std::size_t position, std::string_view prefix) {
@@ -162,7 +167,8 @@ std::optional<std::string> canonicalInteger(std::string_view text) {
         return std::nullopt;
     }
     std::uint64_t magnitude = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
+    const auto [end, error] =
+        std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
     if (error != std::errc{} || end != text.data() + text.size()) {
         return std::nullopt;
     }
@@ -236,9 +242,8 @@ std::optional<DateFields> parseDate(std::string_view text) {
     text = trimmed(text);
     DateFields f;
     if (!readNumber(text, 4, f.year) || !readSeparator(text, '-') ||
-        !readNumber(text, 2, f.month) || !readSeparator(text, '-') ||
-        !readNumber(text, 2, f.day) || !readSeparator(text, 'T') ||
-        !readNumber(text, 2, f.hour) || !readSeparator(text, ':') ||
+        !readNumber(text, 2, f.month) || !readSeparator(text, '-') || !readNumber(text, 2, f.day) ||
+        !readSeparator(text, 'T') || !readNumber(text, 2, f.hour) || !readSeparator(text, ':') ||
         !readNumber(text, 2, f.minute) || !readSeparator(text, ':') ||
         !readNumber(text, 2, f.second) || !readSeparator(text, 'Z') || !text.empty()) {
         return std::nullopt;
@@ -398,7 +403,7 @@ struct FreeDeleter {
 // Switches the calling thread to the "C" locale while alive: libplist converts numbers with the
 // C library, which follows the process's locale (a decimal comma would cut "1.5" to 1).
 class CLocaleScope {
-public:
+  public:
     CLocaleScope() : previous_(cLocale() ? uselocale(cLocale()) : static_cast<locale_t>(nullptr)) {}
     ~CLocaleScope() {
         if (previous_) {
@@ -408,7 +413,7 @@ public:
     CLocaleScope(const CLocaleScope&) = delete;
     CLocaleScope& operator=(const CLocaleScope&) = delete;
 
-private:
+  private:
     locale_t previous_;
 };
 
@@ -480,66 +485,12 @@ std::optional<Value> dateValue(plist_t node) {
     return Value(Date{secondsSince1970(*fields)});
 }
 
-std::optional<Value> convert(plist_t node, std::size_t depth);
-
-std::optional<Value> arrayValue(plist_t node, std::size_t depth) {
-    Array array;
-    array.reserve(plist_array_get_size(node));
-    plist_array_iter iterator = nullptr;
-    plist_array_new_iter(node, &iterator);
-    if (iterator == nullptr) {
-        return std::nullopt;
-    }
-    const std::unique_ptr<void, FreeDeleter> iteratorOwner(iterator);
-    while (true) {
-        plist_t item = nullptr;
-        plist_array_next_item(node, iterator, &item);
-        if (item == nullptr) {
-            break;
-        }
-        auto value = convert(item, depth + 1);
-        if (!value) {
-            return std::nullopt;
-        }
-        array.push_back(std::move(*value));
-    }
-    return Value(std::move(array));
+bool isContainer(plist_t node) {
+    const plist_type type = plist_get_node_type(node);
+    return type == PLIST_ARRAY || type == PLIST_DICT;
 }
 
-std::optional<Value> dictionaryValue(plist_t node, std::size_t depth) {
-    Dictionary dictionary;
-    dictionary.reserve(plist_dict_get_size(node));
-    plist_dict_iter iterator = nullptr;
-    plist_dict_new_iter(node, &iterator);
-    if (iterator == nullptr) {
-        return std::nullopt;
-    }
-    const std::unique_ptr<void, FreeDeleter> iteratorOwner(iterator);
-    while (true) {
-        char* rawKey = nullptr;
-        plist_t item = nullptr;
-        plist_dict_next_item(node, iterator, &rawKey, &item);
-        const std::unique_ptr<char, FreeDeleter> keyOwner(rawKey);
-        if (item == nullptr) {
-            break;
-        }
-        if (rawKey == nullptr) {
-            return std::nullopt;
-        }
-        std::string key(rawKey);
-        if (!isValidUTF8(key)) {
-            return std::nullopt;
-        }
-        auto value = convert(item, depth + 1);
-        if (!value) {
-            return std::nullopt;
-        }
-        dictionary.set(Key(std::move(key)), std::move(*value));
-    }
-    return Value(std::move(dictionary));
-}
-
-std::optional<Value> convert(plist_t node, std::size_t depth) {
+std::optional<Value> scalarValue(plist_t node) {
     switch (plist_get_node_type(node)) {
         case PLIST_BOOLEAN: {
             std::uint8_t flag = 0;
@@ -556,10 +507,10 @@ std::optional<Value> convert(plist_t node, std::size_t depth) {
         case PLIST_STRING: {
             std::uint64_t length = 0;
             const char* text = plist_get_string_ptr(node, &length);
-            if (text == nullptr) {
-                return Value(std::string());
+            std::string string;
+            if (text != nullptr) {
+                string.assign(text, static_cast<std::size_t>(length));
             }
-            std::string string(text, static_cast<std::size_t>(length));
             if (!isValidUTF8(string)) {
                 return std::nullopt;
             }
@@ -582,15 +533,111 @@ std::optional<Value> convert(plist_t node, std::size_t depth) {
             plist_get_uid_val(node, &uid);
             return Value(uid);
         }
-        case PLIST_ARRAY:
-        case PLIST_DICT:
-            if (depth >= PropertyListSerialization::maximumDepth) {
-                return std::nullopt;
-            }
-            return plist_get_node_type(node) == PLIST_ARRAY ? arrayValue(node, depth)
-                                                            : dictionaryValue(node, depth);
         default:
             return std::nullopt;
+    }
+}
+
+// One array or dictionary being converted: its libplist node, the position reached in it and
+// the entries converted so far.
+struct ContainerFrame {
+    plist_t node = nullptr;
+    bool isArray = true;
+    std::unique_ptr<void, FreeDeleter> iterator;
+    Array array;
+    Dictionary dictionary;
+    std::string key;  // of the dictionary entry being converted
+
+    // Opens `container`; nothing when libplist cannot iterate it.
+    static std::optional<ContainerFrame> open(plist_t container) {
+        ContainerFrame frame;
+        frame.node = container;
+        frame.isArray = plist_get_node_type(container) == PLIST_ARRAY;
+        void* iterator = nullptr;
+        if (frame.isArray) {
+            frame.array.reserve(plist_array_get_size(container));
+            plist_array_new_iter(container, &iterator);
+        } else {
+            frame.dictionary.reserve(plist_dict_get_size(container));
+            plist_dict_new_iter(container, &iterator);
+        }
+        if (iterator == nullptr) {
+            return std::nullopt;
+        }
+        frame.iterator.reset(iterator);
+        return frame;
+    }
+
+    // The next item (nullptr at the end); for a dictionary, its key is left in `key`. Fails
+    // (returns false) on a key that is not valid UTF-8.
+    bool next(plist_t& item) {
+        item = nullptr;
+        if (isArray) {
+            plist_array_next_item(node, iterator.get(), &item);
+            return true;
+        }
+        char* rawKey = nullptr;
+        plist_dict_next_item(node, iterator.get(), &rawKey, &item);
+        const std::unique_ptr<char, FreeDeleter> keyOwner(rawKey);
+        if (item == nullptr) {
+            return true;
+        }
+        key = rawKey != nullptr ? rawKey : "";
+        return isValidUTF8(key);
+    }
+
+    void add(Value value) {
+        if (isArray) {
+            array.push_back(std::move(value));
+        } else {
+            dictionary.set(Key(std::move(key)), std::move(value));
+        }
+    }
+
+    Value finish() { return isArray ? Value(std::move(array)) : Value(std::move(dictionary)); }
+};
+
+// Converts the tree with an explicit stack rather than recursion, so that the deepest accepted
+// document needs little of the calling thread's stack.
+std::optional<Value> convert(plist_t root) {
+    if (!isContainer(root)) {
+        return scalarValue(root);
+    }
+    std::vector<ContainerFrame> stack;
+    stack.reserve(16);
+    auto rootFrame = ContainerFrame::open(root);
+    if (!rootFrame) {
+        return std::nullopt;
+    }
+    stack.push_back(std::move(*rootFrame));
+    while (true) {
+        plist_t item = nullptr;
+        if (!stack.back().next(item)) {
+            return std::nullopt;
+        }
+        if (item == nullptr) {
+            Value finished = stack.back().finish();
+            stack.pop_back();
+            if (stack.empty()) {
+                return finished;
+            }
+            stack.back().add(std::move(finished));
+        } else if (isContainer(item)) {
+            if (stack.size() >= PropertyListSerialization::maximumDepth) {
+                return std::nullopt;
+            }
+            auto frame = ContainerFrame::open(item);
+            if (!frame) {
+                return std::nullopt;
+            }
+            stack.push_back(std::move(*frame));
+        } else {
+            auto value = scalarValue(item);
+            if (!value) {
+                return std::nullopt;
+            }
+            stack.back().add(std::move(*value));
+        }
     }
 }
 
@@ -615,7 +662,7 @@ std::optional<Value> PropertyListSerialization::propertyList(std::string_view by
             return std::nullopt;
         }
         const PlistHolder holder(root);
-        return convert(root, 0);
+        return convert(root);
     } catch (...) {
         return std::nullopt;
     }

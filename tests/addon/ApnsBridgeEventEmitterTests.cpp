@@ -16,7 +16,6 @@
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
 #include "NimbOrraPlatform/JSONSerialization.h"
 #include "NimbOrraPlatform/Logger.h"
-#include "NimbOrraPushAddonApns/ApnsLogger.h"
 
 namespace nimborra::apns {
 namespace {
@@ -67,23 +66,16 @@ constexpr const char* kSampleObject =
     R"("targetContentIdentifier":"","threadIdentifier":"t","title":"Hi\/there",)"
     R"("userInfoJson":"{\"url\":\"a\/b\"}"})";
 
-// The error-level lines that the add-on's logger wrote.
+// The error-level lines written under the add-on's subsystem and category.
 std::vector<std::string> apnsErrorLines(const platform::LogCapture& capture) {
     std::vector<std::string> lines;
     for (const auto& record : capture.records()) {
         if (record.level == platform::LogLevel::error &&
-            record.subsystem == apnsLogger().subsystem() &&
-            record.category == apnsLogger().category()) {
+            record.subsystem == "com.nimborra.push.addon.apns" && record.category == "apns") {
             lines.push_back(record.message);
         }
     }
     return lines;
-}
-
-TEST(ApnsLoggerTest, IsTheModuleLoggerWithItsFixedNames) {
-    EXPECT_EQ(apnsLogger().subsystem(), "com.nimborra.push.addon.apns");
-    EXPECT_EQ(apnsLogger().category(), "apns");
-    EXPECT_EQ(&apnsLogger(), &apnsLogger());
 }
 
 TEST(EmitTokenRefreshedTest, WritesTheSingleMemberCompactly) {

@@ -265,10 +265,8 @@ TEST(ApnsNotificationMapper, ContentInterruptionLevelAndBadge) {
 }
 
 TEST(ApnsNotificationMapper, UnsetIsTheEmptyRecord) {
-    const ApnsNotification n = ApnsNotificationMapper::unset();
-    EXPECT_EQ(n, ApnsNotification{});
-    EXPECT_EQ(n.userInfoJson, "");
-    EXPECT_EQ(n.interruptionLevel, UNNotificationInterruptionLevel::unspecified);
+    // Unlike a mapped record, its user info is the empty text rather than "{}".
+    EXPECT_EQ(json(ApnsNotificationMapper::unset()), json(ApnsNotification{}));
 }
 
 TEST(ApnsNotificationMapper, DecodeUserInfoJsonRefusesAllButNonEmptyObjects) {

@@ -20,6 +20,7 @@
 #include "NimbOrraPlatform/UserNotificationCenter.h"
 #include "NimbOrraPushAddonApns/ApnsColdStartBuffer.h"
 #include "NimbOrraPushAddonApns/ApnsServiceNativeAdapterDefault.h"
+#include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
 #include "support/SignedProfile.h"
 
 namespace nimborra::apns {
@@ -66,8 +67,18 @@ class ApnsServiceEndToEnd : public ::testing::Test {
 
     void TearDown() override {
         center().setHoldsAnswers(false);
+        // Wait until the plug-in's last work item has let go of it, so that nothing is left
+        // running when the test program exits.
+        std::weak_ptr<ApnsServiceNativeAdapter> weak;
+        if (auto plugin = std::dynamic_pointer_cast<ApnsServicePlugin>(plugin_)) {
+            weak = plugin->adapter();
+        }
         plugin_.reset();
         core::OrraBridgeDispatcher::shared().resetForTesting();
+        for (int i = 0; i < 10000 && !weak.expired(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_TRUE(weak.expired());
         center().reset();
         platform::Bundle::mainBundle().setResourceDirectory(previousBundle_);
         std::error_code ec;

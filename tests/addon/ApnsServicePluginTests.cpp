@@ -47,8 +47,23 @@ class MockAdapter : public ApnsServiceNativeAdapter {
     MOCK_METHOD(void, onCancel, (std::int64_t), (override));
 };
 
+// Waits until `object` is owned by nobody else: a plug-in is released by the last work item
+// that held it, on its queue's thread, after the reply was delivered.
+template <class T>
+void waitUntilSoleOwner(const std::shared_ptr<T>& object) {
+    for (int i = 0; i < 10000 && object.use_count() > 1; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(object.use_count(), 1);
+}
+
 class ApnsServicePluginTest : public ::testing::Test {
   protected:
+    void TearDown() override {
+        plugin.reset();
+        waitUntilSoleOwner(adapter);
+    }
+
     std::shared_ptr<StrictMock<MockAdapter>> adapter = std::make_shared<StrictMock<MockAdapter>>();
     std::shared_ptr<ApnsServicePlugin> plugin = std::make_shared<ApnsServicePlugin>(
         adapter, std::make_shared<platform::DispatchQueue>("test.plugin"));

@@ -71,7 +71,7 @@ std::optional<std::string> readWholeFile(const std::filesystem::path& path) {
 
 // The throw-away signing identity, made on first use and removed when the process exits.
 class Signer {
-public:
+  public:
     ~Signer() {
         if (directory_) {
             std::error_code ignored;
@@ -105,7 +105,7 @@ public:
         return result;
     }
 
-private:
+  private:
     void prepare() {
         std::error_code error;
         const auto base = std::filesystem::temp_directory_path(error);

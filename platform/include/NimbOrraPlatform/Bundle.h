@@ -22,7 +22,7 @@
 namespace nimborra::platform {
 
 class NIMBORRA_PLATFORM_EXPORT Bundle {
-public:
+  public:
     // The process's one main bundle, created on first use and never destroyed.
     static Bundle& mainBundle();
 
@@ -47,7 +47,7 @@ public:
     static std::optional<std::vector<std::uint8_t>> contentsOfFile(
         const std::filesystem::path& path) noexcept;
 
-private:
+  private:
     Bundle();
 
     mutable std::mutex mutex_;

@@ -23,7 +23,7 @@
 namespace nimborra::platform {
 
 class NIMBORRA_PLATFORM_EXPORT PropertyListSerialization {
-public:
+  public:
     // The largest input that is read, in bytes (1 MiB).
     static constexpr std::size_t maximumLength = std::size_t{1} << 20;
     // The deepest nesting of arrays and dictionaries that is read.
