@@ -1,0 +1,69 @@
+// Runs the built apns-host as a child process, talking to it through its standard input and
+// output as a person or a script would. Standard error is collected as well.
+//
+// Waiting is bounded by a generous limit so that a hung host fails the test instead of hanging
+// it; nothing here measures how fast the host is.
+#pragma once
+
+#include <sys/types.h>
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace nimborra::testing {
+
+class HostProcess {
+  public:
+    // Starts apns-host with `arguments` (not including the program name).
+    explicit HostProcess(const std::vector<std::string>& arguments);
+    // Kills the host if it still runs.
+    ~HostProcess();
+    HostProcess(const HostProcess&) = delete;
+    HostProcess& operator=(const HostProcess&) = delete;
+
+    bool started() const { return child_ > 0; }
+
+    // Sends `text` to the host's standard input (sent while waiting for output).
+    void write(std::string_view text);
+    // Ends the host's standard input once everything written has been sent.
+    void closeInput();
+
+    // The next line of standard output without its line break; nothing at the end of the
+    // output or when none arrives within the limit.
+    std::optional<std::string> readLine();
+
+    // Closes the input, reads everything up to the end of the output and waits for the host to
+    // exit. Returns its exit status (128 + the signal when it was killed, -1 on failure). The
+    // lines not yet read are in remainingLines() afterwards.
+    int finish();
+
+    std::vector<std::string> remainingLines() const;
+    const std::string& standardError() const { return error_; }
+
+  private:
+    // Moves data between the pipes and the buffers, waiting at most until `deadline` for any of
+    // them to be ready. False when every pipe is closed or the deadline has passed.
+    bool pump(std::chrono::steady_clock::time_point deadline);
+    void closeFd(int& fd);
+
+    pid_t child_ = -1;
+    int input_ = -1;
+    int output_ = -1;
+    int errorOutput_ = -1;
+    bool closeRequested_ = false;
+    std::string pendingInput_;
+    std::string out_;
+    std::string error_;
+};
+
+// Runs apns-host once on `input` and collects everything it wrote.
+struct HostRun {
+    int status = -1;
+    std::vector<std::string> lines;
+    std::string standardError;
+};
+HostRun runHost(std::string_view input, const std::vector<std::string>& arguments = {});
+
+}  // namespace nimborra::testing

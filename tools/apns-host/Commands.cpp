@@ -1,0 +1,363 @@
+#include "Commands.h"
+
+#include <array>
+#include <utility>
+
+#include "NimbOrraPlatform/Base64.h"
+#include "NimbOrraPlatform/JSONSerialization.h"
+
+namespace nimborra::host {
+
+namespace {
+
+using platform::Dictionary;
+using platform::Value;
+
+// A reason for refusing a line; nothing when all is well.
+using Refusal = std::optional<std::string>;
+
+constexpr std::array<std::string_view, 6> kCommandNames{"call",   "callSync", "cancel",
+                                                        "launch", "platform", "inspect"};
+
+bool isBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f' || c == '\v';
+}
+
+std::string_view trimmed(std::string_view text) {
+    while (!text.empty() && isBlank(text.front())) {
+        text.remove_prefix(1);
+    }
+    while (!text.empty() && isBlank(text.back())) {
+        text.remove_suffix(1);
+    }
+    return text;
+}
+
+// A member name as it appears in messages: in quotation marks.
+std::string inQuotes(std::string_view name) {
+    std::string text = "\"";
+    text.append(name);
+    text.push_back('"');
+    return text;
+}
+
+const std::string* keyText(const Dictionary::Entry& entry) {
+    return entry.first.text();
+}
+
+// Refuses every member of `object` whose name is not `allowed`.
+Refusal onlyMembers(const Dictionary& object, std::initializer_list<std::string_view> allowed,
+                    std::string_view where) {
+    for (const auto& entry : object) {
+        const std::string* name = keyText(entry);
+        bool known = false;
+        for (const auto candidate : allowed) {
+            known = known || (name != nullptr && *name == candidate);
+        }
+        if (!known) {
+            return "unknown member " + inQuotes(name ? *name : entry.first.description()) + " in " +
+                   std::string(where);
+        }
+    }
+    return std::nullopt;
+}
+
+// {"domain": TEXT, "code": INT}, exactly; nothing for any other value.
+std::optional<platform::NSError> readError(const Value& value) {
+    const Dictionary* object = value.dictionary();
+    if (object == nullptr || object->size() != 2) {
+        return std::nullopt;
+    }
+    const Value* domain = object->find("domain");
+    const Value* code = object->find("code");
+    if (domain == nullptr || domain->text() == nullptr || code == nullptr ||
+        code->integer() == nullptr) {
+        return std::nullopt;
+    }
+    return platform::NSError{*domain->text(), *code->integer()};
+}
+
+// Turns the "$data" and "$date" forms inside a launch payload into byte data and dates, at
+// every depth.
+Refusal convertLaunchValue(Value& value) {
+    if (Dictionary* object = value.dictionary()) {
+        if (object->size() == 1) {
+            const auto& [key, inner] = *object->begin();
+            const std::string* name = key.text();
+            if (name != nullptr && *name == "$data") {
+                const std::string* text = inner.text();
+                const auto bytes = text ? platform::base64DecodedData(*text) : std::nullopt;
+                if (!bytes) {
+                    return std::string("launch: \"$data\" must hold standard padded base64");
+                }
+                value = Value(platform::Data{*bytes});
+                return std::nullopt;
+            }
+            if (name != nullptr && *name == "$date") {
+                double seconds = 0;
+                if (const auto* integer = inner.integer()) {
+                    seconds = static_cast<double>(*integer);
+                } else if (const auto* large = inner.unsignedInteger()) {
+                    seconds = static_cast<double>(*large);
+                } else if (const auto* real = inner.real()) {
+                    seconds = *real;
+                } else {
+                    return std::string("launch: \"$date\" must be a number of seconds since 1970");
+                }
+                value = Value(platform::Date{seconds});
+                return std::nullopt;
+            }
+        }
+        Dictionary converted;
+        converted.reserve(object->size());
+        for (const auto& [key, member] : *object) {
+            Value copy = member;
+            if (auto refusal = convertLaunchValue(copy)) {
+                return refusal;
+            }
+            converted.set(key, std::move(copy));
+        }
+        value = Value(std::move(converted));
+        return std::nullopt;
+    }
+    if (platform::Array* array = value.array()) {
+        for (Value& element : *array) {
+            if (auto refusal = convertLaunchValue(element)) {
+                return refusal;
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+Refusal readCall(const Dictionary& object, const std::string& name, CallCommand& call) {
+    if (auto refusal = onlyMembers(object, {name, "payload", "id"}, "a " + name + " command")) {
+        return refusal;
+    }
+    call.synchronous = name == "callSync";
+    const Value* method = object.find(name);
+    if (method->text() == nullptr) {
+        return inQuotes(name) + " must be a string (the method name)";
+    }
+    call.method = *method->text();
+
+    call.payload = "{}";
+    if (const Value* payload = object.find("payload")) {
+        if (const std::string* text = payload->text()) {
+            call.payload = *text;
+        } else {
+            platform::JSONWritingOptions options;
+            options.fragmentsAllowed = true;
+            auto json = platform::JSONSerialization::data(*payload, options);
+            if (!json) {
+                return std::string("\"payload\" cannot be written as JSON");
+            }
+            call.payload = std::move(*json);
+        }
+    }
+
+    if (const Value* id = object.find("id")) {
+        if (id->integer() == nullptr) {
+            return std::string("\"id\" must be an integer");
+        }
+        call.id = *id->integer();
+    }
+    return std::nullopt;
+}
+
+Refusal readCancel(const Dictionary& object, CancelCommand& cancel) {
+    if (auto refusal = onlyMembers(object, {"cancel"}, "a cancel command")) {
+        return refusal;
+    }
+    const Value* identifier = object.find("cancel");
+    if (identifier->integer() == nullptr) {
+        return std::string("\"cancel\" must be an integer (the callback identifier)");
+    }
+    cancel.callbackId = *identifier->integer();
+    return std::nullopt;
+}
+
+Refusal readLaunch(const Dictionary& object, LaunchCommand& launch) {
+    if (auto refusal = onlyMembers(object, {"launch"}, "a launch command")) {
+        return refusal;
+    }
+    Value payload = *object.find("launch");
+    if (payload.dictionary() == nullptr) {
+        return std::string("\"launch\" must be an object (the launch notification's payload)");
+    }
+    if (auto refusal = convertLaunchValue(payload)) {
+        return refusal;
+    }
+    launch.payload = std::move(*payload.dictionary());
+    return std::nullopt;
+}
+
+Refusal readAuthorization(const Value& value, AuthorizationAnswer& answer) {
+    static const std::string expected =
+        "platform: \"authorization\" must be {\"granted\": BOOL} or {\"error\": {\"domain\": "
+        "TEXT, \"code\": INT}}";
+    const Dictionary* object = value.dictionary();
+    if (object == nullptr || object->size() != 1) {
+        return expected;
+    }
+    if (const Value* granted = object->find("granted")) {
+        if (granted->boolean() == nullptr) {
+            return expected;
+        }
+        answer = AuthorizationAnswer{*granted->boolean(), std::nullopt};
+        return std::nullopt;
+    }
+    if (const Value* error = object->find("error")) {
+        auto platformError = readError(*error);
+        if (!platformError) {
+            return expected;
+        }
+        // The system reports a refusal together with every error.
+        answer = AuthorizationAnswer{false, std::move(platformError)};
+        return std::nullopt;
+    }
+    return expected;
+}
+
+Refusal readPlatform(const Dictionary& object, PlatformCommand& change) {
+    if (auto refusal = onlyMembers(object, {"platform"}, "a platform command")) {
+        return refusal;
+    }
+    const Dictionary* settings = object.find("platform")->dictionary();
+    if (settings == nullptr) {
+        return std::string("\"platform\" must be an object");
+    }
+    if (auto refusal =
+            onlyMembers(*settings, {"authorization", "authorizationStatus", "badgeError", "bundle"},
+                        "\"platform\"")) {
+        return "platform: " + *refusal;
+    }
+    if (const Value* authorization = settings->find("authorization")) {
+        AuthorizationAnswer answer;
+        if (auto refusal = readAuthorization(*authorization, answer)) {
+            return refusal;
+        }
+        change.authorization = std::move(answer);
+    }
+    if (const Value* status = settings->find("authorizationStatus")) {
+        if (status->integer() == nullptr) {
+            return std::string("platform: \"authorizationStatus\" must be an integer");
+        }
+        change.authorizationStatus = *status->integer();
+    }
+    if (const Value* badgeError = settings->find("badgeError")) {
+        if (badgeError->isNull()) {
+            change.badgeError.emplace(std::nullopt);
+        } else {
+            auto error = readError(*badgeError);
+            if (!error) {
+                return std::string(
+                    "platform: \"badgeError\" must be null or {\"domain\": TEXT, \"code\": INT}");
+            }
+            change.badgeError.emplace(std::move(error));
+        }
+    }
+    if (const Value* bundle = settings->find("bundle")) {
+        if (bundle->text() == nullptr || bundle->text()->empty()) {
+            return std::string("platform: \"bundle\" must be a directory name");
+        }
+        change.bundle = std::filesystem::path(*bundle->text());
+    }
+    return std::nullopt;
+}
+
+Refusal readInspect(const Dictionary& object) {
+    if (auto refusal = onlyMembers(object, {"inspect"}, "an inspect command")) {
+        return refusal;
+    }
+    const std::string* what = object.find("inspect")->text();
+    if (what == nullptr || *what != "platform") {
+        return std::string("\"inspect\" must be \"platform\"");
+    }
+    return std::nullopt;
+}
+
+// Picks the command of a JSON object and reads it.
+Refusal readCommand(const Dictionary& object, Command& command) {
+    std::optional<std::string> name;
+    for (const auto candidate : kCommandNames) {
+        if (!object.contains(candidate)) {
+            continue;
+        }
+        if (name) {
+            return "more than one command in one line: " + inQuotes(*name) + " and " +
+                   inQuotes(candidate);
+        }
+        name = std::string(candidate);
+    }
+    if (!name) {
+        return std::string(
+            "not a command: expected one of \"call\", \"callSync\", \"cancel\", \"launch\", "
+            "\"platform\", \"inspect\"");
+    }
+    if (*name == "call" || *name == "callSync") {
+        CallCommand call;
+        auto refusal = readCall(object, *name, call);
+        command = std::move(call);
+        return refusal;
+    }
+    if (*name == "cancel") {
+        CancelCommand cancel;
+        auto refusal = readCancel(object, cancel);
+        command = cancel;
+        return refusal;
+    }
+    if (*name == "launch") {
+        LaunchCommand launch;
+        auto refusal = readLaunch(object, launch);
+        command = std::move(launch);
+        return refusal;
+    }
+    if (*name == "platform") {
+        PlatformCommand change;
+        auto refusal = readPlatform(object, change);
+        command = std::move(change);
+        return refusal;
+    }
+    command = InspectCommand{};
+    return readInspect(object);
+}
+
+}  // namespace
+
+InputLine readInputLine(std::string_view line) {
+    InputLine input;
+    const std::string_view content = trimmed(line);
+    if (content.empty()) {
+        input.kind = InputLine::Kind::blank;
+        return input;
+    }
+    if (content.front() == '#') {
+        input.kind = InputLine::Kind::comment;
+        input.text = std::string(trimmed(content.substr(1)));
+        return input;
+    }
+
+    input.kind = InputLine::Kind::refused;
+    platform::JSONReadingOptions options;
+    options.fragmentsAllowed = true;
+    std::string error;
+    input.json = platform::JSONSerialization::jsonObject(content, options, &error);
+    if (!input.json) {
+        input.text = "not JSON: " + error;
+        return input;
+    }
+    const Dictionary* object = input.json->dictionary();
+    if (object == nullptr) {
+        input.text = "not a JSON object";
+        return input;
+    }
+    if (auto refusal = readCommand(*object, input.command)) {
+        input.text = std::move(*refusal);
+        return input;
+    }
+    input.kind = InputLine::Kind::command;
+    return input;
+}
+
+}  // namespace nimborra::host

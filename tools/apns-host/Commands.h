@@ -1,0 +1,74 @@
+// The commands of an apns-host session, and the reading of one input line into one of them.
+// Reading checks everything a command needs (types, known members, base64) before anything
+// runs, so a refused line has no effect at all.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "NimbOrraPlatform/NSError.h"
+#include "NimbOrraPlatform/Value.h"
+
+namespace nimborra::host {
+
+// {"call": M, ...} (asynchronous) or {"callSync": M, ...}.
+struct CallCommand {
+    bool synchronous = false;
+    std::string method;
+    // The payload text handed to the plug-in.
+    std::string payload;
+    // The explicit "id", when given.
+    std::optional<std::int64_t> id;
+};
+
+// {"cancel": N}
+struct CancelCommand {
+    std::int64_t callbackId = 0;
+};
+
+// {"launch": O}, with the "$data" and "$date" forms already turned into byte data and dates.
+struct LaunchCommand {
+    platform::Dictionary payload;
+};
+
+// The authorization answer of a {"platform": ...} command.
+struct AuthorizationAnswer {
+    bool granted = false;
+    std::optional<platform::NSError> error;
+};
+
+// {"platform": S}; each member is set only when S holds it.
+struct PlatformCommand {
+    std::optional<AuthorizationAnswer> authorization;
+    std::optional<std::int64_t> authorizationStatus;
+    // Outer: whether "badgeError" was given; inner: the error, or none for null.
+    std::optional<std::optional<platform::NSError>> badgeError;
+    std::optional<std::filesystem::path> bundle;
+};
+
+// {"inspect": "platform"}
+struct InspectCommand {};
+
+using Command =
+    std::variant<CallCommand, CancelCommand, LaunchCommand, PlatformCommand, InspectCommand>;
+
+// One input line, read.
+struct InputLine {
+    enum class Kind { blank, comment, command, refused };
+    Kind kind = Kind::blank;
+    // For a command: what to run.
+    Command command;
+    // For a command or a refused line that is JSON: the line's JSON value.
+    std::optional<platform::Value> json;
+    // For a comment: its text after "#", trimmed. For a refused line: why it was refused.
+    std::string text;
+};
+
+// Reads one line (without its line break). Never throws except std::bad_alloc.
+InputLine readInputLine(std::string_view line);
+
+}  // namespace nimborra::host

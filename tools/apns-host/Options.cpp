@@ -1,0 +1,173 @@
+#include "Options.h"
+
+#include <array>
+#include <utility>
+
+namespace nimborra::host {
+
+namespace {
+
+constexpr std::string_view kHelp = R"(Usage: apns-host [OPTIONS]
+
+Plays an application that loads the "ApnsService" push-notification plug-in, the simulated
+system underneath it and the far side of the bridge. Commands are read as JSON Lines, one
+JSON object per line, from standard input (or --script FILE); everything the host reports
+is written to standard output as JSON Lines, one object per line, flushed per line. Blank
+lines and lines whose first non-blank character is "#" are skipped.
+
+Options:
+  --script FILE      read the commands from FILE instead of standard input
+  --bundle DIR       look the provisioning profile (embedded.mobileprovision) up in DIR;
+                     default: the directory of the executable (for --demo: examples/bundle)
+  --log-level LEVEL  write log lines of LEVEL and above to standard error: debug, info,
+                     error or off (default: info); each line reads
+                     "LEVEL [SUBSYSTEM:CATEGORY] MESSAGE", the message unchanged
+  --echo             write every command to standard output before running it, as
+                     {"command":COMMAND} (comments as {"comment":TEXT}), and run it only
+                     once every earlier call has been answered, so that each command is
+                     followed by its own events and reply
+  --demo             run a built-in session against the sample bundle in examples/bundle
+                     that calls every method once, with the commands echoed (--echo)
+  -h, --help         print this text and exit
+
+Commands:
+  {"call": M, "payload": P, "id": N}
+      Calls method M asynchronously and goes on at once. The payload text is P itself when
+      P is a JSON string, the compact JSON of P otherwise, and {} when "payload" is absent.
+      "id" (optional, an integer) defaults to the count of accepted call and callSync
+      commands so far, starting at 1. When the reply arrives: {"id":N,"reply":REPLY}.
+  {"callSync": M, "payload": P, "id": N}
+      The synchronous call, same payload and id rules; writes {"id":N,"reply":REPLY} at once.
+  {"cancel": N}
+      Cancels the bridge call with callback identifier N. Writes nothing.
+  {"launch": O}
+      Waits until every earlier call has been answered, then hands the object O to the
+      application's launch hook as the launch notification's payload. Inside O,
+      {"$data": BASE64} stands for byte data and {"$date": SECONDS} for a date (seconds
+      since 1970). Writes nothing.
+  {"platform": S}
+      Waits until every earlier call has been answered, then changes the simulated system
+      for later calls. S may hold:
+        "authorization": {"granted": BOOL} or {"error": {"domain": TEXT, "code": INT}}
+        "authorizationStatus": INT      (raw platform status: 0 not determined, 1 denied,
+                                         2 authorized, 3 provisional, 4 ephemeral, or any)
+        "badgeError": null or {"domain": TEXT, "code": INT}
+        "bundle": DIR                   (where the provisioning profile is looked up)
+      Writes nothing. At start the system grants authorization, reports status 0 and has
+      no badge error.
+  {"inspect": "platform"}
+      Waits until every earlier call has been answered, then writes
+      {"platform":{"authorizationOptions":MASK|null,"badgeCount":INT|null,
+      "registrations":INT}}: the last option mask and badge count that reached the
+      notification center, and how many remote-notification registrations ran on the main
+      thread.
+
+Output:
+  {"id":N,"reply":REPLY}          a call's reply text, as the plug-in gave it
+  {"event":NAME,"payload":P}      a bridge event, written when it is emitted, so an event
+                                  emitted by a call comes before that call's reply
+  {"error":TEXT,"line":N}         input line N (counting from 1) was refused: not a JSON
+                                  object, not a command, or a field of the wrong type;
+                                  the session goes on with the next line
+  {"platform":{...}}              the answer to {"inspect": "platform"}
+  {"command":C} {"comment":T}     echoed input (--echo, --demo)
+
+Exit status (once every call has been answered at the end of the input):
+  0  every line was accepted
+  1  a line was refused
+  2  the script cannot be read, or an option is wrong
+)";
+
+// The options that take a value.
+enum class ValueOption { script, bundle, logLevel };
+
+std::optional<ValueOption> valueOption(std::string_view name) {
+    if (name == "--script") {
+        return ValueOption::script;
+    }
+    if (name == "--bundle") {
+        return ValueOption::bundle;
+    }
+    if (name == "--log-level") {
+        return ValueOption::logLevel;
+    }
+    return std::nullopt;
+}
+
+std::optional<platform::LogLevel> logLevelNamed(std::string_view name) {
+    constexpr std::array levels{platform::LogLevel::debug, platform::LogLevel::info,
+                                platform::LogLevel::error, platform::LogLevel::off};
+    for (const auto level : levels) {
+        if (platform::logLevelName(level) == name) {
+            return level;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
+    HostOptions options;
+    for (std::size_t index = 0; index < arguments.size(); ++index) {
+        const std::string_view argument = arguments[index];
+        if (argument == "-h" || argument == "--help") {
+            return HelpRequest{};
+        }
+        if (argument == "--demo") {
+            options.demo = true;
+            continue;
+        }
+        if (argument == "--echo") {
+            options.echo = true;
+            continue;
+        }
+
+        // An option with a value, as "--name value" or "--name=value".
+        const std::size_t equals = argument.find('=');
+        const std::string_view name = argument.substr(0, equals);
+        const auto option = argument.starts_with("--") ? valueOption(name) : std::nullopt;
+        if (!option) {
+            return OptionError{"unknown option '" + std::string(argument) + "'"};
+        }
+        std::string_view value;
+        if (equals != std::string_view::npos) {
+            value = argument.substr(equals + 1);
+        } else if (index + 1 < arguments.size()) {
+            value = arguments[++index];
+        } else {
+            return OptionError{"option '" + std::string(name) + "' needs a value"};
+        }
+        if (value.empty()) {
+            return OptionError{"option '" + std::string(name) + "' needs a non-empty value"};
+        }
+
+        switch (*option) {
+            case ValueOption::script:
+                options.script = std::filesystem::path(value);
+                break;
+            case ValueOption::bundle:
+                options.bundle = std::filesystem::path(value);
+                break;
+            case ValueOption::logLevel: {
+                const auto level = logLevelNamed(value);
+                if (!level) {
+                    return OptionError{"unknown log level '" + std::string(value) +
+                                       "' (expected debug, info, error or off)"};
+                }
+                options.logLevel = *level;
+                break;
+            }
+        }
+    }
+    if (options.demo && options.script) {
+        return OptionError{"--demo runs its own session and takes no --script"};
+    }
+    return options;
+}
+
+std::string_view helpText() {
+    return kHelp;
+}
+
+}  // namespace nimborra::host

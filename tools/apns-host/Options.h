@@ -1,0 +1,50 @@
+// The command line of apns-host: which session to run (standard input, a script file or the
+// built-in demo), where the application bundle is, which log lines are written, and whether
+// commands are echoed.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "NimbOrraPlatform/Logger.h"
+
+namespace nimborra::host {
+
+struct HostOptions {
+    // Read commands from this file instead of standard input.
+    std::optional<std::filesystem::path> script;
+    // The application bundle directory; by default the main bundle's own default (the
+    // directory of the executable), or the sample bundle for the demo.
+    std::optional<std::filesystem::path> bundle;
+    platform::LogLevel logLevel = platform::LogLevel::info;
+    // Run the built-in demo session instead of reading commands.
+    bool demo = false;
+    // Write each command before running it, and run it only once every earlier call has been
+    // answered.
+    bool echo = false;
+};
+
+// Asked for the help text.
+struct HelpRequest {};
+
+// A wrong command line, with the one-line reason.
+struct OptionError {
+    std::string message;
+};
+
+using ParsedOptions = std::variant<HostOptions, HelpRequest, OptionError>;
+
+// Reads the arguments after the program name. Options take their value either as the next
+// argument or after "=" ("--log-level debug", "--log-level=debug"). Never throws except
+// std::bad_alloc.
+ParsedOptions parseOptions(std::span<const std::string_view> arguments);
+
+// The text printed by --help: every option, the commands, the output lines and the exit
+// statuses.
+std::string_view helpText();
+
+}  // namespace nimborra::host

@@ -1,0 +1,108 @@
+#include "Output.h"
+
+#include "NimbOrraPlatform/JSONSerialization.h"
+
+namespace nimborra::host {
+
+void OutputWriter::writeLine(std::string_view line) noexcept {
+    const std::lock_guard lock(mutex_);
+    std::fwrite(line.data(), 1, line.size(), stream_);
+    std::fputc('\n', stream_);
+    std::fflush(stream_);
+}
+
+std::string replyLine(std::int64_t id, std::string_view reply) {
+    std::string line = "{\"id\":";
+    platform::appendJSONNumber(line, id);
+    line.append(",\"reply\":");
+    line.append(reply);
+    line.push_back('}');
+    return line;
+}
+
+std::string eventLine(std::string_view name, std::string_view payload) {
+    std::string line = "{\"event\":";
+    platform::appendJSONString(line, name);
+    line.append(",\"payload\":");
+    line.append(payload);
+    line.push_back('}');
+    return line;
+}
+
+std::string refusalLine(std::string_view reason, std::size_t lineNumber) {
+    std::string line = "{\"error\":";
+    platform::appendJSONString(line, reason);
+    line.append(",\"line\":");
+    platform::appendJSONNumber(line, static_cast<std::uint64_t>(lineNumber));
+    line.push_back('}');
+    return line;
+}
+
+std::string platformLine(std::optional<std::uint64_t> authorizationOptions,
+                         std::optional<std::int64_t> badgeCount, std::size_t registrations) {
+    std::string line = "{\"platform\":{\"authorizationOptions\":";
+    if (authorizationOptions) {
+        platform::appendJSONNumber(line, *authorizationOptions);
+    } else {
+        line.append("null");
+    }
+    line.append(",\"badgeCount\":");
+    if (badgeCount) {
+        platform::appendJSONNumber(line, *badgeCount);
+    } else {
+        line.append("null");
+    }
+    line.append(",\"registrations\":");
+    platform::appendJSONNumber(line, static_cast<std::uint64_t>(registrations));
+    line.append("}}");
+    return line;
+}
+
+std::string commandLine(const std::optional<platform::Value>& json, std::string_view rawLine) {
+    std::string line = "{\"command\":";
+    std::optional<std::string> compact;
+    if (json) {
+        platform::JSONWritingOptions options;
+        options.fragmentsAllowed = true;
+        compact = platform::JSONSerialization::data(*json, options);
+    }
+    if (compact) {
+        line.append(*compact);
+    } else {
+        platform::appendJSONString(line, rawLine);
+    }
+    line.push_back('}');
+    return line;
+}
+
+std::string commentLine(std::string_view text) {
+    std::string line = "{\"comment\":";
+    platform::appendJSONString(line, text);
+    line.push_back('}');
+    return line;
+}
+
+std::string logLine(const platform::LogRecord& record) {
+    std::string line;
+    line.reserve(record.subsystem.size() + record.category.size() + record.message.size() + 16);
+    line.append(platform::logLevelName(record.level));
+    line.append(" [");
+    line.append(record.subsystem);
+    line.push_back(':');
+    line.append(record.category);
+    line.append("] ");
+    line.append(record.message);
+    return line;
+}
+
+void installLogSink(std::FILE* stream) {
+    // The platform serialises the sink's calls, so lines never interleave.
+    platform::setLogSink([stream](const platform::LogRecord& record) {
+        std::string line = logLine(record);
+        line.push_back('\n');
+        std::fwrite(line.data(), 1, line.size(), stream);
+        std::fflush(stream);
+    });
+}
+
+}  // namespace nimborra::host

@@ -1,0 +1,60 @@
+// What apns-host writes: JSON Lines on standard output (replies, events, refusals, inspections,
+// echoed input) and log lines on standard error.
+//
+// Threads: replies arrive on the plug-in's queue, events on whichever thread emits them, and
+// everything else on the thread that reads the input, so OutputWriter serialises whole lines
+// under one lock and flushes each line before the next is written.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "NimbOrraPlatform/Logger.h"
+#include "NimbOrraPlatform/Value.h"
+
+namespace nimborra::host {
+
+class OutputWriter {
+  public:
+    // Writes to `stream`, which must outlive the writer.
+    explicit OutputWriter(std::FILE* stream) : stream_(stream) {}
+    OutputWriter(const OutputWriter&) = delete;
+    OutputWriter& operator=(const OutputWriter&) = delete;
+
+    // Writes `line` and a line break as one unit, then flushes. Any thread; never throws.
+    void writeLine(std::string_view line) noexcept;
+
+  private:
+    std::mutex mutex_;
+    std::FILE* const stream_;
+};
+
+// The output lines. Texts that are already JSON (replies, event payloads) are spliced in byte
+// for byte; everything else is written with the platform's JSON writer conventions.
+
+// {"id":N,"reply":REPLY}
+std::string replyLine(std::int64_t id, std::string_view reply);
+// {"event":NAME,"payload":PAYLOAD}
+std::string eventLine(std::string_view name, std::string_view payload);
+// {"error":TEXT,"line":N}
+std::string refusalLine(std::string_view reason, std::size_t lineNumber);
+// {"platform":{"authorizationOptions":MASK|null,"badgeCount":INT|null,"registrations":INT}}
+std::string platformLine(std::optional<std::uint64_t> authorizationOptions,
+                         std::optional<std::int64_t> badgeCount, std::size_t registrations);
+// {"command":COMMAND}: the command as compact JSON, or as a JSON string when it has none.
+std::string commandLine(const std::optional<platform::Value>& json, std::string_view rawLine);
+// {"comment":TEXT}
+std::string commentLine(std::string_view text);
+
+// "LEVEL [SUBSYSTEM:CATEGORY] MESSAGE", the message unchanged.
+std::string logLine(const platform::LogRecord& record);
+
+// Sends the process's log records to `stream` (standard error), one flushed line each.
+void installLogSink(std::FILE* stream);
+
+}  // namespace nimborra::host

@@ -1,0 +1,137 @@
+#include "Session.h"
+
+#include <string>
+#include <system_error>
+#include <type_traits>
+#include <utility>
+
+#include "NimbOrraPlatform/Application.h"
+#include "NimbOrraPlatform/Bundle.h"
+#include "NimbOrraPlatform/UserNotificationCenter.h"
+#include "NimbOrraPushAddonApns/ApnsColdStartBuffer.h"
+
+namespace nimborra::host {
+
+Session::Session(OutputWriter& output, std::shared_ptr<core::OrraPlugin> plugin, bool echo)
+    : output_(output), plugin_(std::move(plugin)), echo_(echo) {}
+
+SessionStatus Session::run(std::istream& input) {
+    bool refused = false;
+    std::size_t lineNumber = 0;
+    std::string line;
+    while (std::getline(input, line)) {
+        ++lineNumber;
+        if (!runLine(line, lineNumber)) {
+            refused = true;
+        }
+    }
+    const bool unreadable = input.bad();
+    waitForReplies();
+    if (unreadable) {
+        return SessionStatus::unreadable;
+    }
+    return refused ? SessionStatus::refused : SessionStatus::accepted;
+}
+
+bool Session::runLine(std::string_view line, std::size_t lineNumber) {
+    InputLine input = readInputLine(line);
+    if (input.kind == InputLine::Kind::blank) {
+        return true;
+    }
+    if (echo_) {
+        // Let the previous command finish first, so that its events and reply come before the
+        // next echoed line.
+        waitForReplies();
+        output_.writeLine(input.kind == InputLine::Kind::comment ? commentLine(input.text)
+                                                                 : commandLine(input.json, line));
+    }
+    switch (input.kind) {
+        case InputLine::Kind::blank:
+        case InputLine::Kind::comment:
+            return true;
+        case InputLine::Kind::refused:
+            output_.writeLine(refusalLine(input.text, lineNumber));
+            return false;
+        case InputLine::Kind::command:
+            break;
+    }
+
+    std::visit(
+        [this](const auto& command) {
+            using T = std::decay_t<decltype(command)>;
+            if constexpr (std::is_same_v<T, CallCommand>) {
+                call(command);
+            } else if constexpr (std::is_same_v<T, CancelCommand>) {
+                plugin_->cancel(command.callbackId);
+            } else if constexpr (std::is_same_v<T, LaunchCommand>) {
+                launch(command);
+            } else if constexpr (std::is_same_v<T, PlatformCommand>) {
+                changePlatform(command);
+            } else {
+                inspect();
+            }
+        },
+        input.command);
+    return true;
+}
+
+void Session::waitForReplies() {
+    std::unique_lock lock(mutex_);
+    answered_.wait(lock, [this] { return outstanding_ == 0; });
+}
+
+void Session::call(const CallCommand& command) {
+    ++callCount_;
+    const std::int64_t id = command.id.value_or(callCount_);
+    if (command.synchronous) {
+        output_.writeLine(replyLine(id, plugin_->callSync(command.method, command.payload)));
+        return;
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        ++outstanding_;
+    }
+    plugin_->callAsync(command.method, command.payload, [this, id](std::string reply) {
+        output_.writeLine(replyLine(id, reply));
+        // Notified under the lock: once a waiter sees the count reach zero, this callback no
+        // longer touches the session.
+        const std::lock_guard lock(mutex_);
+        if (--outstanding_ == 0) {
+            answered_.notify_all();
+        }
+    });
+}
+
+void Session::launch(const LaunchCommand& command) {
+    waitForReplies();
+    apns::ApnsColdStartBuffer::shared()->capture(command.payload);
+}
+
+void Session::changePlatform(const PlatformCommand& command) {
+    waitForReplies();
+    auto& center = platform::UNUserNotificationCenter::currentNotificationCenter();
+    if (command.authorization) {
+        center.setAuthorizationAnswer(command.authorization->granted, command.authorization->error);
+    }
+    if (command.authorizationStatus) {
+        center.setAuthorizationStatus(*command.authorizationStatus);
+    }
+    if (command.badgeError) {
+        center.setBadgeError(*command.badgeError);
+    }
+    if (command.bundle) {
+        std::error_code error;
+        auto directory = std::filesystem::absolute(*command.bundle, error);
+        platform::Bundle::mainBundle().setResourceDirectory(error ? *command.bundle : directory);
+    }
+}
+
+void Session::inspect() {
+    waitForReplies();
+    const auto& center = platform::UNUserNotificationCenter::currentNotificationCenter();
+    output_.writeLine(
+        platformLine(center.lastAuthorizationOptions(), center.lastBadgeCount(),
+                     platform::UIApplication::sharedApplication().mainThreadRegistrationCount()));
+}
+
+}  // namespace nimborra::host

@@ -1,0 +1,71 @@
+// One apns-host session: runs the commands of an input, line by line, against the plug-in and
+// the simulated system, and writes what happens.
+//
+// Threads: run() (and with it every command) runs on one thread, the reading thread; it must
+// not be the main thread, which has to keep draining the main queue. Replies arrive on the
+// plug-in's queue and are written from there; the count of calls still waiting for their reply
+// is guarded by a lock, which is how "launch", "platform" and "inspect" wait for every earlier
+// call. The session must outlive every call it started: run() returns only when all of them have
+// been answered.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <istream>
+#include <memory>
+#include <mutex>
+#include <string_view>
+
+#include "Commands.h"
+#include "NimbOrraCore/OrraPlugin.h"
+#include "Output.h"
+
+namespace nimborra::host {
+
+// The exit status of a session.
+enum class SessionStatus {
+    // Every line was accepted.
+    accepted = 0,
+    // At least one line was refused.
+    refused = 1,
+    // The input could not be read.
+    unreadable = 2,
+};
+
+class Session {
+  public:
+    // `plugin` receives the calls; with `echo`, each command and comment is written before it
+    // runs, and runs only once every earlier call has been answered.
+    Session(OutputWriter& output, std::shared_ptr<core::OrraPlugin> plugin, bool echo);
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // Runs every line of `input`, then waits until every call has been answered.
+    SessionStatus run(std::istream& input);
+
+    // Runs one line, numbered from 1 in its input. False when the line was refused.
+    bool runLine(std::string_view line, std::size_t lineNumber);
+
+    // Blocks until every call started so far has been answered.
+    void waitForReplies();
+
+  private:
+    void call(const CallCommand& command);
+    void launch(const LaunchCommand& command);
+    void changePlatform(const PlatformCommand& command);
+    void inspect();
+
+    OutputWriter& output_;
+    const std::shared_ptr<core::OrraPlugin> plugin_;
+    const bool echo_;
+    // Accepted call and callSync commands so far: the default "id". Reading thread only.
+    std::int64_t callCount_ = 0;
+
+    std::mutex mutex_;
+    std::condition_variable answered_;
+    // Asynchronous calls whose reply has not been written yet; guarded by mutex_.
+    std::size_t outstanding_ = 0;
+};
+
+}  // namespace nimborra::host

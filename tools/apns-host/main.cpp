@@ -1,0 +1,150 @@
+// apns-host: plays the application that loads the "ApnsService" add-on, the simulated system
+// underneath it and the far side of the bridge, driven by JSON Lines commands. See helpText()
+// in Options.cpp for the commands and the output.
+//
+// Threads: the main thread registers the plug-in and then drains the main queue for as long as
+// the session lasts, as an application's main thread does; a second thread reads and runs the
+// commands and stops the main loop once every call has been answered.
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <variant>
+#include <vector>
+
+#include "DemoScript.h"
+#include "NimbOrraCore/OrraBridgeDispatcher.h"
+#include "NimbOrraPlatform/Bundle.h"
+#include "NimbOrraPlatform/DispatchQueue.h"
+#include "NimbOrraPlatform/Logger.h"
+#include "NimbOrraPlatform/UserNotificationCenter.h"
+#include "NimbOrraPushAddonApns/ApnsServiceNativeAdapterDefault.h"
+#include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
+#include "Options.h"
+#include "Output.h"
+#include "Session.h"
+
+namespace {
+
+using namespace nimborra;
+
+constexpr int kStatusBadInvocation = 2;
+
+int fail(const std::string& message) {
+    std::fprintf(stderr, "apns-host: %s\n", message.c_str());
+    return kStatusBadInvocation;
+}
+
+// Opens the session's input: the demo, the script file or standard input.
+struct Input {
+    std::unique_ptr<std::istream> owned;
+    std::istream* stream = nullptr;
+};
+
+std::variant<Input, std::string> openInput(const host::HostOptions& options) {
+    Input input;
+    if (options.demo) {
+        input.owned = std::make_unique<std::istringstream>(std::string(host::demoScript()));
+    } else if (options.script) {
+        std::error_code error;
+        if (std::filesystem::is_directory(*options.script, error)) {
+            return "cannot read script " + options.script->string() + ": it is a directory";
+        }
+        auto file = std::make_unique<std::ifstream>(*options.script, std::ios::binary);
+        if (!*file) {
+            return "cannot read script " + options.script->string() + ": " + std::strerror(errno);
+        }
+        input.owned = std::move(file);
+    }
+    input.stream = input.owned ? input.owned.get() : &std::cin;
+    return input;
+}
+
+int runHost(const host::HostOptions& options) {
+    auto opened = openInput(options);
+    if (auto* message = std::get_if<std::string>(&opened)) {
+        return fail(*message);
+    }
+    Input input = std::move(std::get<Input>(opened));
+
+    platform::setLogLevel(options.logLevel);
+    host::installLogSink(stderr);
+
+    auto bundle = options.bundle;
+    if (!bundle && options.demo) {
+        bundle = std::filesystem::path(NIMBORRA_SAMPLE_BUNDLE_DIR);
+        if (!std::filesystem::is_directory(*bundle)) {
+            std::fprintf(stderr, "apns-host: the sample bundle %s is missing\n", bundle->c_str());
+        }
+    }
+    if (bundle) {
+        std::error_code error;
+        const auto directory = std::filesystem::absolute(*bundle, error);
+        platform::Bundle::mainBundle().setResourceDirectory(error ? *bundle : directory);
+    }
+    // The simulated system starts from its defaults: authorization granted, status not
+    // determined, no badge error.
+    platform::UNUserNotificationCenter::currentNotificationCenter().reset();
+
+    host::OutputWriter output(stdout);
+    auto& dispatcher = core::OrraBridgeDispatcher::shared();
+    const auto subscription =
+        dispatcher.subscribe([&output](const std::string& name, const std::string& payload) {
+            output.writeLine(host::eventLine(name, payload));
+        });
+    apns::Nimb_Orra_ApnsService_Register();
+    auto plugin = dispatcher.plugin(apns::ApnsServicePlugin::name);
+    if (!plugin) {
+        dispatcher.unsubscribe(subscription);
+        platform::setLogSink({});
+        return fail("the ApnsService plug-in did not register");
+    }
+
+    host::Session session(output, std::move(plugin), options.echo || options.demo);
+    host::SessionStatus status = host::SessionStatus::accepted;
+    std::thread reader([&] {
+        status = session.run(*input.stream);
+        platform::DispatchQueue::stopMainLoop();
+    });
+    platform::DispatchQueue::runMainLoop();
+    reader.join();
+
+    // Nothing may reach this function's objects once it returns.
+    dispatcher.unsubscribe(subscription);
+    platform::setLogSink({});
+    if (status == host::SessionStatus::unreadable) {
+        std::fprintf(stderr, "apns-host: reading the commands failed\n");
+    }
+    return static_cast<int>(status);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const std::vector<std::string_view> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
+        const auto parsed = nimborra::host::parseOptions(arguments);
+        if (std::holds_alternative<nimborra::host::HelpRequest>(parsed)) {
+            const auto help = nimborra::host::helpText();
+            std::fwrite(help.data(), 1, help.size(), stdout);
+            return 0;
+        }
+        if (const auto* error = std::get_if<nimborra::host::OptionError>(&parsed)) {
+            fail(error->message);
+            std::fprintf(stderr, "Try 'apns-host --help'.\n");
+            return kStatusBadInvocation;
+        }
+        return runHost(std::get<nimborra::host::HostOptions>(parsed));
+    } catch (const std::exception& error) {
+        return fail(error.what());
+    }
+}
