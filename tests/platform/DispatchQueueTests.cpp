@@ -24,34 +24,27 @@ constexpr auto patience = 30s;
 
 TEST(DispatchQueueTest, RunsItemsFromManySubmittersOneAtATimeInSubmissionOrder) {
     constexpr int submitters = 4;
-    constexpr int itemsEach = 500;
+    constexpr std::size_t itemsEach = 500;
     DispatchQueue queue("com.example.ordering");
 
-    // Touched only by the queue's items; read after the last one has signalled.
-    std::vector<std::pair<int, int>> ran;
-    std::vector<std::thread::id> ranOn;
-    std::atomic<int> running{0};
-    std::atomic<bool> overlapped{false};
-    std::atomic<bool> notCurrent{false};
-    std::counting_semaphore<submitters * itemsEach> finished(0);
+    // Unguarded on purpose: only the queue's items touch them, one at a time (the thread
+    // sanitizer would notice otherwise), and the test reads them after the last one signalled.
+    std::vector<std::pair<int, std::size_t>> ran;
+    int running = 0;
+    bool misplaced = false;  // overlapping another item, or not on the queue's own worker
+    std::binary_semaphore finished(0);
 
-    std::vector<std::thread::id> submitterIds(submitters);
     std::vector<std::thread> threads;
     for (int s = 0; s < submitters; ++s) {
         threads.emplace_back([&, s] {
-            submitterIds[s] = std::this_thread::get_id();
-            for (int i = 0; i < itemsEach; ++i) {
+            for (std::size_t i = 0; i < itemsEach; ++i) {
                 queue.async([&, s, i] {
-                    if (running.fetch_add(1) != 0) {
-                        overlapped = true;
-                    }
-                    if (!queue.isCurrent()) {
-                        notCurrent = true;
-                    }
+                    misplaced |= ++running != 1 || !queue.isCurrent() || isMainThread();
                     ran.emplace_back(s, i);
-                    ranOn.push_back(std::this_thread::get_id());
-                    running.fetch_sub(1);
-                    finished.release();
+                    --running;
+                    if (ran.size() == submitters * itemsEach) {
+                        finished.release();
+                    }
                 });
             }
         });
@@ -59,40 +52,19 @@ TEST(DispatchQueueTest, RunsItemsFromManySubmittersOneAtATimeInSubmissionOrder) 
     for (auto& thread : threads) {
         thread.join();
     }
-    for (int n = 0; n < submitters * itemsEach; ++n) {
-        ASSERT_TRUE(finished.try_acquire_for(patience));
-    }
-
-    EXPECT_FALSE(overlapped);
-    EXPECT_FALSE(notCurrent);
+    ASSERT_TRUE(finished.try_acquire_for(patience));
+    EXPECT_FALSE(misplaced);
     EXPECT_FALSE(queue.isCurrent());
-    ASSERT_EQ(ran.size(), std::size_t{submitters * itemsEach});
-    std::vector<int> next(submitters, 0);
+    std::vector<std::size_t> next(submitters, 0);
     for (const auto& [s, i] : ran) {
-        EXPECT_EQ(i, next[s]) << "submitter " << s;
-        next[s] = i + 1;
-    }
-    for (const auto& id : ranOn) {
-        EXPECT_EQ(id, ranOn.front());
-        for (const auto& submitter : submitterIds) {
-            EXPECT_NE(id, submitter);
-        }
-        EXPECT_NE(id, std::this_thread::get_id());
+        EXPECT_EQ(i, next[s]++) << "submitter " << s;
     }
 }
 
-TEST(DispatchQueueTest, SubmissionDoesNotWaitForRunningWork) {
-    DispatchQueue queue("com.example.blocked");
-    std::binary_semaphore gate(0);
-    std::binary_semaphore secondRan(0);
-    queue.async([&] { gate.acquire(); });
-    // The first item is blocked; submitting more must still return.
-    queue.async([&] { secondRan.release(); });
-    gate.release();
-    EXPECT_TRUE(secondRan.try_acquire_for(patience));
-}
-
+// Items submitted while an item blocks, and items that items submit while the queue closes,
+// all run before destruction returns. Items that throw are reported and the queue carries on.
 TEST(DispatchQueueTest, DestructionRunsEverySubmittedItemFirst) {
+    LogCapture capture;
     std::atomic<int> count{0};
     std::binary_semaphore gate(0);
     auto queue = std::make_unique<DispatchQueue>("com.example.draining");
@@ -103,16 +75,24 @@ TEST(DispatchQueueTest, DestructionRunsEverySubmittedItemFirst) {
     });
     for (int i = 0; i < 100; ++i) {
         queue->async([&, i] {
-            // Items submitted by items while the queue is closing run too.
+            ++count;
             if (i == 99) {
                 closing->async([&] { ++count; });
+            } else if (i == 10) {
+                throw std::runtime_error("disk on fire");
+            } else if (i == 20) {
+                throw 42;
             }
-            ++count;
         });
     }
     gate.release();
     queue.reset();
     EXPECT_EQ(count.load(), 102);
+    const auto records = capture.records();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_NE(records[0].message.find("disk on fire"), std::string::npos) << records[0].message;
+    EXPECT_NE(records[1].message.find("com.example.draining"), std::string::npos)
+        << records[1].message;
 }
 
 // The last owner of a queue lets go on the queue's own worker: either while an item runs, or
@@ -124,7 +104,6 @@ TEST(DispatchQueueTest, LastOwnerReleasedOnItsOwnWorker) {
         auto queue = std::make_shared<DispatchQueue>("com.example.self-owned");
         std::binary_semaphore ownerDropped(0);
         std::binary_semaphore laterItemsRan(0);
-        std::atomic<int> later{0};
 
         queue->async([keep = queue, &ownerDropped, insideItem]() mutable {
             ownerDropped.acquire();
@@ -132,77 +111,29 @@ TEST(DispatchQueueTest, LastOwnerReleasedOnItsOwnWorker) {
                 keep.reset();
             }
         });
-        queue->async([&] { ++later; });
-        queue->async([&] {
-            ++later;
-            laterItemsRan.release();
-        });
+        queue->async([] {});
+        queue->async([&] { laterItemsRan.release(); });
         queue.reset();
         ownerDropped.release();
 
-        ASSERT_TRUE(laterItemsRan.try_acquire_for(patience));
-        EXPECT_EQ(later.load(), 2);
+        EXPECT_TRUE(laterItemsRan.try_acquire_for(patience));
     }
 }
 
-TEST(DispatchQueueTest, ThrowingItemIsReportedAndTheQueueCarriesOn) {
-    LogCapture capture;
-    DispatchQueue queue("com.example.throwing");
-    std::binary_semaphore done(0);
-    queue.async([] { throw std::runtime_error("disk on fire"); });
-    queue.async([] { throw 42; });
-    queue.async([&] { done.release(); });
-    ASSERT_TRUE(done.try_acquire_for(patience));
-
-    const auto records = capture.records();
-    ASSERT_EQ(records.size(), 2u);
-    for (const auto& record : records) {
-        EXPECT_EQ(record.level, LogLevel::error);
-        EXPECT_EQ(record.subsystem, "com.nimborra.platform");
-        EXPECT_NE(record.message.find("com.example.throwing"), std::string::npos) << record.message;
-    }
-    EXPECT_NE(records[0].message.find("disk on fire"), std::string::npos) << records[0].message;
-}
-
-TEST(MainThreadTest, OnlyTheInitialThreadIsMain) {
+TEST(MainThreadTest, OnlyTheInitialThreadIsMainAndCodeRunningElsewhereCanReportIt) {
     EXPECT_TRUE(isMainThread());
     EXPECT_TRUE(DispatchQueue::main().isCurrent());
-
-    std::atomic<bool> otherIsMain{true};
-    std::atomic<bool> otherSeesMainCurrent{true};
-    std::thread([&] {
-        otherIsMain = isMainThread();
-        otherSeesMainCurrent = DispatchQueue::main().isCurrent();
-    }).join();
-    EXPECT_FALSE(otherIsMain);
-    EXPECT_FALSE(otherSeesMainCurrent);
-
-    DispatchQueue queue("com.example.worker");
-    DispatchQueue otherQueue("com.example.other");
-    std::binary_semaphore done(0);
-    std::atomic<bool> workerIsMain{true};
-    std::atomic<bool> otherQueueCurrent{true};
-    queue.async([&] {
-        workerIsMain = isMainThread();
-        otherQueueCurrent = otherQueue.isCurrent();
-        done.release();
-    });
-    ASSERT_TRUE(done.try_acquire_for(patience));
-    EXPECT_FALSE(workerIsMain);
-    EXPECT_FALSE(otherQueueCurrent);
-}
-
-TEST(MainThreadTest, IsolationViolationIsLoggedWithItsLocation) {
     LogCapture capture;
-    reportMainActorIsolationViolation("NimbOrraExample/Widget", 370);
+    std::thread([] {
+        EXPECT_FALSE(isMainThread());
+        EXPECT_FALSE(DispatchQueue::main().isCurrent());
+        reportMainActorIsolationViolation("NimbOrraExample/Widget", 370);
+    }).join();
     const auto records = capture.records();
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].level, LogLevel::error);
-    EXPECT_EQ(records[0].subsystem, "com.nimborra.platform");
-    EXPECT_EQ(records[0].category, "runtime");
     EXPECT_NE(records[0].message.find("NimbOrraExample/Widget:370"), std::string::npos)
         << records[0].message;
-    EXPECT_NE(records[0].message.find("main thread"), std::string::npos) << records[0].message;
 }
 
 class MainQueueTest : public ::testing::Test {
@@ -212,82 +143,52 @@ class MainQueueTest : public ::testing::Test {
     void TearDown() override { DispatchQueue::drainMain(); }
 };
 
-TEST_F(MainQueueTest, ItemsRunOnlyWhenDrainedAndOnTheMainThread) {
+TEST_F(MainQueueTest, ItemsRunOnlyWhenDrainedOnTheMainThreadAndDrainsNeverNest) {
+    // Unguarded on purpose: items must run on this thread only (the thread sanitizer checks).
     std::vector<int> order;
-    std::atomic<bool> allOnMain{true};
+    // A drain inside an item must run nothing, and what the item submits waits for the next one.
+    DispatchQueue::main().async([&] {
+        order.push_back(100 + static_cast<int>(DispatchQueue::drainMain()));
+        DispatchQueue::main().async([&] { order.push_back(-2); });
+    });
     std::thread([&] {
         for (int i = 0; i < 3; ++i) {
-            DispatchQueue::main().async([&, i] {
-                order.push_back(i);
-                if (!isMainThread()) {
-                    allOnMain = false;
-                }
-            });
+            DispatchQueue::main().async([&, i] { order.push_back(isMainThread() ? i : -1); });
         }
+        EXPECT_EQ(DispatchQueue::drainMain(), 0u) << "drained off the main thread";
     }).join();
     EXPECT_TRUE(order.empty());
 
-    // Draining from another thread runs nothing.
-    std::size_t ranElsewhere = 1;
-    std::thread([&] { ranElsewhere = DispatchQueue::drainMain(); }).join();
-    EXPECT_EQ(ranElsewhere, 0u);
-    EXPECT_TRUE(order.empty());
-
-    EXPECT_EQ(DispatchQueue::drainMain(), 3u);
-    EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
-    EXPECT_TRUE(allOnMain);
+    EXPECT_EQ(DispatchQueue::drainMain(), 4u);
+    EXPECT_EQ(order, (std::vector<int>{100, 0, 1, 2}));
+    EXPECT_EQ(DispatchQueue::drainMain(), 1u);
     EXPECT_EQ(DispatchQueue::drainMain(), 0u);
 }
 
-TEST_F(MainQueueTest, DrainRunsOnlyWhatWasPendingAndNeverNests) {
-    int runs = 0;
-    std::size_t nestedDrain = 1;
-    DispatchQueue::main().async([&] {
-        ++runs;
-        nestedDrain = DispatchQueue::drainMain();
-        DispatchQueue::main().async([&] { ++runs; });
-    });
-    EXPECT_EQ(DispatchQueue::drainMain(), 1u);
-    EXPECT_EQ(runs, 1);
-    EXPECT_EQ(nestedDrain, 0u);
-    EXPECT_EQ(DispatchQueue::drainMain(), 1u);
-    EXPECT_EQ(runs, 2);
-}
-
-TEST_F(MainQueueTest, RunUntilRunsItemsAsTheyArrive) {
-    std::atomic<bool> flag{false};
-    std::thread producer([&] {
-        DispatchQueue::main().async([] {});
-        DispatchQueue::main().async([&] { flag = isMainThread(); });
-    });
-    EXPECT_TRUE(DispatchQueue::runMainUntil([&] { return flag.load(); }, patience));
-    producer.join();
-
-    // A condition set by another thread without any main-queue item is noticed too.
+// Items arriving while it waits are covered by the application tests; here: a condition that
+// another thread sets without any main-queue item is noticed, and a timeout answers false.
+TEST_F(MainQueueTest, RunUntilNoticesAConditionSetElsewhereAndGivesUp) {
     std::atomic<bool> external{false};
     std::thread setter([&] { external = true; });
     EXPECT_TRUE(DispatchQueue::runMainUntil([&] { return external.load(); }, patience));
     setter.join();
-
     EXPECT_FALSE(DispatchQueue::runMainUntil([] { return false; }, 1ms));
 }
 
 TEST_F(MainQueueTest, MainLoopRunsUntilStopped) {
-    std::vector<int> order;
+    int ran = 0;  // only ever touched on this thread
     std::thread producer([&] {
         for (int i = 0; i < 50; ++i) {
-            DispatchQueue::main().async([&, i] { order.push_back(i); });
+            DispatchQueue::main().async([&] { ++ran; });
         }
         DispatchQueue::main().async([] { DispatchQueue::stopMainLoop(); });
-        DispatchQueue::main().async([&] { order.push_back(-1); });
+        DispatchQueue::main().async([&] { ++ran; });
     });
     DispatchQueue::runMainLoop();
     producer.join();
-    ASSERT_EQ(order.size(), 50u);
-    EXPECT_EQ(order.back(), 49);
+    EXPECT_EQ(ran, 50);
     // The item behind the stop request waits for the next drain.
     EXPECT_EQ(DispatchQueue::drainMain(), 1u);
-    EXPECT_EQ(order.back(), -1);
 
     // A stop requested from another thread while the loop sleeps ends it.
     std::thread stopper([] { DispatchQueue::stopMainLoop(); });
