@@ -10,24 +10,6 @@ namespace nimborra::core {
 
 namespace {
 
-template <class Component>
-std::string formatPath(const std::vector<Component>& path) {
-    std::string text;
-    for (const auto& component : path) {
-        if (component.isIndex) {
-            text += '[';
-            text += std::to_string(component.index);
-            text += ']';
-        } else {
-            if (!text.empty()) {
-                text += '.';
-            }
-            text += component.key;
-        }
-    }
-    return text;
-}
-
 std::string describeNumber(double number) {
     std::string text;
     if (!platform::appendJSONNumber(text, number)) {
@@ -38,12 +20,12 @@ std::string describeNumber(double number) {
 
 // Reads an integral number of type Int into `out`: integers in range, and reals that are
 // integral and in range (3.0, 1e2). Anything else numeric is dataCorrupted.
-template <class Int>
-bool readInteger(DecodingContext& context, const platform::Value& value, Int& out,
+template <class Int, class Source>
+bool readInteger(DecodingContext& context, const Source& value, Int& out,
                  std::string_view typeName) {
     constexpr auto lowest = std::numeric_limits<Int>::min();
     constexpr auto highest = std::numeric_limits<Int>::max();
-    if (const auto* i = value.integer()) {
+    if (const auto i = value.integer()) {
         if (*i < lowest || *i > highest) {
             context.fail(
                 CodingErrorKind::dataCorrupted,
@@ -53,13 +35,13 @@ bool readInteger(DecodingContext& context, const platform::Value& value, Int& ou
         out = static_cast<Int>(*i);
         return true;
     }
-    if (const auto* u = value.unsignedInteger()) {
+    if (const auto u = value.unsignedInteger()) {
         context.fail(
             CodingErrorKind::dataCorrupted,
             "the number " + std::to_string(*u) + " does not fit in " + std::string(typeName));
         return false;
     }
-    if (const auto* r = value.real()) {
+    if (const auto r = value.real()) {
         const double d = *r;
         if (std::trunc(d) != d) {
             context.fail(CodingErrorKind::dataCorrupted,
@@ -81,19 +63,40 @@ bool readInteger(DecodingContext& context, const platform::Value& value, Int& ou
 
 }  // namespace
 
+// ---- CodingPath -------------------------------------------------------------------------------
+
+std::string detail::CodingPath::format() const {
+    std::string text;
+    for (std::size_t i = 0; i < size_; ++i) {
+        const Component& component =
+            i < inlineCapacity ? inline_[i] : overflow_[i - inlineCapacity];
+        if (component.isIndex) {
+            text += '[';
+            text += std::to_string(component.index);
+            text += ']';
+        } else {
+            if (!text.empty()) {
+                text += '.';
+            }
+            text += component.key;
+        }
+    }
+    return text;
+}
+
 // ---- EncodingContext --------------------------------------------------------------------------
 
 void EncodingContext::pushKey(std::string_view key) {
-    path_.push_back({key, 0, false});
+    path_.push({key, 0, false});
 }
 void EncodingContext::pushIndex(std::size_t index) {
-    path_.push_back({{}, index, true});
+    path_.push({{}, index, true});
 }
 void EncodingContext::pop() {
-    path_.pop_back();
+    path_.pop();
 }
 std::string EncodingContext::codingPath() const {
-    return formatPath(path_);
+    return path_.format();
 }
 
 void EncodingContext::fail(CodingErrorKind kind, std::string detail) {
@@ -135,16 +138,16 @@ void EncodingContext::write(const platform::Data& value) {
 // ---- DecodingContext --------------------------------------------------------------------------
 
 void DecodingContext::pushKey(std::string_view key) {
-    path_.push_back({key, 0, false});
+    path_.push({key, 0, false});
 }
 void DecodingContext::pushIndex(std::size_t index) {
-    path_.push_back({{}, index, true});
+    path_.push({{}, index, true});
 }
 void DecodingContext::pop() {
-    path_.pop_back();
+    path_.pop();
 }
 std::string DecodingContext::codingPath() const {
-    return formatPath(path_);
+    return path_.format();
 }
 
 void DecodingContext::fail(CodingErrorKind kind, std::string detail) {
@@ -153,7 +156,11 @@ void DecodingContext::fail(CodingErrorKind kind, std::string detail) {
     }
 }
 
-void DecodingContext::mismatch(std::string_view expected, const platform::Value& found) {
+// Both sources share every rule below; only the way a value is looked at differs, and both
+// offer the same accessors (a pointer for a Value, an optional for a view).
+
+template <class Source>
+void DecodingContext::mismatch(std::string_view expected, const Source& found) {
     if (found.isNull()) {
         fail(CodingErrorKind::valueNotFound,
              "expected " + std::string(expected) + " but found null");
@@ -163,8 +170,9 @@ void DecodingContext::mismatch(std::string_view expected, const platform::Value&
     }
 }
 
-bool DecodingContext::read(const platform::Value& value, bool& out) {
-    if (const auto* b = value.boolean()) {
+template <class Source>
+bool DecodingContext::readBoolean(const Source& value, bool& out) {
+    if (const auto b = value.boolean()) {
         out = *b;
         return true;
     }
@@ -172,7 +180,59 @@ bool DecodingContext::read(const platform::Value& value, bool& out) {
     return false;
 }
 
+template <class Source>
+bool DecodingContext::readDouble(const Source& value, double& out) {
+    if (const auto r = value.real()) {
+        out = *r;
+        return true;
+    }
+    if (const auto i = value.integer()) {
+        out = static_cast<double>(*i);
+        return true;
+    }
+    if (const auto u = value.unsignedInteger()) {
+        out = static_cast<double>(*u);
+        return true;
+    }
+    mismatch("a number", value);
+    return false;
+}
+
+template <class Source>
+bool DecodingContext::readData(const Source& value, platform::Data& out) {
+    const auto t = value.text();
+    if (!t) {
+        mismatch("a base64 string", value);
+        return false;
+    }
+    auto bytes = platform::base64DecodedData(*t);
+    if (!bytes) {
+        fail(CodingErrorKind::dataCorrupted, "the string is not valid base64");
+        return false;
+    }
+    out.bytes = std::move(*bytes);
+    return true;
+}
+
+bool DecodingContext::read(const platform::Value& value, bool& out) {
+    return readBoolean(value, out);
+}
+
+bool DecodingContext::read(const platform::JSONElement& value, bool& out) {
+    return readBoolean(value, out);
+}
+
 bool DecodingContext::read(const platform::Value& value, std::int32_t& out) {
+    if (readInteger(*this, value, out, "a 32-bit integer")) {
+        return true;
+    }
+    if (!failed()) {
+        mismatch("an integer", value);
+    }
+    return false;
+}
+
+bool DecodingContext::read(const platform::JSONElement& value, std::int32_t& out) {
     if (readInteger(*this, value, out, "a 32-bit integer")) {
         return true;
     }
@@ -192,21 +252,22 @@ bool DecodingContext::read(const platform::Value& value, std::int64_t& out) {
     return false;
 }
 
-bool DecodingContext::read(const platform::Value& value, double& out) {
-    if (const auto* r = value.real()) {
-        out = *r;
+bool DecodingContext::read(const platform::JSONElement& value, std::int64_t& out) {
+    if (readInteger(*this, value, out, "a 64-bit integer")) {
         return true;
     }
-    if (const auto* i = value.integer()) {
-        out = static_cast<double>(*i);
-        return true;
+    if (!failed()) {
+        mismatch("an integer", value);
     }
-    if (const auto* u = value.unsignedInteger()) {
-        out = static_cast<double>(*u);
-        return true;
-    }
-    mismatch("a number", value);
     return false;
+}
+
+bool DecodingContext::read(const platform::Value& value, double& out) {
+    return readDouble(value, out);
+}
+
+bool DecodingContext::read(const platform::JSONElement& value, double& out) {
+    return readDouble(value, out);
 }
 
 bool DecodingContext::read(const platform::Value& value, std::string& out) {
@@ -218,19 +279,21 @@ bool DecodingContext::read(const platform::Value& value, std::string& out) {
     return false;
 }
 
+bool DecodingContext::read(const platform::JSONElement& value, std::string& out) {
+    if (const auto t = value.text()) {
+        out.assign(t->data(), t->size());
+        return true;
+    }
+    mismatch("a string", value);
+    return false;
+}
+
 bool DecodingContext::read(const platform::Value& value, platform::Data& out) {
-    const auto* t = value.text();
-    if (t == nullptr) {
-        mismatch("a base64 string", value);
-        return false;
-    }
-    auto bytes = platform::base64DecodedData(*t);
-    if (!bytes) {
-        fail(CodingErrorKind::dataCorrupted, "the string is not valid base64");
-        return false;
-    }
-    out.bytes = std::move(*bytes);
-    return true;
+    return readData(value, out);
+}
+
+bool DecodingContext::read(const platform::JSONElement& value, platform::Data& out) {
+    return readData(value, out);
 }
 
 const platform::Dictionary* DecodingContext::readObject(const platform::Value& value) {
@@ -241,6 +304,15 @@ const platform::Dictionary* DecodingContext::readObject(const platform::Value& v
     return nullptr;
 }
 
+std::optional<platform::JSONElement> DecodingContext::readObject(
+    const platform::JSONElement& value) {
+    if (value.kind() == platform::Value::Kind::dictionary) {
+        return value;
+    }
+    mismatch("an object", value);
+    return std::nullopt;
+}
+
 const platform::Array* DecodingContext::readArray(const platform::Value& value) {
     if (const auto* a = value.array()) {
         return a;
@@ -249,10 +321,28 @@ const platform::Array* DecodingContext::readArray(const platform::Value& value) 
     return nullptr;
 }
 
+std::optional<platform::JSONElement> DecodingContext::readArray(
+    const platform::JSONElement& value) {
+    if (value.kind() == platform::Value::Kind::array) {
+        return value;
+    }
+    mismatch("an array", value);
+    return std::nullopt;
+}
+
 const platform::Value* DecodingContext::requireMember(const platform::Dictionary& object,
                                                       std::string_view key) {
-    const platform::Value* member = object.find(platform::Key(key));
+    const platform::Value* member = object.find(key);
     if (member == nullptr) {
+        fail(CodingErrorKind::keyNotFound, "no value for key \"" + std::string(key) + "\"");
+    }
+    return member;
+}
+
+std::optional<platform::JSONElement> DecodingContext::requireMember(
+    const platform::JSONElement& object, std::string_view key) {
+    auto member = object.member(key);
+    if (!member) {
         fail(CodingErrorKind::keyNotFound, "no value for key \"" + std::string(key) + "\"");
     }
     return member;

@@ -9,10 +9,14 @@ CodingResult<platform::Value> JSONDecoder::parse(std::string_view text) {
     auto parsed = platform::JSONSerialization::jsonObject(
         text, platform::JSONReadingOptions{.fragmentsAllowed = true}, &reason);
     if (!parsed) {
-        return CodingError(CodingErrorKind::dataCorrupted, {},
-                           "the data is not valid JSON (" + reason + ")");
+        return notJSON(reason);
     }
     return std::move(*parsed);
+}
+
+CodingError JSONDecoder::notJSON(std::string_view reason) {
+    return CodingError(CodingErrorKind::dataCorrupted, {},
+                       "the data is not valid JSON (" + std::string(reason) + ")");
 }
 
 }  // namespace nimborra::core

@@ -1,16 +1,27 @@
 // Event payloads and their delivery to the bridge.
 //
-// The notification payload deliberately takes the long way round: the record is encoded with a
-// default encoder, read back into a generic object and written again with sorted keys, so that
-// the far side sees exactly the member order and escapes of the platform serialiser. The only
-// savings made are copies: the parsed object is moved into the wrapper, and the texts are built
-// in place.
+// The notification payload is defined as the long way round: the record encoded with a default
+// encoder, read back into a generic object and written again with sorted keys, so that the far
+// side sees exactly the member order and escapes of the platform serialiser. It is built without
+// the detour, in one pass, and comes out byte for byte the same:
+// - every member's value is written by the same encoder, and reading a value back and writing it
+//   again gives the encoder's text unchanged (the same escapes; numbers in their shortest form
+//   read back to the same number), except that "-0" reads back as the integer 0, written "0";
+// - the members are written in byte order of their keys, as the sorted write orders them;
+// - text that is not UTF-8 fails the read-back, and so fails the final UTF-8 check here; a value
+//   the encoder refuses (a relevance score that is not finite) fails both ways.
 #include "NimbOrraPushAddonApns/ApnsBridgeEventEmitter.h"
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
 #include <string_view>
+#include <tuple>
+#include <type_traits>
 #include <utility>
+#include <vector>
 
-#include "NimbOrraCore/JSONEncoder.h"
+#include "NimbOrraCore/Codable.h"
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
 #include "NimbOrraPlatform/JSONSerialization.h"
 #include "NimbOrraPlatform/Value.h"
@@ -32,22 +43,73 @@ std::optional<std::string> writePayload(const platform::Value& payload, bool sor
     return text;
 }
 
-// Reads the encoder's output back as an object whose keys are all text; nothing otherwise.
-std::optional<platform::Value> readNotificationObject(std::string_view encoded) {
-    std::optional<platform::Value> object = platform::JSONSerialization::jsonObject(encoded);
-    if (!object) {
-        return std::nullopt;
+template <class T>
+struct IsVector : std::false_type {};
+template <class T, class A>
+struct IsVector<std::vector<T, A>> : std::true_type {};
+
+// The positions of a record's coding fields in byte order of their keys.
+template <core::CodableRecord R>
+constexpr auto sortedFieldOrder() {
+    constexpr auto fields = R::codingFields();
+    constexpr std::size_t count = std::tuple_size_v<decltype(fields)>;
+    std::array<std::string_view, count> keys{};
+    std::apply(
+        [&keys](const auto&... field) {
+            std::size_t i = 0;
+            ((keys[i++] = field.key), ...);
+        },
+        fields);
+    std::array<std::size_t, count> order{};
+    for (std::size_t i = 0; i < count; ++i) {
+        order[i] = i;
     }
-    const platform::Dictionary* members = object->dictionary();
-    if (members == nullptr) {
-        return std::nullopt;
-    }
-    for (const auto& member : *members) {
-        if (!member.first.isText()) {
-            return std::nullopt;
-        }
-    }
-    return object;
+    std::sort(order.begin(), order.end(),
+              [&keys](std::size_t a, std::size_t b) { return keys[a] < keys[b]; });
+    return order;
+}
+
+// Writes `record` as a JSON object with its members in byte order of their keys, each value as
+// the encoder writes it, "-0" as "0" (see the top of this file). Only flat records: a nested
+// record or list would have to be sorted inside as well.
+template <core::CodableRecord R, std::size_t... Position>
+void encodeSorted(core::EncodingContext& context, const R& record,
+                  std::index_sequence<Position...>) {
+    static constexpr auto fields = R::codingFields();
+    static constexpr auto order = sortedFieldOrder<R>();
+    std::string& out = context.out();
+    out += '{';
+    (
+        [&] {
+            const auto& field = std::get<order[Position]>(fields);
+            using Member = std::remove_cvref_t<decltype(record.*(field.member))>;
+            static_assert(!core::CodableRecord<Member> && !IsVector<Member>::value,
+                          "only records of plain values can be written sorted in one pass");
+            if (context.failed()) {
+                return;
+            }
+            if (Position > 0) {
+                out += ',';
+            }
+            context.writeKey(field.key);
+            context.pushKey(field.key);
+            const std::size_t start = out.size();
+            core::encodeValue(context, record.*(field.member));
+            if constexpr (std::is_floating_point_v<Member>) {
+                if (std::string_view(out).substr(start) == "-0") {
+                    out.replace(start, 2, "0");
+                }
+            }
+            context.pop();
+        }(),
+        ...);
+    out += '}';
+}
+
+template <core::CodableRecord R>
+void encodeSorted(core::EncodingContext& context, const R& record) {
+    encodeSorted(context, record,
+                 std::make_index_sequence<std::tuple_size_v<decltype(R::codingFields())>>());
 }
 
 // Hands a finished payload to the sink; a sink that throws must not reach our caller.
@@ -74,22 +136,25 @@ void ApnsBridgeEventEmitter::emit(const std::string& name, const std::string& pa
 std::optional<std::string> makeNotificationEventPayload(
     const ApnsNotification& notification, const std::optional<std::string>& actionIdentifier) {
     try {
-        const core::CodingResult<std::string> encoded = core::JSONEncoder{}.encode(notification);
-        if (!encoded) {
+        core::EncodingContext context;
+        std::string& out = context.out();
+        // The wrapper's two keys in byte order: "actionIdentifier" before "notification".
+        if (actionIdentifier) {
+            out += "{\"actionIdentifier\":";
+            platform::appendJSONString(out, *actionIdentifier);
+            out += ",\"notification\":";
+        }
+        encodeSorted(context, notification);
+        if (context.failed()) {
             return std::nullopt;
         }
-        std::optional<platform::Value> object = readNotificationObject(encoded.value());
-        if (!object) {
+        if (actionIdentifier) {
+            out += '}';
+        }
+        if (!platform::isValidUTF8(out)) {
             return std::nullopt;
         }
-        if (!actionIdentifier) {
-            return writePayload(*object, /*sortedKeys=*/true);
-        }
-        platform::Dictionary wrapper;
-        wrapper.reserve(2);
-        wrapper.set("notification", std::move(*object));
-        wrapper.set("actionIdentifier", platform::Value(*actionIdentifier));
-        return writePayload(platform::Value(std::move(wrapper)), /*sortedKeys=*/true);
+        return std::move(out);
     } catch (...) {
         // Out of memory somewhere along the way: no payload.
         return std::nullopt;

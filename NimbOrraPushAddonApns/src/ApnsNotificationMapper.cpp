@@ -178,9 +178,8 @@ std::string ApnsNotificationMapper::encodeUserInfoJson(
         }
         const Value root(std::move(byText));
         // One value that JSON cannot hold spoils the whole text; nothing is left out silently.
-        if (!JSONSerialization::isValidJSONObject(root)) {
-            return kFallback;
-        }
+        // The writer refuses exactly what isValidJSONObject refuses (byte data, dates, non-finite
+        // numbers, non-text keys, nesting beyond the limit), so its failure is the check.
         std::optional<std::string> text =
             JSONSerialization::data(root, platform::JSONWritingOptions{.sortedKeys = true});
         if (!text || !platform::isValidUTF8(*text)) {

@@ -64,16 +64,14 @@ std::string ApnsOutcomeEnvelope::unknownReply(const ApnsServiceUnknownOutcome& o
 
 std::string ApnsOutcomeEnvelope::successReply(std::string encodedResponse) {
     constexpr std::string_view prefix = "{\"success\":";
-    std::string_view body = encodedResponse;
-    if (!platform::isValidUTF8(body)) {
-        body = "{}";
+    if (!platform::isValidUTF8(encodedResponse)) {
+        encodedResponse = "{}";
     }
-    std::string reply;
-    reply.reserve(prefix.size() + body.size() + 1);
-    reply += prefix;
-    reply += body;
-    reply += '}';
-    return reply;
+    // Built in the encoder's buffer: its spare capacity usually takes the few added bytes, so
+    // the reply costs no allocation of its own.
+    encodedResponse.insert(0, prefix);
+    encodedResponse += '}';
+    return encodedResponse;
 }
 
 }  // namespace nimborra::apns

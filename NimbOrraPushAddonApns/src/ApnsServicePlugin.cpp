@@ -112,16 +112,24 @@ void ApnsServicePlugin::callAsync(std::string method, std::string payload,
                                   core::OrraCompletion onComplete) {
     try {
         queue_->async([self = shared_from_this(), method = std::move(method),
-                       payload = std::move(payload), onComplete = std::move(onComplete)] {
+                       payload = std::move(payload), onComplete = std::move(onComplete)]() mutable {
             std::string reply;
             try {
                 reply = self->handle(method, payload);
             } catch (...) {
                 reply = std::string(ApnsOutcomeEnvelope::serialisationFallback);
             }
+            // The plug-in and the call's texts are let go before the reply is delivered: once
+            // its callback runs, the call holds nothing, so an owner that drops the plug-in
+            // after receiving the reply is the last owner and destroys it there (joining the
+            // queue) instead of racing this item for the last reference.
+            const core::OrraCompletion complete = std::move(onComplete);
+            self.reset();
+            std::string().swap(method);
+            std::string().swap(payload);
             try {
-                if (onComplete) {
-                    onComplete(std::move(reply));
+                if (complete) {
+                    complete(std::move(reply));
                 }
             } catch (...) {
                 apnsLogger().error("ApnsService: a completion callback threw");

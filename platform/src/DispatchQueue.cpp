@@ -76,7 +76,8 @@ void runItem(const std::string& label, std::function<void()>& work) {
     }
 }
 
-// Pops the oldest item; the caller holds the queue's mutex and has checked that there is one.
+// Pops the oldest item; the caller has checked that there is one and, when `items` are the
+// queue's own, holds the queue's mutex.
 std::function<void()> popFront(std::deque<std::function<void()>>& items) {
     std::function<void()> work = std::move(items.front());
     items.pop_front();
@@ -280,17 +281,26 @@ void DispatchQueue::runWorker(std::shared_ptr<State> state) {
     const std::string shortName = label.size() > 15 ? label.substr(label.size() - 15) : label;
     pthread_setname_np(pthread_self(), shortName.c_str());
 
+    // Items are taken out in batches: everything pending at once, under one lock, so that
+    // submitters and the worker meet at the lock once per batch rather than once per item.
+    // Items submitted meanwhile (also by the batch's own items) form the next batch, so the
+    // submission order is kept.
+    std::deque<std::function<void()>> batch;
     std::unique_lock lock(state->mutex);
     for (;;) {
         state->wake.wait(lock, [&] { return state->stopping || !state->items.empty(); });
         if (state->items.empty()) {
             break;  // stopping, and nothing is left to run
         }
-        std::function<void()> work = popFront(state->items);
+        batch.swap(state->items);
         lock.unlock();
-        runItem(label, work);
-        // Released outside the lock: the item's captures may hold the last owner of this queue.
-        work = nullptr;
+        while (!batch.empty()) {
+            std::function<void()> work = popFront(batch);
+            runItem(label, work);
+            // Released before the next item: the item's captures may hold the last owner of
+            // this queue, whose destructor must then find the worker outside the lock.
+            work = nullptr;
+        }
         lock.lock();
     }
 }

@@ -1,8 +1,13 @@
-// The reading half of JSONSerialization, over simdjson. This is the only source file that
-// includes simdjson's header: it is large and slow to compile.
+// The reading half of JSONSerialization, over simdjson, and the JSONElement views of a parsed
+// document. This is the only source file that includes simdjson's header: it is large and slow
+// to compile.
 #include <simdjson.h>
 
+#include <bit>
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <type_traits>
 
 #include "NimbOrraPlatform/JSONSerialization.h"
 
@@ -12,18 +17,92 @@ namespace {
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
-// One parser per thread: a simdjson parser is not safe to share, and keeping it avoids
-// reallocating its buffers on every call.
-simdjson::dom::parser& threadParser() {
-    thread_local simdjson::dom::parser parser = [] {
-        simdjson::dom::parser p;
-        if (p.allocate(simdjson::SIMDJSON_PADDING, JSONSerialization::maximumDepth) !=
+// The parser of this thread: a simdjson parser is not safe to share, and keeping it avoids
+// reallocating its buffers on every call. While a visit (visitJSON) looks at the document it
+// holds, the parser is taken; a parse on the same thread meanwhile (from inside the visit) gets a
+// parser of its own, so that the visited document stays intact.
+class ParserLease {
+  public:
+    ParserLease() {
+        if (!threadParserTaken) {
+            threadParserTaken = true;
+            taken_ = true;
+            parser_ = &threadParser();
+        } else {
+            own_.emplace();
+            prepare(*own_);
+            parser_ = &*own_;
+        }
+    }
+    ~ParserLease() {
+        if (taken_) {
+            threadParserTaken = false;
+        }
+    }
+    ParserLease(const ParserLease&) = delete;
+    ParserLease& operator=(const ParserLease&) = delete;
+
+    simdjson::dom::parser& parser() { return *parser_; }
+
+  private:
+    // Every parser accepts nesting up to maximumDepth, the thread's and the occasional own one.
+    static void prepare(simdjson::dom::parser& parser) {
+        if (parser.allocate(simdjson::SIMDJSON_PADDING, JSONSerialization::maximumDepth) !=
             simdjson::SUCCESS) {
             // Out of memory: the parser allocates again, with its default limits, when used.
         }
-        return p;
-    }();
-    return parser;
+    }
+
+    static simdjson::dom::parser& threadParser() {
+        thread_local simdjson::dom::parser parser = [] {
+            simdjson::dom::parser p;
+            prepare(p);
+            return p;
+        }();
+        return parser;
+    }
+
+    static thread_local bool threadParserTaken;
+
+    simdjson::dom::parser* parser_ = nullptr;
+    std::optional<simdjson::dom::parser> own_;
+    bool taken_ = false;
+};
+
+thread_local bool ParserLease::threadParserTaken = false;
+
+// Parses `text` with the reading rules of jsonObject; on success `root` is the top-level value.
+bool parseText(simdjson::dom::parser& parser, std::string_view text, bool fragmentsAllowed,
+               std::string* error, simdjson::dom::element& root) {
+    auto setError = [error](std::string_view description) {
+        if (error != nullptr) {
+            *error = description;
+        }
+    };
+    try {
+        if (text.starts_with(kByteOrderMark)) {
+            text.remove_prefix(kByteOrderMark.size());
+        }
+        if (text.empty()) {
+            setError("the text is empty");
+            return false;
+        }
+        auto status = parser.parse(text.data(), text.size()).get(root);
+        if (status != simdjson::SUCCESS) {
+            setError(simdjson::error_message(status));
+            return false;
+        }
+        const auto type = root.type();
+        if (!fragmentsAllowed && type != simdjson::dom::element_type::ARRAY &&
+            type != simdjson::dom::element_type::OBJECT) {
+            setError("the top-level value is not an array or an object");
+            return false;
+        }
+        return true;
+    } catch (const std::exception& e) {
+        setError(e.what());
+        return false;
+    }
 }
 
 Value convert(simdjson::dom::element element) {
@@ -64,45 +143,233 @@ Value convert(simdjson::dom::element element) {
     return Value(nullptr);
 }
 
-void setError(std::string* error, std::string text) {
-    if (error != nullptr) {
-        *error = std::move(text);
+// A view and simdjson's own handles all reference one spot of a document's tape: the document
+// and the index on its tape. simdjson keeps the handles' constructors to itself, so a handle is
+// made from those two words bit for bit.
+struct TapeSpot {
+    const simdjson::dom::document* document;
+    std::size_t index;
+};
+
+static_assert(std::is_trivially_copyable_v<simdjson::internal::tape_ref>);
+static_assert(std::is_trivially_copyable_v<simdjson::dom::element>);
+static_assert(std::is_trivially_copyable_v<simdjson::dom::array::iterator>);
+static_assert(sizeof(TapeSpot) == sizeof(simdjson::dom::element));
+static_assert(sizeof(TapeSpot) == sizeof(simdjson::dom::array::iterator));
+
+// The kind of Value that jsonObject makes of an element: integers signed when they fit,
+// unsigned only beyond the signed range (simdjson makes the same split; the check is a
+// safeguard). Anything else on the tape (the end of an array) reads as null.
+Value::Kind kindOf(simdjson::dom::element element) {
+    using simdjson::dom::element_type;
+    switch (element.type()) {
+        case element_type::ARRAY:
+            return Value::Kind::array;
+        case element_type::OBJECT:
+            return Value::Kind::dictionary;
+        case element_type::INT64:
+            return Value::Kind::integer;
+        case element_type::UINT64:
+            return element.get_uint64().value_unsafe() <= static_cast<std::uint64_t>(INT64_MAX)
+                       ? Value::Kind::integer
+                       : Value::Kind::unsignedInteger;
+        case element_type::DOUBLE:
+            return Value::Kind::real;
+        case element_type::STRING:
+            return Value::Kind::text;
+        case element_type::BOOL:
+            return Value::Kind::boolean;
+        case element_type::NULL_VALUE:
+            return Value::Kind::null;
     }
+    return Value::Kind::null;
 }
 
 }  // namespace
 
+// Converts between the views and simdjson's handles; the views' private members are its own.
+struct JSONElementAccess {
+    static simdjson::dom::element element(const JSONElement& view) {
+        return std::bit_cast<simdjson::dom::element>(
+            TapeSpot{static_cast<const simdjson::dom::document*>(view.document_), view.index_});
+    }
+    static JSONElement view(simdjson::dom::element element) {
+        const auto spot = std::bit_cast<TapeSpot>(element);
+        return JSONElement(spot.document, spot.index, kindOf(element));
+    }
+    static simdjson::dom::array::iterator iterator(const JSONElement::Iterator& position) {
+        return std::bit_cast<simdjson::dom::array::iterator>(TapeSpot{
+            static_cast<const simdjson::dom::document*>(position.document_), position.index_});
+    }
+    static JSONElement::Iterator position(simdjson::dom::array::iterator iterator, bool atEnd) {
+        const auto spot = std::bit_cast<TapeSpot>(iterator);
+        JSONElement::Iterator position;
+        position.document_ = spot.document;
+        position.index_ = spot.index;
+        position.kind_ = atEnd ? Value::Kind::null : kindOf(*iterator);
+        return position;
+    }
+    static bool isNullView(const JSONElement& view) { return view.document_ == nullptr; }
+};
+
+// ---- JSONSerialization ------------------------------------------------------------------------
+
 std::optional<Value> JSONSerialization::jsonObject(std::string_view text,
                                                    JSONReadingOptions options, std::string* error) {
     try {
-        if (text.starts_with(kByteOrderMark)) {
-            text.remove_prefix(kByteOrderMark.size());
-        }
-        if (text.empty()) {
-            setError(error, "the text is empty");
-            return std::nullopt;
-        }
+        ParserLease lease;
         simdjson::dom::element root;
-        auto status = threadParser().parse(text.data(), text.size()).get(root);
-        if (status != simdjson::SUCCESS) {
-            setError(error, simdjson::error_message(status));
-            return std::nullopt;
-        }
-        const auto type = root.type();
-        if (!options.fragmentsAllowed && type != simdjson::dom::element_type::ARRAY &&
-            type != simdjson::dom::element_type::OBJECT) {
-            setError(error, "the top-level value is not an array or an object");
+        if (!parseText(lease.parser(), text, options.fragmentsAllowed, error, root)) {
             return std::nullopt;
         }
         return convert(root);
     } catch (const std::exception& e) {
-        setError(error, e.what());
+        if (error != nullptr) {
+            *error = e.what();
+        }
         return std::nullopt;
     }
 }
 
 bool isValidUTF8(std::string_view bytes) {
+    // Short ASCII texts (most keys, numbers and replies) are settled without the validator's
+    // dispatch; anything else goes to simdjson's validator.
+    constexpr std::size_t kShort = 64;
+    if (bytes.size() <= kShort) {
+        unsigned char any = 0;
+        for (const char c : bytes) {
+            any |= static_cast<unsigned char>(c);
+        }
+        if (any < 0x80) {
+            return true;
+        }
+    }
     return simdjson::validate_utf8(bytes.data(), bytes.size());
+}
+
+// ---- JSONElement ------------------------------------------------------------------------------
+
+bool detail::visitJSON(std::string_view text, bool fragmentsAllowed, std::string* error,
+                       JSONVisitFunction visit, void* context) {
+    std::optional<ParserLease> lease;
+    simdjson::dom::element root;
+    try {
+        lease.emplace();
+    } catch (const std::exception& e) {
+        if (error != nullptr) {
+            *error = e.what();
+        }
+        return false;
+    }
+    if (!parseText(lease->parser(), text, fragmentsAllowed, error, root)) {
+        return false;
+    }
+    visit(context, JSONElementAccess::view(root));
+    return true;
+}
+
+bool JSONElement::booleanValue() const {
+    return JSONElementAccess::element(*this).get_bool().value_unsafe();
+}
+
+std::int64_t JSONElement::integerValue() const {
+    const auto element = JSONElementAccess::element(*this);
+    if (element.type() == simdjson::dom::element_type::UINT64) {
+        return static_cast<std::int64_t>(element.get_uint64().value_unsafe());
+    }
+    return element.get_int64().value_unsafe();
+}
+
+std::uint64_t JSONElement::unsignedIntegerValue() const {
+    return JSONElementAccess::element(*this).get_uint64().value_unsafe();
+}
+
+double JSONElement::realValue() const {
+    return JSONElementAccess::element(*this).get_double().value_unsafe();
+}
+
+std::string_view JSONElement::textValue() const {
+    return JSONElementAccess::element(*this).get_string().value_unsafe();
+}
+
+std::size_t JSONElement::size() const {
+    if (kind_ != Value::Kind::array && kind_ != Value::Kind::dictionary) {
+        return 0;
+    }
+    const auto element = JSONElementAccess::element(*this);
+    simdjson::dom::array array;
+    if (element.get_array().get(array) == simdjson::SUCCESS) {
+        const std::size_t saturated = array.size();
+        if (saturated < 0xFFFFFF) {
+            return saturated;
+        }
+        std::size_t count = 0;
+        for (auto it = array.begin(); it != array.end(); ++it) {
+            ++count;
+        }
+        return count;
+    }
+    simdjson::dom::object object;
+    if (element.get_object().get(object) == simdjson::SUCCESS) {
+        const std::size_t saturated = object.size();
+        if (saturated < 0xFFFFFF) {
+            return saturated;
+        }
+        std::size_t count = 0;
+        for (auto it = object.begin(); it != object.end(); ++it) {
+            ++count;
+        }
+        return count;
+    }
+    return 0;
+}
+
+JSONElement::Iterator JSONElement::begin() const {
+    if (kind_ != Value::Kind::array) {
+        return {};
+    }
+    const auto array = JSONElementAccess::element(*this).get_array().value_unsafe();
+    return JSONElementAccess::position(array.begin(), array.begin() == array.end());
+}
+
+JSONElement::Iterator JSONElement::end() const {
+    if (kind_ != Value::Kind::array) {
+        return {};
+    }
+    return JSONElementAccess::position(
+        JSONElementAccess::element(*this).get_array().value_unsafe().end(), true);
+}
+
+JSONElement::Iterator& JSONElement::Iterator::operator++() {
+    auto iterator = JSONElementAccess::iterator(*this);
+    ++iterator;
+    // The closing bracket follows the last element; its tape entry reads as null.
+    *this = JSONElementAccess::position(iterator, false);
+    return *this;
+}
+
+std::optional<JSONElement> JSONElement::member(std::string_view key) const {
+    if (kind_ != Value::Kind::dictionary) {
+        return std::nullopt;
+    }
+    const auto object = JSONElementAccess::element(*this).get_object().value_unsafe();
+    std::optional<simdjson::dom::element> found;
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        if (it.key_equals(key)) {
+            found = it.value();  // a later duplicate replaces it
+        }
+    }
+    if (!found) {
+        return std::nullopt;
+    }
+    return JSONElementAccess::view(*found);
+}
+
+Value JSONElement::toValue() const {
+    if (JSONElementAccess::isNullView(*this)) {
+        return Value(nullptr);
+    }
+    return convert(JSONElementAccess::element(*this));
 }
 
 }  // namespace nimborra::platform

@@ -1,8 +1,17 @@
 // The writing half of JSONSerialization: the platform serialiser's output, byte for byte.
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <span>
+#include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "NimbOrraPlatform/JSONSerialization.h"
 
@@ -17,6 +26,171 @@ constexpr double kTwoToThe53 = 9007199254740992.0;
 // the control characters.
 constexpr bool needsEscape(unsigned char c) {
     return c < 0x20 || c == '"' || c == '\\' || c == '/';
+}
+
+// How many bytes each byte's escape adds to the byte itself: 1 for the two-character escapes,
+// 5 for the \u00xx form, 0 for a byte written as it is.
+constexpr std::array<std::uint8_t, 256> kEscapeExtra = [] {
+    std::array<std::uint8_t, 256> extra{};
+    for (unsigned c = 0; c < 256; ++c) {
+        if (!needsEscape(static_cast<unsigned char>(c))) {
+            continue;
+        }
+        switch (c) {
+            case '"':
+            case '\\':
+            case '/':
+            case '\b':
+            case '\f':
+            case '\n':
+            case '\r':
+            case '\t':
+                extra[c] = 1;
+                break;
+            default:
+                extra[c] = 5;
+                break;
+        }
+    }
+    return extra;
+}();
+
+// The character after the reverse solidus of a two-character escape, or 0 for a byte escaped
+// as \u00xx (or not escaped at all).
+constexpr std::array<char, 256> kShortEscape = [] {
+    std::array<char, 256> second{};
+    second['"'] = '"';
+    second['\\'] = '\\';
+    second['/'] = '/';
+    second['\b'] = 'b';
+    second['\f'] = 'f';
+    second['\n'] = 'n';
+    second['\r'] = 'r';
+    second['\t'] = 't';
+    return second;
+}();
+
+#if defined(__SSE2__)
+// The bytes of a 16-byte block that need an escape (0xFF each, 0 for the others): the quotation
+// marks and the solidi, and apart from those the control characters.
+struct EscapeLanes {
+    __m128i special;
+    __m128i control;
+};
+
+EscapeLanes escapeLanes(__m128i bytes) {
+    const __m128i special = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')),
+                                                      _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'))),
+                                         _mm_cmpeq_epi8(bytes, _mm_set1_epi8('/')));
+    // byte <= 0x1F, unsigned: the smaller of the byte and 0x1F is the byte itself.
+    const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(0x1F)), bytes);
+    return {special, control};
+}
+
+bool needsNoEscape(__m128i bytes) {
+    const EscapeLanes lanes = escapeLanes(bytes);
+    return _mm_movemask_epi8(_mm_or_si128(lanes.special, lanes.control)) == 0;
+}
+#endif
+
+// How many bytes escaping adds to `text`. Sixteen bytes at a time where SSE2 is available (every
+// x86-64): each byte that needs an escape counts one in a vector of byte counters, which is
+// summed before it can overflow; control characters, which are rare, add the rest of their
+// longer escapes one by one.
+std::size_t escapeExtra(std::string_view text) {
+    std::size_t extra = 0;
+    std::size_t i = 0;
+#if defined(__SSE2__)
+    constexpr std::size_t kBlocksPerSum = 255;
+    const std::size_t blocksEnd = text.size() - text.size() % 16;
+    while (i < blocksEnd) {
+        const std::size_t stop = std::min(blocksEnd, i + kBlocksPerSum * 16);
+        __m128i counts = _mm_setzero_si128();
+        for (; i < stop; i += 16) {
+            const EscapeLanes lanes =
+                escapeLanes(_mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + i)));
+            // A lane of 0xFF is -1: subtracting it counts one.
+            counts = _mm_sub_epi8(counts, _mm_or_si128(lanes.special, lanes.control));
+            unsigned controls = static_cast<unsigned>(_mm_movemask_epi8(lanes.control));
+            while (controls != 0) {
+                const auto at = static_cast<std::size_t>(std::countr_zero(controls));
+                extra += kEscapeExtra[static_cast<unsigned char>(text[i + at])] - 1u;
+                controls &= controls - 1;
+            }
+        }
+        const __m128i sums = _mm_sad_epu8(counts, _mm_setzero_si128());
+        extra += static_cast<std::size_t>(_mm_cvtsi128_si32(sums)) +
+                 static_cast<std::size_t>(_mm_cvtsi128_si32(_mm_srli_si128(sums, 8)));
+    }
+#endif
+    for (; i < text.size(); ++i) {
+        extra += kEscapeExtra[static_cast<unsigned char>(text[i])];
+    }
+    return extra;
+}
+
+// Each byte as it is written inside a string literal: up to six bytes, padded to eight so that
+// one unaligned 8-byte store writes any of them, and how many of those bytes count.
+struct EscapedByte {
+    char bytes[8];
+    std::uint8_t length;
+};
+
+constexpr std::array<EscapedByte, 256> kEscapedBytes = [] {
+    std::array<EscapedByte, 256> table{};
+    for (unsigned c = 0; c < 256; ++c) {
+        EscapedByte& entry = table[c];
+        if (kEscapeExtra[c] == 0) {
+            entry.bytes[0] = static_cast<char>(c);
+            entry.length = 1;
+        } else if (kShortEscape[c] != 0) {
+            entry.bytes[0] = '\\';
+            entry.bytes[1] = kShortEscape[c];
+            entry.length = 2;
+        } else {
+            entry.bytes[0] = '\\';
+            entry.bytes[1] = 'u';
+            entry.bytes[2] = '0';
+            entry.bytes[3] = '0';
+            entry.bytes[4] = kHexDigits[c >> 4];
+            entry.bytes[5] = kHexDigits[c & 0xF];
+            entry.length = 6;
+        }
+    }
+    return table;
+}();
+
+// The room writeEscaped may write beyond the end of its output (never counted in it).
+constexpr std::size_t kEscapeSlack = 8;
+
+// Writes the escaped bytes of `text` at `p`, where escapeExtra(text) + text.size() bytes plus
+// kEscapeSlack more are available, and returns the end of what it wrote.
+char* writeEscaped(char* p, std::string_view text) {
+    const char* in = text.data();
+    const char* const end = in + text.size();
+#if defined(__SSE2__)
+    // Blocks without an escape are copied whole; the others byte by byte, without branches.
+    while (end - in >= 16) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+        if (needsNoEscape(bytes)) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bytes);
+            in += 16;
+            p += 16;
+            continue;
+        }
+        for (const char* const blockEnd = in + 16; in != blockEnd; ++in) {
+            const EscapedByte& escaped = kEscapedBytes[static_cast<unsigned char>(*in)];
+            std::memcpy(p, escaped.bytes, 8);
+            p += escaped.length;
+        }
+    }
+#endif
+    for (; in != end; ++in) {
+        const EscapedByte& escaped = kEscapedBytes[static_cast<unsigned char>(*in)];
+        std::memcpy(p, escaped.bytes, 8);
+        p += escaped.length;
+    }
+    return p;
 }
 
 struct Writer {
@@ -106,14 +280,23 @@ struct Writer {
         }
         out += '{';
         if (sortedKeys && dictionary.size() > 1) {
-            std::vector<const Dictionary::Entry*> order;
-            order.reserve(dictionary.size());
+            // The usual small objects are ordered in place; larger ones on the heap.
+            constexpr std::size_t kInlineMembers = 16;
+            std::array<const Dictionary::Entry*, kInlineMembers> inlineOrder;
+            std::vector<const Dictionary::Entry*> heapOrder;
+            if (dictionary.size() > kInlineMembers) {
+                heapOrder.resize(dictionary.size());
+            }
+            const std::span<const Dictionary::Entry*> order =
+                heapOrder.empty() ? std::span(inlineOrder.data(), dictionary.size())
+                                  : std::span(heapOrder);
+            std::size_t filled = 0;
             for (const auto& entry : dictionary) {
                 if (!entry.first.isText()) {
                     error = "invalid key (not a string) in JSON write";
                     return false;
                 }
-                order.push_back(&entry);
+                order[filled++] = &entry;
             }
             // Byte order of the keys (std::string compares as unsigned char).
             std::sort(order.begin(), order.end(), [](const auto* a, const auto* b) {
@@ -188,50 +371,28 @@ bool isContainer(const Value& value) {
 }  // namespace
 
 void appendJSONString(std::string& out, std::string_view text) {
-    out += '"';
-    std::size_t runStart = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        if (!needsEscape(c)) {
-            continue;
+    // Two passes: the first sizes the literal exactly, the second writes it in place, so that a
+    // long text costs at most one reallocation and no per-character appends.
+    const std::size_t extra = escapeExtra(text);
+    const std::size_t start = out.size();
+    const std::size_t length = text.size() + extra + 2;
+    if (extra == 0) {
+        out.resize(start + length);
+        char* p = out.data() + start;
+        *p++ = '"';
+        if (!text.empty()) {
+            std::memcpy(p, text.data(), text.size());
+            p += text.size();
         }
-        out.append(text.data() + runStart, i - runStart);
-        runStart = i + 1;
-        switch (c) {
-            case '"':
-                out += "\\\"";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            case '/':
-                out += "\\/";
-                break;
-            case '\b':
-                out += "\\b";
-                break;
-            case '\f':
-                out += "\\f";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\r':
-                out += "\\r";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            default: {
-                const char escape[] = {
-                    '\\', 'u', '0', '0', kHexDigits[c >> 4], kHexDigits[c & 0xF]};
-                out.append(escape, sizeof escape);
-                break;
-            }
-        }
+        *p = '"';
+        return;
     }
-    out.append(text.data() + runStart, text.size() - runStart);
-    out += '"';
+    out.resize(start + length + kEscapeSlack);
+    char* p = out.data() + start;
+    *p++ = '"';
+    p = writeEscaped(p, text);
+    *p = '"';
+    out.resize(start + length);
 }
 
 bool appendJSONNumber(std::string& out, double number) {

@@ -79,10 +79,26 @@ bool operator==(const Key& a, const Key& b) {
 // ---- Dictionary -------------------------------------------------------------------------------
 
 struct Dictionary::Index {
+    // Text keys hash like the std::string they hold (Key::hash), and std::hash gives equal
+    // results for a std::string and a std::string_view of the same characters, so a text can be
+    // looked up without building a Key.
     struct Hash {
+        using is_transparent = void;
         std::size_t operator()(const Key& key) const { return key.hash(); }
+        std::size_t operator()(std::string_view text) const {
+            return std::hash<std::string_view>{}(text);
+        }
     };
-    std::unordered_map<Key, std::size_t, Hash> positions;
+    struct Equal {
+        using is_transparent = void;
+        bool operator()(const Key& a, const Key& b) const { return a == b; }
+        bool operator()(const Key& a, std::string_view b) const {
+            const std::string* text = a.text();
+            return text != nullptr && *text == b;
+        }
+        bool operator()(std::string_view a, const Key& b) const { return (*this)(b, a); }
+    };
+    std::unordered_map<Key, std::size_t, Hash, Equal> positions;
 };
 
 Dictionary::Dictionary() = default;
@@ -125,6 +141,30 @@ std::ptrdiff_t Dictionary::indexOf(const Key& key) const {
         }
     }
     return -1;
+}
+
+std::ptrdiff_t Dictionary::indexOf(std::string_view key) const {
+    if (index_) {
+        auto found = index_->positions.find(key);
+        return found == index_->positions.end() ? -1 : static_cast<std::ptrdiff_t>(found->second);
+    }
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+        const std::string* text = entries_[i].first.text();
+        if (text != nullptr && *text == key) {
+            return static_cast<std::ptrdiff_t>(i);
+        }
+    }
+    return -1;
+}
+
+const Value* Dictionary::find(std::string_view key) const {
+    const auto position = indexOf(key);
+    return position < 0 ? nullptr : &entries_[static_cast<std::size_t>(position)].second;
+}
+
+Value* Dictionary::find(std::string_view key) {
+    const auto position = indexOf(key);
+    return position < 0 ? nullptr : &entries_[static_cast<std::size_t>(position)].second;
 }
 
 const Value* Dictionary::find(const Key& key) const {
@@ -183,6 +223,11 @@ bool Value::isNumber() const {
 }
 
 const Value* Value::find(const Key& key) const {
+    const auto* d = dictionary();
+    return d ? d->find(key) : nullptr;
+}
+
+const Value* Value::find(std::string_view key) const {
     const auto* d = dictionary();
     return d ? d->find(key) : nullptr;
 }

@@ -20,6 +20,7 @@
 // (enumerations that specialise WireEnumTraits; see below).
 #pragma once
 
+#include <array>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -88,6 +89,46 @@ constexpr E fromWireValue(std::int64_t raw) {
     return static_cast<E>(0);
 }
 
+namespace detail {
+
+// The coding path of an encoding or decoding in progress, as a stack of keys and indices. The
+// usual nesting depths live inline, so that keeping the path costs no allocation; deeper paths
+// spill to the heap.
+class NIMBORRA_CORE_EXPORT CodingPath {
+  public:
+    struct Component {
+        std::string_view key;
+        std::size_t index;
+        bool isIndex;
+    };
+
+    void push(const Component& component) {
+        if (size_ < inlineCapacity) {
+            inline_[size_] = component;
+        } else {
+            overflow_.push_back(component);
+        }
+        ++size_;
+    }
+    void pop() {
+        --size_;
+        if (size_ >= inlineCapacity) {
+            overflow_.pop_back();
+        }
+    }
+    // Dotted keys and bracketed indices: "options[0]", "notification.badge".
+    std::string format() const;
+
+  private:
+    static constexpr std::size_t inlineCapacity = 8;
+    // Only the first size_ entries are ever read; the others are left unset.
+    std::array<Component, inlineCapacity> inline_;
+    std::vector<Component> overflow_;
+    std::size_t size_ = 0;
+};
+
+}  // namespace detail
+
 // ---- Encoding ---------------------------------------------------------------------------------
 
 // The writing state of one encoding: the text written so far, the coding path and the first
@@ -112,13 +153,8 @@ class NIMBORRA_CORE_EXPORT EncodingContext {
     void write(const platform::Data& value);
 
   private:
-    struct Component {
-        std::string_view key;
-        std::size_t index;
-        bool isIndex;
-    };
     std::string out_;
-    std::vector<Component> path_;
+    detail::CodingPath path_;
     std::optional<CodingError> error_;
 };
 
@@ -191,6 +227,12 @@ void encodeValue(EncodingContext& context, const T& value) {
 
 // ---- Decoding ---------------------------------------------------------------------------------
 
+// Decoding reads from either of two sources with the same rules and the same failures: a Value
+// tree (decodeFromValue) or, without building a tree, the views of a parsed JSON document
+// (decode from text).
+template <class S>
+concept DecodingSource = std::same_as<S, platform::Value> || std::same_as<S, platform::JSONElement>;
+
 // The reading state of one decoding: the coding path and the first failure.
 class NIMBORRA_CORE_EXPORT DecodingContext {
   public:
@@ -210,29 +252,41 @@ class NIMBORRA_CORE_EXPORT DecodingContext {
     bool read(const platform::Value& value, double& out);
     bool read(const platform::Value& value, std::string& out);
     bool read(const platform::Value& value, platform::Data& out);
+    bool read(const platform::JSONElement& value, bool& out);
+    bool read(const platform::JSONElement& value, std::int32_t& out);
+    bool read(const platform::JSONElement& value, std::int64_t& out);
+    bool read(const platform::JSONElement& value, double& out);
+    bool read(const platform::JSONElement& value, std::string& out);
+    bool read(const platform::JSONElement& value, platform::Data& out);
     // Checks that `value` is an object; reports null and other types as failures.
     const platform::Dictionary* readObject(const platform::Value& value);
+    std::optional<platform::JSONElement> readObject(const platform::JSONElement& value);
     const platform::Array* readArray(const platform::Value& value);
+    std::optional<platform::JSONElement> readArray(const platform::JSONElement& value);
     // Looks up a required member; reports an absent key.
     const platform::Value* requireMember(const platform::Dictionary& object, std::string_view key);
+    std::optional<platform::JSONElement> requireMember(const platform::JSONElement& object,
+                                                       std::string_view key);
 
   private:
-    void mismatch(std::string_view expected, const platform::Value& found);
+    template <class Source>
+    void mismatch(std::string_view expected, const Source& found);
+    template <class Source>
+    bool readBoolean(const Source& value, bool& out);
+    template <class Source>
+    bool readDouble(const Source& value, double& out);
+    template <class Source>
+    bool readData(const Source& value, platform::Data& out);
 
-    struct Component {
-        std::string_view key;
-        std::size_t index;
-        bool isIndex;
-    };
-    std::vector<Component> path_;
+    detail::CodingPath path_;
     std::optional<CodingError> error_;
 };
 
-template <class T>
-bool decodeValue(DecodingContext& context, const platform::Value& value, T& out);
+template <class T, DecodingSource Source>
+bool decodeValue(DecodingContext& context, const Source& value, T& out);
 
-template <CodableRecord R>
-bool decodeRecord(DecodingContext& context, const platform::Value& value, R& record) {
+template <CodableRecord R, DecodingSource Source>
+bool decodeRecord(DecodingContext& context, const Source& value, R& record) {
     constexpr std::size_t fieldCount = std::tuple_size_v<decltype(R::codingFields())>;
     if constexpr (fieldCount == 0) {
         // A record without fields does not look at the value at all.
@@ -241,8 +295,8 @@ bool decodeRecord(DecodingContext& context, const platform::Value& value, R& rec
         (void)record;
         return true;
     } else {
-        const platform::Dictionary* object = context.readObject(value);
-        if (object == nullptr) {
+        const auto object = context.readObject(value);
+        if (!object) {
             return false;
         }
         bool ok = true;
@@ -254,9 +308,8 @@ bool decodeRecord(DecodingContext& context, const platform::Value& value, R& rec
                             return;
                         }
                         context.pushKey(field.key);
-                        const platform::Value* member = context.requireMember(*object, field.key);
-                        ok = member != nullptr &&
-                             decodeValue(context, *member, record.*(field.member));
+                        const auto member = context.requireMember(*object, field.key);
+                        ok = member && decodeValue(context, *member, record.*(field.member));
                         context.pop();
                     }(),
                     ...);
@@ -266,8 +319,8 @@ bool decodeRecord(DecodingContext& context, const platform::Value& value, R& rec
     }
 }
 
-template <class T>
-bool decodeValue(DecodingContext& context, const platform::Value& value, T& out) {
+template <class T, DecodingSource Source>
+bool decodeValue(DecodingContext& context, const Source& value, T& out) {
     if constexpr (WireEnum<T>) {
         std::int64_t raw = 0;
         if (!context.read(value, raw)) {
@@ -283,21 +336,23 @@ bool decodeValue(DecodingContext& context, const platform::Value& value, T& out)
         return decodeRecord(context, value, out);
     } else {
         // std::vector<E>
-        const platform::Array* array = context.readArray(value);
-        if (array == nullptr) {
+        const auto array = context.readArray(value);
+        if (!array) {
             return false;
         }
         T result;
         result.reserve(array->size());
-        for (std::size_t index = 0; index < array->size(); ++index) {
+        std::size_t index = 0;
+        for (const auto& item : *array) {
             context.pushIndex(index);
             typename T::value_type element{};
-            const bool ok = decodeValue(context, (*array)[index], element);
+            const bool ok = decodeValue(context, item, element);
             context.pop();
             if (!ok) {
                 return false;
             }
             result.push_back(std::move(element));
+            ++index;
         }
         out = std::move(result);
         return true;

@@ -23,13 +23,25 @@ class NIMBORRA_CORE_EXPORT JSONDecoder {
     DataDecodingStrategy dataDecodingStrategy = DataDecodingStrategy::base64;
 
     // Parses `text` (UTF-8; a top-level fragment such as "x" or 3 is accepted) and decodes it.
+    // The same as decodeFromValue on the result of parse, without building the Value tree: the
+    // record is read straight from the parsed document.
     template <class T>
     CodingResult<T> decode(std::string_view text) const {
-        auto parsed = parse(text);
-        if (!parsed.ok()) {
-            return parsed.error();
+        DecodingContext context;
+        T result{};
+        bool decoded = false;
+        std::string reason;
+        const bool parsed = platform::visitJSON(text, /*fragmentsAllowed=*/true, &reason,
+                                                [&](const platform::JSONElement& root) {
+                                                    decoded = decodeValue(context, root, result);
+                                                });
+        if (!parsed) {
+            return notJSON(reason);
         }
-        return decodeFromValue<T>(parsed.value());
+        if (!decoded) {
+            return *context.error();
+        }
+        return result;
     }
 
     template <class T>
@@ -44,6 +56,10 @@ class NIMBORRA_CORE_EXPORT JSONDecoder {
 
     // The parsing step alone: dataCorrupted when `text` is not JSON.
     static CodingResult<platform::Value> parse(std::string_view text);
+
+  private:
+    // The dataCorrupted failure for a text that is not JSON, with the reader's reason.
+    static CodingError notJSON(std::string_view reason);
 };
 
 }  // namespace nimborra::core

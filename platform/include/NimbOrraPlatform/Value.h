@@ -11,8 +11,10 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -79,10 +81,20 @@ class NIMBORRA_PLATFORM_EXPORT Dictionary {
     std::size_t size() const;
     bool empty() const;
 
-    // The value stored under `key`, or nullptr.
+    // The value stored under `key`, or nullptr. The text overloads look a text key up without
+    // building a Key (no allocation).
     const Value* find(const Key& key) const;
     Value* find(const Key& key);
+    const Value* find(std::string_view key) const;
+    Value* find(std::string_view key);
+    const Value* find(const char* key) const { return find(std::string_view(key)); }
+    Value* find(const char* key) { return find(std::string_view(key)); }
+    const Value* find(const std::string& key) const { return find(std::string_view(key)); }
+    Value* find(const std::string& key) { return find(std::string_view(key)); }
     bool contains(const Key& key) const { return find(key) != nullptr; }
+    bool contains(std::string_view key) const { return find(key) != nullptr; }
+    bool contains(const char* key) const { return find(key) != nullptr; }
+    bool contains(const std::string& key) const { return find(key) != nullptr; }
 
     // Stores `value` under `key`, replacing an earlier value of an equal key.
     void set(Key key, Value value);
@@ -98,6 +110,7 @@ class NIMBORRA_PLATFORM_EXPORT Dictionary {
   private:
     struct Index;
     std::ptrdiff_t indexOf(const Key& key) const;
+    std::ptrdiff_t indexOf(std::string_view key) const;
 
     std::vector<Entry> entries_;
     std::unique_ptr<Index> index_;  // built once the dictionary grows past a few entries
@@ -162,6 +175,9 @@ class NIMBORRA_PLATFORM_EXPORT Value {
 
     // Member lookup for dictionaries; nullptr when this is not a dictionary or has no such key.
     const Value* find(const Key& key) const;
+    const Value* find(std::string_view key) const;
+    const Value* find(const char* key) const { return find(std::string_view(key)); }
+    const Value* find(const std::string& key) const { return find(std::string_view(key)); }
 
     // Numbers compare by value across integer, unsigned and real; booleans are not numbers here.
     friend bool operator==(const Value& a, const Value& b);
@@ -185,5 +201,114 @@ inline std::vector<Dictionary::Entry>::const_iterator Dictionary::end() const {
 
 // A short name of the kind, for descriptions ("a string", "an integer", ...).
 NIMBORRA_PLATFORM_EXPORT std::string_view describeKind(Value::Kind kind);
+
+// ---- Reading JSON without building a Value ---------------------------------------------------
+//
+// For readers that take a few known members out of a JSON text (the bridge's decoders): the text
+// is parsed exactly as JSONSerialization::jsonObject parses it, and the reader looks at the
+// parsed document through JSONElement views instead of a Value tree, which saves building and
+// destroying one.
+//
+// Threads and lifetime: a view is valid only inside the visit that handed it out (see visitJSON)
+// and only on the visiting thread. Views are small values; copy them freely within the visit.
+
+// A read-only view of one value of a parsed JSON document. Its kinds and typed accessors match
+// the Value that jsonObject would build for the same part of the text (numbers as integer,
+// unsignedInteger or real; never data or date). A default-made view is null.
+class NIMBORRA_PLATFORM_EXPORT JSONElement {
+  public:
+    // Forward iteration over the elements of an array (an empty range for any other kind).
+    class NIMBORRA_PLATFORM_EXPORT Iterator {
+      public:
+        JSONElement operator*() const { return JSONElement(document_, index_, kind_); }
+        Iterator& operator++();
+        friend bool operator==(const Iterator& a, const Iterator& b) {
+            return a.document_ == b.document_ && a.index_ == b.index_;
+        }
+
+      private:
+        friend class JSONElement;
+        friend struct JSONElementAccess;
+        const void* document_ = nullptr;
+        std::size_t index_ = 0;
+        Value::Kind kind_ = Value::Kind::null;  // of the element here (unused at the end)
+    };
+
+    JSONElement() = default;
+
+    Value::Kind kind() const { return kind_; }
+    bool isNull() const { return kind_ == Value::Kind::null; }
+
+    // Typed access: the value, or nothing when the element is of another kind.
+    std::optional<bool> boolean() const {
+        return kind_ == Value::Kind::boolean ? std::optional<bool>(booleanValue()) : std::nullopt;
+    }
+    std::optional<std::int64_t> integer() const {
+        return kind_ == Value::Kind::integer ? std::optional<std::int64_t>(integerValue())
+                                             : std::nullopt;
+    }
+    std::optional<std::uint64_t> unsignedInteger() const {
+        return kind_ == Value::Kind::unsignedInteger
+                   ? std::optional<std::uint64_t>(unsignedIntegerValue())
+                   : std::nullopt;
+    }
+    std::optional<double> real() const {
+        return kind_ == Value::Kind::real ? std::optional<double>(realValue()) : std::nullopt;
+    }
+    // Valid as long as the view is.
+    std::optional<std::string_view> text() const {
+        return kind_ == Value::Kind::text ? std::optional<std::string_view>(textValue())
+                                          : std::nullopt;
+    }
+
+    // Number of elements of an array or members of an object (duplicates counted); 0 otherwise.
+    std::size_t size() const;
+    Iterator begin() const;
+    Iterator end() const;
+
+    // The member of an object stored under `key`; of duplicate keys the last one counts, as in
+    // the Dictionary that jsonObject builds. Nothing when absent or when this is not an object.
+    std::optional<JSONElement> member(std::string_view key) const;
+
+    // This part of the document as a Value, exactly as jsonObject would have built it.
+    Value toValue() const;
+
+  private:
+    friend struct JSONElementAccess;
+    JSONElement(const void* document, std::size_t index, Value::Kind kind)
+        : document_(document), index_(index), kind_(kind) {}
+
+    // The stored value; each only for an element of its kind.
+    bool booleanValue() const;
+    std::int64_t integerValue() const;
+    std::uint64_t unsignedIntegerValue() const;
+    double realValue() const;
+    std::string_view textValue() const;
+
+    const void* document_ = nullptr;  // no document: the null view
+    std::size_t index_ = 0;
+    Value::Kind kind_ = Value::Kind::null;
+};
+
+namespace detail {
+using JSONVisitFunction = void (*)(void* context, const JSONElement& root);
+NIMBORRA_PLATFORM_EXPORT bool visitJSON(std::string_view text, bool fragmentsAllowed,
+                                        std::string* error, JSONVisitFunction visit, void* context);
+}  // namespace detail
+
+// Parses `text` as JSONSerialization::jsonObject does with the same `fragmentsAllowed` option
+// (the same checks, the same error descriptions in `error`) and, when it is JSON, calls
+// `visit(root)` once on this thread, with a view of the top-level value that is valid until
+// `visit` returns. Returns false, without calling `visit`, when the text is not accepted.
+// Whatever `visit` throws propagates to the caller; the parse itself throws nothing. `visit` may
+// parse other texts (the views it holds stay valid).
+template <class Visit>
+bool visitJSON(std::string_view text, bool fragmentsAllowed, std::string* error, Visit&& visit) {
+    using Function = std::remove_reference_t<Visit>;
+    return detail::visitJSON(
+        text, fragmentsAllowed, error,
+        [](void* context, const JSONElement& root) { (*static_cast<Function*>(context))(root); },
+        const_cast<void*>(static_cast<const void*>(&visit)));
+}
 
 }  // namespace nimborra::platform
