@@ -119,17 +119,11 @@ void ApnsServicePlugin::callAsync(std::string method, std::string payload,
             } catch (...) {
                 reply = std::string(ApnsOutcomeEnvelope::serialisationFallback);
             }
-            // The plug-in and the call's texts are let go before the reply is delivered: once
-            // its callback runs, the call holds nothing, so an owner that drops the plug-in
-            // after receiving the reply is the last owner and destroys it there (joining the
-            // queue) instead of racing this item for the last reference.
-            const core::OrraCompletion complete = std::move(onComplete);
-            self.reset();
-            std::string().swap(method);
-            std::string().swap(payload);
+            // The reply first; the callback, the texts and the plug-in are released when the
+            // work item ends, after it.
             try {
-                if (complete) {
-                    complete(std::move(reply));
+                if (onComplete) {
+                    onComplete(std::move(reply));
                 }
             } catch (...) {
                 apnsLogger().error("ApnsService: a completion callback threw");

@@ -435,7 +435,9 @@ std::optional<std::string> elementText(plist_t node, std::string_view tag) {
     if (!xml) {
         return std::nullopt;
     }
-    const std::string open = "<" + std::string(tag) + ">";
+    std::string open;
+    open.reserve(tag.size() + 2);
+    open.append("<").append(tag).append(">");
     const std::size_t start = xml->find(open);
     if (start == npos) {
         return std::nullopt;
