@@ -84,26 +84,28 @@ std::string detail::CodingPath::format() const {
     return text;
 }
 
-// ---- EncodingContext --------------------------------------------------------------------------
+// ---- CodingState ------------------------------------------------------------------------------
 
-void EncodingContext::pushKey(std::string_view key) {
+void CodingState::pushKey(std::string_view key) {
     path_.push({key, 0, false});
 }
-void EncodingContext::pushIndex(std::size_t index) {
+void CodingState::pushIndex(std::size_t index) {
     path_.push({{}, index, true});
 }
-void EncodingContext::pop() {
+void CodingState::pop() {
     path_.pop();
 }
-std::string EncodingContext::codingPath() const {
+std::string CodingState::codingPath() const {
     return path_.format();
 }
 
-void EncodingContext::fail(CodingErrorKind kind, std::string detail) {
+void CodingState::fail(CodingErrorKind kind, std::string detail) {
     if (!error_) {
         error_.emplace(kind, codingPath(), std::move(detail));
     }
 }
+
+// ---- EncodingContext --------------------------------------------------------------------------
 
 void EncodingContext::writeKey(std::string_view key) {
     platform::appendJSONString(out_, key);
@@ -136,25 +138,6 @@ void EncodingContext::write(const platform::Data& value) {
 }
 
 // ---- DecodingContext --------------------------------------------------------------------------
-
-void DecodingContext::pushKey(std::string_view key) {
-    path_.push({key, 0, false});
-}
-void DecodingContext::pushIndex(std::size_t index) {
-    path_.push({{}, index, true});
-}
-void DecodingContext::pop() {
-    path_.pop();
-}
-std::string DecodingContext::codingPath() const {
-    return path_.format();
-}
-
-void DecodingContext::fail(CodingErrorKind kind, std::string detail) {
-    if (!error_) {
-        error_.emplace(kind, codingPath(), std::move(detail));
-    }
-}
 
 // Both sources share every rule below; only the way a value is looked at differs, and both
 // offer the same accessors (a pointer for a Value, an optional for a view).

@@ -129,13 +129,10 @@ class NIMBORRA_CORE_EXPORT CodingPath {
 
 }  // namespace detail
 
-// ---- Encoding ---------------------------------------------------------------------------------
-
-// The writing state of one encoding: the text written so far, the coding path and the first
-// failure. Writes after a failure are ignored.
-class NIMBORRA_CORE_EXPORT EncodingContext {
+// What encoding and decoding keep track of alike: where they are (the coding path) and the
+// first failure, which stops the work.
+class NIMBORRA_CORE_EXPORT CodingState {
   public:
-    std::string& out() { return out_; }
     bool failed() const { return error_.has_value(); }
     const std::optional<CodingError>& error() const { return error_; }
 
@@ -143,7 +140,21 @@ class NIMBORRA_CORE_EXPORT EncodingContext {
     void pushIndex(std::size_t index);
     void pop();
     std::string codingPath() const;
+    // Records a failure at the current path, unless one was recorded already.
     void fail(CodingErrorKind kind, std::string detail);
+
+  private:
+    detail::CodingPath path_;
+    std::optional<CodingError> error_;
+};
+
+// ---- Encoding ---------------------------------------------------------------------------------
+
+// The writing state of one encoding: the text written so far, the coding path and the first
+// failure. Writes after a failure are ignored.
+class NIMBORRA_CORE_EXPORT EncodingContext : public CodingState {
+  public:
+    std::string& out() { return out_; }
 
     void writeKey(std::string_view key);
     void write(bool value);
@@ -154,8 +165,6 @@ class NIMBORRA_CORE_EXPORT EncodingContext {
 
   private:
     std::string out_;
-    detail::CodingPath path_;
-    std::optional<CodingError> error_;
 };
 
 template <class T>
@@ -234,17 +243,8 @@ template <class S>
 concept DecodingSource = std::same_as<S, platform::Value> || std::same_as<S, platform::JSONElement>;
 
 // The reading state of one decoding: the coding path and the first failure.
-class NIMBORRA_CORE_EXPORT DecodingContext {
+class NIMBORRA_CORE_EXPORT DecodingContext : public CodingState {
   public:
-    bool failed() const { return error_.has_value(); }
-    const std::optional<CodingError>& error() const { return error_; }
-
-    void pushKey(std::string_view key);
-    void pushIndex(std::size_t index);
-    void pop();
-    std::string codingPath() const;
-    void fail(CodingErrorKind kind, std::string detail);
-
     // Each reads `value` into `out`, or records the failure and returns false.
     bool read(const platform::Value& value, bool& out);
     bool read(const platform::Value& value, std::int32_t& out);
@@ -277,9 +277,6 @@ class NIMBORRA_CORE_EXPORT DecodingContext {
     bool readDouble(const Source& value, double& out);
     template <class Source>
     bool readData(const Source& value, platform::Data& out);
-
-    detail::CodingPath path_;
-    std::optional<CodingError> error_;
 };
 
 template <class T, DecodingSource Source>
