@@ -90,15 +90,7 @@ class HostSink final : public spdlog::sinks::base_sink<std::mutex> {
 
   private:
     static void writeToStandardError(const LogRecord& record) {
-        std::string line;
-        line.reserve(record.subsystem.size() + record.category.size() + record.message.size() + 16);
-        line.append(logLevelName(record.level));
-        line.append(" [");
-        line.append(record.subsystem);
-        line.push_back(':');
-        line.append(record.category);
-        line.append("] ");
-        line.append(record.message);
+        std::string line = formatLogLine(record);
         line.push_back('\n');
         std::fwrite(line.data(), 1, line.size(), stderr);
     }
@@ -128,6 +120,19 @@ Service& service() {
 }
 
 }  // namespace
+
+std::string formatLogLine(const LogRecord& record) {
+    std::string line;
+    line.reserve(record.subsystem.size() + record.category.size() + record.message.size() + 16);
+    line.append(logLevelName(record.level));
+    line.append(" [");
+    line.append(record.subsystem);
+    line.push_back(':');
+    line.append(record.category);
+    line.append("] ");
+    line.append(record.message);
+    return line;
+}
 
 std::string_view logLevelName(LogLevel level) {
     switch (level) {

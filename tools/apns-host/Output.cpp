@@ -82,23 +82,10 @@ std::string commentLine(std::string_view text) {
     return line;
 }
 
-std::string logLine(const platform::LogRecord& record) {
-    std::string line;
-    line.reserve(record.subsystem.size() + record.category.size() + record.message.size() + 16);
-    line.append(platform::logLevelName(record.level));
-    line.append(" [");
-    line.append(record.subsystem);
-    line.push_back(':');
-    line.append(record.category);
-    line.append("] ");
-    line.append(record.message);
-    return line;
-}
-
 void installLogSink(std::FILE* stream) {
     // The platform serialises the sink's calls, so lines never interleave.
     platform::setLogSink([stream](const platform::LogRecord& record) {
-        std::string line = logLine(record);
+        std::string line = platform::formatLogLine(record);
         line.push_back('\n');
         std::fwrite(line.data(), 1, line.size(), stream);
         std::fflush(stream);

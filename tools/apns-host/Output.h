@@ -51,9 +51,6 @@ std::string commandLine(const std::optional<platform::Value>& json, std::string_
 // {"comment":TEXT}
 std::string commentLine(std::string_view text);
 
-// "LEVEL [SUBSYSTEM:CATEGORY] MESSAGE", the message unchanged.
-std::string logLine(const platform::LogRecord& record);
-
 // Sends the process's log records to `stream` (standard error), one flushed line each.
 void installLogSink(std::FILE* stream);
 

@@ -29,6 +29,10 @@ struct LogRecord {
     friend bool operator==(const LogRecord&, const LogRecord&) = default;
 };
 
+// The default sink's line for a record, without the line break:
+// "<level> [<subsystem>:<category>] <message>", the message unchanged.
+NIMBORRA_PLATFORM_EXPORT std::string formatLogLine(const LogRecord& record);
+
 // Receives every record at or above the process's log level. It is called on the logging
 // thread, one record at a time (calls are serialised), and must not log itself.
 using LogSink = std::function<void(const LogRecord&)>;
