@@ -50,14 +50,7 @@ std::string plistWithEntitlements(std::string_view entitlementsBody) {
            std::string(entitlementsBody) + "</dict></dict></plist>";
 }
 
-std::string repeated(std::string_view text, std::size_t count) {
-    std::string out;
-    out.reserve(text.size() * count);
-    for (std::size_t i = 0; i < count; ++i) {
-        out += text;
-    }
-    return out;
-}
+using ::nimborra::testing::repeated;
 
 TEST_F(ApnsEntitlementReaderTest, MissingOrUnreadableProfileMeansProduction) {
     EXPECT_EQ(read(), "production");

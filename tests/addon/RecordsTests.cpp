@@ -144,16 +144,6 @@ TEST(MethodRecords, RequestsWithFieldsRequireThem) {
               "keyNotFound at \"notification\": no value for key \"notification\"");
 }
 
-TEST(MethodRecords, FieldlessRecordsReadAnythingAndWriteEmptyObjects) {
-    for (const char* text : {"[]", "\"x\"", R"({"anything":1})", "null", "0"}) {
-        EXPECT_TRUE(decode<APNSServiceGetTokenRequest>(text).ok()) << text;
-        EXPECT_TRUE(decode<APNSServiceGetNotificationSettingsRequest>(text).ok()) << text;
-    }
-    EXPECT_EQ(encode(APNSServiceSetBadgeCountResponse{}), "{}");
-    EXPECT_EQ(encode(APNSServiceNotifyDidReceiveResponseResponse{}), "{}");
-    EXPECT_EQ(encode(APNSServiceNotifyColdStartNotificationResponse{}), "{}");
-}
-
 TEST(MethodRecords, ResponsesAlwaysWriteTheirFields) {
     EXPECT_EQ(encode(APNSServiceGetTokenResponse{}), R"({"token":""})");
     EXPECT_EQ(encode(APNSServiceRequestAuthorizationResponse{true}), R"({"granted":true})");
@@ -164,26 +154,6 @@ TEST(MethodRecords, ResponsesAlwaysWriteTheirFields) {
               std::string(R"({"notification":)") + kEmptyNotificationJSON + "}");
 }
 
-TEST(MethodRecords, RequestsRoundTrip) {
-    const APNSServiceNotifyDidReceiveResponseRequest response{fullNotification(), "open"};
-    EXPECT_EQ(decode<APNSServiceNotifyDidReceiveResponseRequest>(encode(response)).value(),
-              response);
-
-    const APNSServiceNotifyDidRegisterForRemoteNotificationsRequest token{
-        platform::Data{{0x0a, 0x1b, 0x2c}}};
-    EXPECT_EQ(encode(token), R"({"deviceToken":"Chss"})");
-    EXPECT_EQ(
-        decode<APNSServiceNotifyDidRegisterForRemoteNotificationsRequest>(encode(token)).value(),
-        token);
-    EXPECT_FALSE(decode<APNSServiceNotifyDidRegisterForRemoteNotificationsRequest>(
-                     R"({"deviceToken":"not base64!"})")
-                     .ok());
-
-    const APNSServiceNotifyColdStartNotificationRequest coldStart{R"({"aps":{}})"};
-    EXPECT_EQ(decode<APNSServiceNotifyColdStartNotificationRequest>(encode(coldStart)).value(),
-              coldStart);
-}
-
 TEST(MethodRecords, NonFiniteScoreFailsTheWholeEncoding) {
     ApnsNotification notification;
     notification.relevanceScore = std::nan("");
@@ -192,22 +162,6 @@ TEST(MethodRecords, NonFiniteScoreFailsTheWholeEncoding) {
     ASSERT_FALSE(encoded.ok());
     EXPECT_EQ(encoded.error().kind(), CodingErrorKind::invalidValue);
     EXPECT_EQ(encoded.error().codingPath(), "notification.relevanceScore");
-}
-
-TEST(Results, HoldExactlyOneAlternative) {
-    auto success = ApnsServiceSetBadgeCountResult::success({});
-    EXPECT_TRUE(success.isSuccess());
-    EXPECT_EQ(encode(*success.successValue()), "{}");
-
-    auto unknown = ApnsServiceGetTokenResult::unknown("", "not json");
-    ASSERT_NE(unknown.unknownValue(), nullptr);
-    EXPECT_EQ(unknown.unknownValue()->rawJson, "not json");
-    EXPECT_EQ(unknown.successValue(), nullptr);
-
-    auto failure =
-        ApnsServiceGetTokenResult::failure(core::NimbError(core::NimbErrorCode::unavailable, "x"));
-    ASSERT_NE(failure.problem(), nullptr);
-    EXPECT_EQ(failure.problem()->code, core::NimbErrorCode::unavailable);
 }
 
 }  // namespace

@@ -35,14 +35,7 @@ std::string plist(std::string_view body) {
     return "<plist version=\"1.0\">" + std::string(body) + "</plist>";
 }
 
-std::string repeated(std::string_view piece, std::size_t count) {
-    std::string text;
-    text.reserve(piece.size() * count);
-    for (std::size_t i = 0; i < count; ++i) {
-        text += piece;
-    }
-    return text;
-}
+using ::nimborra::testing::repeated;
 
 Data bytes(std::initializer_list<std::uint8_t> list) {
     return Data{std::vector<std::uint8_t>(list)};

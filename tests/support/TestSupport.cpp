@@ -19,6 +19,15 @@ std::optional<std::filesystem::path> corporaDirectory() {
     return std::nullopt;
 }
 
+std::string repeated(std::string_view piece, std::size_t count) {
+    std::string text;
+    text.reserve(piece.size() * count);
+    for (std::size_t i = 0; i < count; ++i) {
+        text += piece;
+    }
+    return text;
+}
+
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;

@@ -4,12 +4,16 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace nimborra::testing {
 
 // The shared corpora directory (../shared/corpora beside the source tree, or
 // $NIMBORRA_SHARED_DIR/corpora), or nothing when it is absent.
 std::optional<std::filesystem::path> corporaDirectory();
+
+// `piece` written `count` times in a row (nesting bombs, large inputs).
+std::string repeated(std::string_view piece, std::size_t count);
 
 // Reads a whole file; empty when it cannot be read.
 std::string readFile(const std::filesystem::path& path);
