@@ -64,6 +64,15 @@ void UNUserNotificationCenter::requestAuthorizationWithOptions(
     std::lock_guard<std::mutex> lock(state_->mutex);
     state_->lastAuthorizationOptions = options;
     ++state_->authorizationRequests;
+    if (!state_->authorizationError) {
+        if (!state_->granted) {
+            state_->authorizationStatus = UNAuthorizationStatusDenied;
+        } else if ((options & UNAuthorizationOptionProvisional) != 0) {
+            state_->authorizationStatus = UNAuthorizationStatusProvisional;
+        } else {
+            state_->authorizationStatus = UNAuthorizationStatusAuthorized;
+        }
+    }
     if (!completionHandler) {
         return;
     }
@@ -108,6 +117,16 @@ void UNUserNotificationCenter::setAuthorizationStatus(std::int64_t rawStatus) {
 void UNUserNotificationCenter::setBadgeError(std::optional<NSError> error) {
     std::lock_guard<std::mutex> lock(state_->mutex);
     state_->badgeError = std::move(error);
+}
+
+std::int64_t UNUserNotificationCenter::authorizationStatus() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->authorizationStatus;
+}
+
+void UNUserNotificationCenter::setBadgeCountFromNotification(std::int64_t count) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->lastBadgeCount = count;
 }
 
 void UNUserNotificationCenter::setHoldsAnswers(bool hold) {

@@ -16,8 +16,8 @@ using platform::Value;
 // A reason for refusing a line; nothing when all is well.
 using Refusal = std::optional<std::string>;
 
-constexpr std::array<std::string_view, 6> kCommandNames{"call",   "callSync", "cancel",
-                                                        "launch", "platform", "inspect"};
+constexpr std::array<std::string_view, 7> kCommandNames{"call",     "callSync", "cancel", "launch",
+                                                        "platform", "inspect",  "push"};
 
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f' || c == '\v';
@@ -277,6 +277,35 @@ Refusal readInspect(const Dictionary& object) {
     return std::nullopt;
 }
 
+Refusal readPush(const Dictionary& object, PushCommand& push) {
+    if (auto refusal = onlyMembers(object, {"push", "app", "tap"}, "a push command")) {
+        return refusal;
+    }
+    if (auto refusal = readPushPayload(*object.find("push"), push)) {
+        return "push: " + *refusal;
+    }
+    if (const Value* app = object.find("app")) {
+        const auto state =
+            app->text() ? platform::applicationStateNamed(*app->text()) : std::nullopt;
+        if (!state) {
+            return std::string(
+                "push: \"app\" must be \"foreground\", \"background\" or \"notRunning\"");
+        }
+        push.app = *state;
+    }
+    if (const Value* tap = object.find("tap")) {
+        if (tap->boolean() != nullptr && *tap->boolean()) {
+            push.tap = std::string(platform::UNNotificationDefaultActionIdentifier);
+        } else if (tap->text() != nullptr && !tap->text()->empty()) {
+            push.tap = *tap->text();
+        } else {
+            return std::string(
+                "push: \"tap\" must be true (the default action) or an action identifier");
+        }
+    }
+    return std::nullopt;
+}
+
 // Picks the command of a JSON object and reads it.
 Refusal readCommand(const Dictionary& object, Command& command) {
     std::optional<std::string> name;
@@ -293,7 +322,7 @@ Refusal readCommand(const Dictionary& object, Command& command) {
     if (!name) {
         return std::string(
             "not a command: expected one of \"call\", \"callSync\", \"cancel\", \"launch\", "
-            "\"platform\", \"inspect\"");
+            "\"platform\", \"inspect\", \"push\"");
     }
     if (*name == "call" || *name == "callSync") {
         CallCommand call;
@@ -319,11 +348,44 @@ Refusal readCommand(const Dictionary& object, Command& command) {
         command = std::move(change);
         return refusal;
     }
+    if (*name == "push") {
+        PushCommand push;
+        auto refusal = readPush(object, push);
+        command = std::move(push);
+        return refusal;
+    }
     command = InspectCommand{};
     return readInspect(object);
 }
 
 }  // namespace
+
+std::optional<std::string> readPushPayload(const Value& payload, PushCommand& push) {
+    const Dictionary* object = payload.dictionary();
+    if (object == nullptr) {
+        return std::string("the payload must be a JSON object");
+    }
+    // The simulator's addressing member is not part of what is delivered.
+    constexpr std::string_view kTarget = "Simulator Target Bundle";
+    Dictionary delivered;
+    delivered.reserve(object->size());
+    for (const auto& [key, value] : *object) {
+        const std::string* name = key.text();
+        if (name == nullptr || *name != kTarget) {
+            delivered.set(key, value);
+        } else if (value.text() == nullptr) {
+            return std::string("\"Simulator Target Bundle\" must be a string");
+        } else {
+            push.targetBundle = *value.text();
+        }
+    }
+    auto accepted = platform::acceptRemoteNotificationPayload(Value(std::move(delivered)));
+    if (auto* reason = std::get_if<std::string>(&accepted)) {
+        return std::move(*reason);
+    }
+    push.payload = std::move(std::get<Dictionary>(accepted));
+    return std::nullopt;
+}
 
 InputLine readInputLine(std::string_view line) {
     InputLine input;

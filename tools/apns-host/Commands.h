@@ -11,6 +11,7 @@
 #include <variant>
 
 #include "NimbOrraPlatform/NSError.h"
+#include "NimbOrraPlatform/RemoteNotification.h"
 #include "NimbOrraPlatform/Value.h"
 
 namespace nimborra::host {
@@ -53,8 +54,20 @@ struct PlatformCommand {
 // {"inspect": "platform"}
 struct InspectCommand {};
 
-using Command =
-    std::variant<CallCommand, CancelCommand, LaunchCommand, PlatformCommand, InspectCommand>;
+// {"push": PAYLOAD, "app": STATE, "tap": ACTION}, or a --push file.
+struct PushCommand {
+    // The payload as delivered: accepted by the system's rules, "Simulator Target Bundle" taken
+    // out.
+    platform::Dictionary payload;
+    // The "Simulator Target Bundle" the payload named, if any.
+    std::optional<std::string> targetBundle;
+    platform::ApplicationState app = platform::ApplicationState::foreground;
+    // The action identifier the user taps; nothing when the notification is left alone.
+    std::optional<std::string> tap;
+};
+
+using Command = std::variant<CallCommand, CancelCommand, LaunchCommand, PlatformCommand,
+                             InspectCommand, PushCommand>;
 
 // One input line, read.
 struct InputLine {
@@ -70,5 +83,9 @@ struct InputLine {
 
 // Reads one line (without its line break). Never throws except std::bad_alloc.
 InputLine readInputLine(std::string_view line);
+
+// Fills `push` from a push payload as a file or a "push" command holds it: takes the "Simulator
+// Target Bundle" member out and applies the system's payload rules. The reason when refused.
+std::optional<std::string> readPushPayload(const platform::Value& payload, PushCommand& push);
 
 }  // namespace nimborra::host

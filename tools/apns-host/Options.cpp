@@ -1,6 +1,7 @@
 #include "Options.h"
 
 #include <array>
+#include <charconv>
 #include <utility>
 
 namespace nimborra::host {
@@ -79,7 +80,7 @@ Exit status (once every call has been answered at the end of the input):
 )";
 
 // The options that take a value.
-enum class ValueOption { script, bundle, logLevel };
+enum class ValueOption { script, bundle, logLevel, push, app, status };
 
 std::optional<ValueOption> valueOption(std::string_view name) {
     if (name == "--script") {
@@ -90,6 +91,15 @@ std::optional<ValueOption> valueOption(std::string_view name) {
     }
     if (name == "--log-level") {
         return ValueOption::logLevel;
+    }
+    if (name == "--push") {
+        return ValueOption::push;
+    }
+    if (name == "--app") {
+        return ValueOption::app;
+    }
+    if (name == "--status") {
+        return ValueOption::status;
     }
     return std::nullopt;
 }
@@ -109,10 +119,35 @@ std::optional<platform::LogLevel> logLevelNamed(std::string_view name) {
 
 ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
     HostOptions options;
+    // What --app and --tap set for the --push files after them, and the option that set it last
+    // when no file has used it yet.
+    PushFile next;
+    std::optional<std::string_view> unusedPushSetting;
     for (std::size_t index = 0; index < arguments.size(); ++index) {
         const std::string_view argument = arguments[index];
         if (argument == "-h" || argument == "--help") {
             return HelpRequest{};
+        }
+        if (argument == "--tap" || argument.starts_with("--tap=")) {
+            // The action is optional: "--tap" alone is a plain tap; "--tap ACTION" names one
+            // unless the next argument is an option.
+            if (argument.size() > 6) {
+                next.tap = std::string(argument.substr(6));
+            } else if (index + 1 < arguments.size() && !arguments[index + 1].starts_with("-")) {
+                next.tap = std::string(arguments[++index]);
+            } else {
+                next.tap = std::string(platform::UNNotificationDefaultActionIdentifier);
+            }
+            if (next.tap->empty()) {
+                return OptionError{"option '--tap' needs a non-empty action identifier"};
+            }
+            unusedPushSetting = "--tap";
+            continue;
+        }
+        if (argument == "--no-tap") {
+            next.tap.reset();
+            unusedPushSetting = "--no-tap";
+            continue;
         }
         if (argument == "--demo") {
             options.demo = true;
@@ -158,10 +193,46 @@ ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
                 options.logLevel = *level;
                 break;
             }
+            case ValueOption::push:
+                next.path = std::filesystem::path(value);
+                options.pushes.push_back(next);
+                unusedPushSetting.reset();
+                break;
+            case ValueOption::app: {
+                const auto state = platform::applicationStateNamed(value);
+                if (!state) {
+                    return OptionError{"unknown application state '" + std::string(value) +
+                                       "' (expected foreground, background or notRunning)"};
+                }
+                next.app = *state;
+                unusedPushSetting = "--app";
+                break;
+            }
+            case ValueOption::status: {
+                std::int64_t status = 0;
+                const auto [end, error] =
+                    std::from_chars(value.data(), value.data() + value.size(), status);
+                if (error != std::errc() || end != value.data() + value.size()) {
+                    return OptionError{
+                        "option '--status' needs an integer (0 not determined, 1 "
+                        "denied, 2 authorized, 3 provisional, 4 ephemeral), not '" +
+                        std::string(value) + "'"};
+                }
+                options.authorizationStatus = status;
+                break;
+            }
         }
     }
     if (options.demo && options.script) {
         return OptionError{"--demo runs its own session and takes no --script"};
+    }
+    if (!options.pushes.empty() && (options.demo || options.script)) {
+        return OptionError{"--push delivers its files instead of a session: it takes no " +
+                           std::string(options.demo ? "--demo" : "--script")};
+    }
+    if (unusedPushSetting) {
+        return OptionError{"option '" + std::string(*unusedPushSetting) +
+                           "' applies to the --push files after it, and none follows"};
     }
     return options;
 }

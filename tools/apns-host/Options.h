@@ -3,16 +3,26 @@
 // commands are echoed.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include "NimbOrraPlatform/Logger.h"
+#include "NimbOrraPlatform/RemoteNotification.h"
 
 namespace nimborra::host {
+
+// A --push file with the --app and --tap options in force where it was named.
+struct PushFile {
+    std::filesystem::path path;
+    platform::ApplicationState app = platform::ApplicationState::foreground;
+    std::optional<std::string> tap;
+};
 
 struct HostOptions {
     // Read commands from this file instead of standard input.
@@ -26,6 +36,10 @@ struct HostOptions {
     // Write each command before running it, and run it only once every earlier call has been
     // answered.
     bool echo = false;
+    // The simulated authorization status at start (--status); the system's default otherwise.
+    std::optional<std::int64_t> authorizationStatus;
+    // Deliver these payload files, in order, instead of reading commands.
+    std::vector<PushFile> pushes;
 };
 
 // Asked for the help text.

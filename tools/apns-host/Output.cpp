@@ -58,6 +58,46 @@ std::string platformLine(std::optional<std::uint64_t> authorizationOptions,
     return line;
 }
 
+namespace {
+
+void appendTextOrNull(std::string& line, const std::optional<std::string_view>& text) {
+    if (text) {
+        platform::appendJSONString(line, *text);
+    } else {
+        line.append("null");
+    }
+}
+
+}  // namespace
+
+std::string systemLine(platform::ApplicationState app,
+                       const platform::RemoteNotificationDelivery& delivery) {
+    std::string line = "{\"system\":{\"app\":";
+    platform::appendJSONString(line, platform::applicationStateName(app));
+    line.append(delivery.visible ? ",\"visible\":true" : ",\"visible\":false");
+    line.append(delivery.shown ? ",\"shown\":true" : ",\"shown\":false");
+    line.append(",\"reason\":");
+    appendTextOrNull(line, delivery.reason);
+    line.append(",\"badge\":");
+    if (delivery.badge) {
+        platform::appendJSONNumber(line, *delivery.badge);
+    } else {
+        line.append("null");
+    }
+    line.append(",\"tap\":");
+    appendTextOrNull(line, delivery.tap);
+    line.append(",\"callbacks\":[");
+    for (std::size_t index = 0; index < delivery.callbacks.size(); ++index) {
+        if (index > 0) {
+            line.push_back(',');
+        }
+        platform::appendJSONString(
+            line, platform::remoteNotificationCallbackName(delivery.callbacks[index]));
+    }
+    line.append("]}}");
+    return line;
+}
+
 std::string commandLine(const std::optional<platform::Value>& json, std::string_view rawLine) {
     std::string line = "{\"command\":";
     std::optional<std::string> compact;

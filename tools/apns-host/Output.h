@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "NimbOrraPlatform/Logger.h"
+#include "NimbOrraPlatform/RemoteNotification.h"
 #include "NimbOrraPlatform/Value.h"
 
 namespace nimborra::host {
@@ -46,6 +47,10 @@ std::string refusalLine(std::string_view reason, std::size_t lineNumber);
 // {"platform":{"authorizationOptions":MASK|null,"badgeCount":INT|null,"registrations":INT}}
 std::string platformLine(std::optional<std::uint64_t> authorizationOptions,
                          std::optional<std::int64_t> badgeCount, std::size_t registrations);
+// {"system":{"app":STATE,"visible":BOOL,"shown":BOOL,"reason":TEXT|null,"badge":INT|null,
+// "tap":ACTION|null,"callbacks":[NAME...]}}: what the simulated system did with a push.
+std::string systemLine(platform::ApplicationState app,
+                       const platform::RemoteNotificationDelivery& delivery);
 // {"command":COMMAND}: the command as compact JSON, or as a JSON string when it has none.
 std::string commandLine(const std::optional<platform::Value>& json, std::string_view rawLine);
 // {"comment":TEXT}

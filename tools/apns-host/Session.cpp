@@ -5,6 +5,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "AppDelegate.h"
 #include "NimbOrraPlatform/Application.h"
 #include "NimbOrraPlatform/Bundle.h"
 #include "NimbOrraPlatform/UserNotificationCenter.h"
@@ -56,8 +57,8 @@ bool Session::runLine(std::string_view line, std::size_t lineNumber) {
             break;
     }
 
-    std::visit(
-        [this](const auto& command) {
+    return std::visit(
+        [this, lineNumber](const auto& command) {
             using T = std::decay_t<decltype(command)>;
             if constexpr (std::is_same_v<T, CallCommand>) {
                 call(command);
@@ -67,12 +68,14 @@ bool Session::runLine(std::string_view line, std::size_t lineNumber) {
                 launch(command);
             } else if constexpr (std::is_same_v<T, PlatformCommand>) {
                 changePlatform(command);
+            } else if constexpr (std::is_same_v<T, PushCommand>) {
+                return push(command, lineNumber);
             } else {
                 inspect();
             }
+            return true;
         },
         input.command);
-    return true;
 }
 
 void Session::waitForReplies() {
@@ -100,6 +103,38 @@ void Session::call(const CallCommand& command) {
             answered_.notify_all();
         }
     });
+}
+
+bool Session::push(const PushCommand& command, std::size_t lineNumber) {
+    waitForReplies();
+    if (command.targetBundle) {
+        if (auto wrong = wrongTargetBundle(*command.targetBundle)) {
+            output_.writeLine(refusalLine("push: " + *wrong, lineNumber));
+            return false;
+        }
+    }
+    auto& center = platform::UNUserNotificationCenter::currentNotificationCenter();
+    const auto delivery = platform::deliverRemoteNotification(
+        command.payload, command.app, center.authorizationStatus(), command.tap);
+    if (delivery.badge) {
+        center.setBadgeCountFromNotification(*delivery.badge);
+    }
+    output_.writeLine(systemLine(command.app, delivery));
+    for (const auto callback : delivery.callbacks) {
+        switch (callback) {
+            case platform::RemoteNotificationCallback::didFinishLaunching:
+                didFinishLaunching(command.payload);
+                break;
+            case platform::RemoteNotificationCallback::willPresent:
+                call(willPresentCall(delivery.content));
+                break;
+            case platform::RemoteNotificationCallback::didReceiveResponse:
+                call(didReceiveResponseCall(delivery.content, delivery.tap.value_or("")));
+                break;
+        }
+        waitForReplies();
+    }
+    return true;
 }
 
 void Session::launch(const LaunchCommand& command) {

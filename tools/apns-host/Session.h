@@ -50,6 +50,11 @@ class Session {
     // Blocks until every call started so far has been answered.
     void waitForReplies();
 
+    // Once every earlier call has been answered, hands a push to the simulated system and runs
+    // the callbacks it makes, each call answered before the next. False, with a refusal line for
+    // `lineNumber`, when the push is addressed to another application.
+    bool push(const PushCommand& command, std::size_t lineNumber);
+
   private:
     void call(const CallCommand& command);
     void launch(const LaunchCommand& command);

@@ -21,10 +21,13 @@
 #include <variant>
 #include <vector>
 
+#include "AppDelegate.h"
+#include "Commands.h"
 #include "DemoScript.h"
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
 #include "NimbOrraPlatform/Bundle.h"
 #include "NimbOrraPlatform/DispatchQueue.h"
+#include "NimbOrraPlatform/JSONSerialization.h"
 #include "NimbOrraPlatform/Logger.h"
 #include "NimbOrraPlatform/UserNotificationCenter.h"
 #include "NimbOrraPushAddonApns/ApnsServiceNativeAdapterDefault.h"
@@ -69,6 +72,47 @@ std::variant<Input, std::string> openInput(const host::HostOptions& options) {
     return input;
 }
 
+// A push file is a small JSON object; anything far larger is refused before it is read whole.
+constexpr std::streamsize kPushFileLimit = 1 << 20;
+
+// Reads and checks one --push file: the push it delivers, or why it cannot.
+std::variant<host::PushCommand, std::string> loadPushFile(const host::PushFile& file) {
+    std::error_code error;
+    if (std::filesystem::is_directory(file.path, error)) {
+        return std::string("it is a directory");
+    }
+    std::ifstream stream(file.path, std::ios::binary);
+    if (!stream) {
+        return std::string(std::strerror(errno));
+    }
+    std::string text(static_cast<std::size_t>(kPushFileLimit) + 1, '\0');
+    stream.read(text.data(), kPushFileLimit + 1);
+    if (stream.bad()) {
+        return std::string("read error");
+    }
+    text.resize(static_cast<std::size_t>(stream.gcount()));
+    if (text.size() > static_cast<std::size_t>(kPushFileLimit)) {
+        return std::string("larger than 1 MiB: not a push payload");
+    }
+    std::string reason;
+    const auto json = platform::JSONSerialization::jsonObject(text, {}, &reason);
+    if (!json) {
+        return "not JSON: " + reason;
+    }
+    host::PushCommand push;
+    push.app = file.app;
+    push.tap = file.tap;
+    if (auto refusal = host::readPushPayload(*json, push)) {
+        return std::move(*refusal);
+    }
+    if (push.targetBundle) {
+        if (auto wrong = host::wrongTargetBundle(*push.targetBundle)) {
+            return std::move(*wrong);
+        }
+    }
+    return push;
+}
+
 int runHost(const host::HostOptions& options) {
     auto opened = openInput(options);
     if (auto* message = std::get_if<std::string>(&opened)) {
@@ -91,9 +135,23 @@ int runHost(const host::HostOptions& options) {
         const auto directory = std::filesystem::absolute(*bundle, error);
         platform::Bundle::mainBundle().setResourceDirectory(error ? *bundle : directory);
     }
+    // Every push file is checked before anything runs, so a bad one has no effect at all.
+    std::vector<host::PushCommand> pushes;
+    for (const auto& file : options.pushes) {
+        auto loaded = loadPushFile(file);
+        if (auto* reason = std::get_if<std::string>(&loaded)) {
+            return fail(file.path.string() + ": " + *reason);
+        }
+        pushes.push_back(std::move(std::get<host::PushCommand>(loaded)));
+    }
+
     // The simulated system starts from its defaults: authorization granted, status not
-    // determined, no badge error.
-    platform::UNUserNotificationCenter::currentNotificationCenter().reset();
+    // determined (or --status), no badge error.
+    auto& center = platform::UNUserNotificationCenter::currentNotificationCenter();
+    center.reset();
+    if (options.authorizationStatus) {
+        center.setAuthorizationStatus(*options.authorizationStatus);
+    }
 
     host::OutputWriter output(stdout);
     auto& dispatcher = core::OrraBridgeDispatcher::shared();
@@ -112,7 +170,15 @@ int runHost(const host::HostOptions& options) {
     host::Session session(output, std::move(plugin), options.echo || options.demo);
     host::SessionStatus status = host::SessionStatus::accepted;
     std::thread reader([&] {
-        status = session.run(*input.stream);
+        if (pushes.empty()) {
+            status = session.run(*input.stream);
+        } else {
+            // Standard input is not read: the files are the whole session.
+            for (std::size_t index = 0; index < pushes.size(); ++index) {
+                session.push(pushes[index], index + 1);
+            }
+            session.waitForReplies();
+        }
         platform::DispatchQueue::stopMainLoop();
     });
     platform::DispatchQueue::runMainLoop();

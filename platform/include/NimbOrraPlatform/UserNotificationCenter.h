@@ -65,6 +65,11 @@ class NIMBORRA_PLATFORM_EXPORT UNUserNotificationCenter {
     // The three services. Each records the request, fixes its answer from the state programmed
     // at the moment of the call, and returns at once; the handler receives that answer later on
     // the delivery thread. An empty handler is allowed (the answer is then dropped).
+    //
+    // The center remembers the user's answer to an authorization request, as the system does:
+    // a grant makes the status authorized, or provisional when `options` holds the provisional
+    // option (which the system grants without asking); a refusal makes it denied; an error
+    // leaves it as it was.
     void requestAuthorizationWithOptions(UNAuthorizationOptions options,
                                          AuthorizationHandler completionHandler);
     void getNotificationSettingsWithCompletionHandler(SettingsHandler completionHandler);
@@ -75,6 +80,13 @@ class NIMBORRA_PLATFORM_EXPORT UNUserNotificationCenter {
     void setAuthorizationAnswer(bool granted, std::optional<NSError> error = std::nullopt);
     void setAuthorizationStatus(std::int64_t rawStatus);
     void setBadgeError(std::optional<NSError> error);
+
+    // The raw authorization status the settings report now.
+    std::int64_t authorizationStatus() const;
+
+    // The system sets the badge from a notification's "badge": recorded as the last badge count,
+    // without a request.
+    void setBadgeCountFromNotification(std::int64_t count);
 
     // While holding, answers are kept instead of delivered, so a caller waiting for one stays
     // blocked. Turning holding off delivers every held answer, oldest first.

@@ -1,0 +1,107 @@
+// What the system does with a remote notification that reaches the device: whether the payload
+// is acceptable at all, the notification content it turns into, and, given the application's
+// state, its authorization and what the user does, whether the notification is shown, which
+// badge the system sets and which of the application's callbacks it runs, in which order.
+//
+// Every rule of the simulated system's push handling lives here, so that the host, its help text
+// and its tests agree. The functions are pure: no state, no locks, safe from any thread at once.
+// They never throw except std::bad_alloc.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "NimbOrraPlatform/Export.h"
+#include "NimbOrraPlatform/NotificationContent.h"
+#include "NimbOrraPlatform/Value.h"
+
+namespace nimborra::platform {
+
+// The largest remote-notification payload APNs delivers, in bytes of compact JSON.
+inline constexpr std::size_t kRemoteNotificationPayloadLimit = 4096;
+
+// The action identifier of a plain tap on a notification (not one of its custom actions).
+inline constexpr std::string_view UNNotificationDefaultActionIdentifier =
+    "com.apple.UNNotificationDefaultActionIdentifier";
+
+// Where the application is when a notification arrives.
+enum class ApplicationState { foreground, background, notRunning };
+
+// "foreground", "background" or "notRunning".
+NIMBORRA_PLATFORM_EXPORT std::string_view applicationStateName(ApplicationState state);
+NIMBORRA_PLATFORM_EXPORT std::optional<ApplicationState> applicationStateNamed(
+    std::string_view name);
+
+// The payload as the system takes it: the dictionary, or the one-line reason it is refused (not
+// an object, "aps" present but not an object, compact JSON over the limit, not writable as JSON).
+NIMBORRA_PLATFORM_EXPORT std::variant<Dictionary, std::string> acceptRemoteNotificationPayload(
+    const Value& payload);
+
+// The size in bytes of the payload written as compact JSON, as a provider sends it ("/" not
+// escaped); nothing when the value cannot be written as JSON.
+NIMBORRA_PLATFORM_EXPORT std::optional<std::size_t> compactPayloadSize(const Value& payload);
+
+// The content the system builds from an accepted payload's "aps" dictionary; the user info is
+// the whole payload.
+NIMBORRA_PLATFORM_EXPORT UNNotificationContent remoteNotificationContent(const Dictionary& payload);
+
+// A localisation key used as its own format, as the system does when the application has no
+// translation for it: "%@" takes the next argument, "%n$@" the n-th (from 1), "%%" is "%". A
+// placeholder without an argument becomes the empty text; arguments left over are ignored; any
+// other "%" sequence stays as it is. Text arguments are used as they stand, others as their
+// compact JSON.
+NIMBORRA_PLATFORM_EXPORT std::string localizedFormat(std::string_view format,
+                                                     const Array* arguments);
+
+// A payload is visible when its "aps" has "alert", "badge" or "sound"; any other payload (one
+// with only "content-available": 1, say) is silent.
+NIMBORRA_PLATFORM_EXPORT bool isVisibleRemoteNotification(const Dictionary& payload);
+
+// Whether a raw authorization status lets the system show notifications: authorized,
+// provisional and ephemeral do; not determined, denied and unknown values do not.
+NIMBORRA_PLATFORM_EXPORT bool authorizationStatusShowsNotifications(std::int64_t rawStatus);
+
+// The application callbacks the system runs for one notification.
+enum class RemoteNotificationCallback {
+    // The application is launched; its launch options carry the payload.
+    didFinishLaunching,
+    // The notification-center delegate is asked how to present it in the foreground.
+    willPresent,
+    // The notification-center delegate learns the user's action on it.
+    didReceiveResponse,
+};
+
+// "didFinishLaunching", "willPresent" or "didReceiveResponse".
+NIMBORRA_PLATFORM_EXPORT std::string_view remoteNotificationCallbackName(
+    RemoteNotificationCallback callback);
+
+// What the system does with one notification.
+struct RemoteNotificationDelivery {
+    bool visible = false;
+    // Shown to the user: visible and authorized. In the foreground the banner itself is up to
+    // the application's answer to willPresent.
+    bool shown = false;
+    // Why nothing reached the application ("silent", "not authorized", "not tapped", "not
+    // running"); nothing when a callback runs.
+    std::optional<std::string_view> reason;
+    // The badge count the system sets.
+    std::optional<std::int64_t> badge;
+    // The action identifier of the user's tap, when the user could tap it (it was shown).
+    std::optional<std::string> tap;
+    // In the order the system runs them.
+    std::vector<RemoteNotificationCallback> callbacks;
+    UNNotificationContent content;
+};
+
+// Decides the delivery of an accepted payload. `tap` is the action identifier the user taps, or
+// nothing when the user leaves the notification alone.
+NIMBORRA_PLATFORM_EXPORT RemoteNotificationDelivery
+deliverRemoteNotification(const Dictionary& payload, ApplicationState state,
+                          std::int64_t authorizationStatus, const std::optional<std::string>& tap);
+
+}  // namespace nimborra::platform
