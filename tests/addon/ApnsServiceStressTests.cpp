@@ -41,7 +41,8 @@ const std::vector<MixedCall>& mixedCalls() {
             {"GetToken", "{}", R"({"error":{"code":"UNAVAILABLE")", 0},
             {"GetProviderEnvironment", "{}", R"({"success":{"environment":1}})", 0},
             {"GetColdStartNotification", "{}", R"({"success":{"notification":)", 0},
-            {"RequestAuthorization", R"({"options":[1,2,3]})", R"({"success":{"granted":true}})",
+            // Provisional: the status the center remembers stays the one set below.
+            {"RequestAuthorization", R"({"options":[1,2,3,7]})", R"({"success":{"granted":true}})",
              0},
             {"SetBadgeCount", R"({"count":3})", R"({"success":{}})", 0},
             {"GetNotificationSettings", "{}", R"({"success":{"authorizationStatus":4}})", 0},

@@ -14,8 +14,7 @@ constexpr std::string_view kDemo =
 {"call":"GetToken"}
 # The simulated user grants authorization for alert (3), badge (1) and sound (2).
 {"call":"RequestAuthorization","payload":{"options":[3,1,2]}}
-# The simulated system now reports the app as authorized (raw platform status 2, wire status 3).
-{"platform":{"authorizationStatus":2}}
+# The system remembers the answer: the app is now authorized (raw platform status 2, wire status 3).
 {"call":"GetNotificationSettings"}
 {"call":"SetBadgeCount","payload":{"count":3}}
 # The host forwards the system's registration outcome: a device token becomes an event...
@@ -26,15 +25,20 @@ constexpr std::string_view kDemo =
 {"call":"NotifyWillPresentNotification","payload":{"notification":{"title":"New message","subtitle":"From Ada","body":"Are we still on for lunch?","badge":4,"sound":"default","categoryIdentifier":"MESSAGE","threadIdentifier":"chat-7","launchImageName":"","targetContentIdentifier":"chat-7","interruptionLevel":2,"relevanceScore":0.5,"userInfoJson":"{\"chatId\":7}"}}}
 # ...and the user opens it.
 {"call":"NotifyDidReceiveResponse","payload":{"notification":{"title":"New message","subtitle":"From Ada","body":"Are we still on for lunch?","badge":4,"sound":"default","categoryIdentifier":"MESSAGE","threadIdentifier":"chat-7","launchImageName":"","targetContentIdentifier":"chat-7","interruptionLevel":2,"relevanceScore":0.5,"userInfoJson":"{\"chatId\":7}"},"actionIdentifier":"open"}}
-# The app was launched by a tap on a notification: the launch code hands its payload over...
-{"launch":{"aps":{"alert":{"title":"Your order has shipped","body":"Order A-1042 is on its way."},"badge":1,"sound":"default"},"orderId":"A-1042"}}
+# A push reaches the simulated system while the app is in the foreground: the system hands it to
+# the app's delegate, which maps it and forwards it to the plug-in (the add-on asks for no banner).
+{"push":{"aps":{"alert":{"title":"New message","body":"Lunch at noon?"},"badge":5,"sound":"default","thread-id":"chat-7"},"chatId":7}}
+# A push arrives while the app is not running and the user taps it: the app launches, its launch
+# code hands the payload to the add-on, and the delegate reports the tap...
+{"push":{"aps":{"alert":{"title":"Your order has shipped","body":"Order A-1042 is on its way."},"badge":1,"sound":"default"},"orderId":"A-1042"},"app":"notRunning","tap":true}
 # ...and the far side asks for it once it is ready (a second ask would get the empty record).
 {"call":"GetColdStartNotification"}
 # A launch notification can also be handed over through the bridge.
 {"call":"NotifyColdStartNotification","payload":{"userInfoJson":"{\"aps\":{\"alert\":\"Welcome back\"}}"}}
 # The plug-in has no synchronous methods.
 {"callSync":"GetToken"}
-# What reached the simulated system: the option mask 7 (alert, badge, sound) and the badge.
+# What reached the simulated system: the option mask 7 (alert, badge, sound) and the last badge,
+# set by the tapped push.
 {"inspect":"platform"}
 )";
 

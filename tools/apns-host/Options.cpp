@@ -29,6 +29,19 @@ Options:
                      followed by its own events and reply
   --demo             run a built-in session against the sample bundle in examples/bundle
                      that calls every method once, with the commands echoed (--echo)
+  --status N         the simulated authorization status at start (see "authorizationStatus"
+                     below; default 0, not determined)
+  --push FILE        deliver the push payload in FILE (a .apns file: one JSON object, the
+                     payload, optionally with a "Simulator Target Bundle" member) instead of
+                     reading commands; repeatable, delivered in order. Standard input is not
+                     read. Every file is checked before any is delivered: a file that cannot
+                     be read or breaks a payload rule ends the host with status 2, the file's
+                     name and the reason on standard error
+  --app STATE        the application's state for the --push files after it: foreground
+                     (default), background or notRunning
+  --tap [ACTION]     the user taps the notifications of the --push files after it: the
+                     default action, or ACTION (--tap=ACTION, or the next argument unless it
+                     starts with "-"); --no-tap ends it
   -h, --help         print this text and exit
 
 Commands:
@@ -54,14 +67,56 @@ Commands:
                                          2 authorized, 3 provisional, 4 ephemeral, or any)
         "badgeError": null or {"domain": TEXT, "code": INT}
         "bundle": DIR                   (where the provisioning profile is looked up)
-      Writes nothing. At start the system grants authorization, reports status 0 and has
-      no badge error.
+      Writes nothing. At start the system grants authorization, reports status 0 (or
+      --status) and has no badge error. It remembers the answer to "RequestAuthorization":
+      a grant makes the status 2 (authorized), or 3 (provisional) when the provisional
+      option was asked for; a refusal makes it 1 (denied); an error leaves it unchanged.
+  {"push": PAYLOAD, "app": STATE, "tap": ACTION}
+      Waits until every earlier call has been answered, then delivers the remote
+      notification PAYLOAD (a JSON object) the way the system does (see "Push rules"): it
+      writes a "system" line, then runs the application callbacks the system makes, each
+      call answered before the next. STATE is "foreground" (default), "background" or
+      "notRunning". ACTION is absent when the user leaves the notification alone, true for
+      a plain tap (the action "com.apple.UNNotificationDefaultActionIdentifier"), or a
+      custom action identifier. The calls the callbacks make are numbered like "call"
+      commands. A "Simulator Target Bundle" member is taken out of PAYLOAD and must name
+      this application.
   {"inspect": "platform"}
       Waits until every earlier call has been answered, then writes
       {"platform":{"authorizationOptions":MASK|null,"badgeCount":INT|null,
       "registrations":INT}}: the last option mask and badge count that reached the
       notification center, and how many remote-notification registrations ran on the main
       thread.
+
+Push rules (what the simulated system does with a push):
+  - The payload must be a JSON object whose "aps", when present, is an object, and its
+    compact JSON ("/" not escaped) at most 4096 bytes; otherwise nothing is delivered and
+    the line is refused. A "Simulator Target Bundle" must equal the application's bundle
+    identifier: the profile's "application-identifier" without its team prefix (any target
+    is accepted when the bundle has no profile).
+  - Content from "aps": "alert" as text is the body; as an object its "title", "subtitle",
+    "body" and "launch-image"; a "title-loc-key", "subtitle-loc-key" or "loc-key" is used
+    as the format of its text, as when the application has no translation for it: "%@"
+    takes the next of its "-args", "%n$@" the n-th; a placeholder without an argument is
+    empty, extra arguments are ignored. "badge" (a number) is the badge; "sound" (text, or
+    an object's "name") the sound; "category", "thread-id", "target-content-id" their
+    fields; "interruption-level" passive, active, time-sensitive or critical (absent or
+    unknown: active); "relevance-score" (absent: 0). The user info is the whole payload.
+  - A payload is visible when "aps" has "alert", "badge" or "sound"; any other is silent:
+    never shown, and nothing reaches the plug-in (waking the app for a background fetch is
+    outside this add-on).
+  - A visible notification is shown only while the authorization status is 2, 3 or 4
+    (authorized, provisional, ephemeral); then the system also sets the badge count to its
+    "badge". Otherwise nothing is shown and nothing reaches the plug-in.
+  - Foreground: the delegate's willPresent maps the content and calls
+    "NotifyWillPresentNotification"; its reply's presentation options decide the banner,
+    and the add-on answers none, so nothing appears on screen. A tap then runs
+    didReceiveResponse: "NotifyDidReceiveResponse" with the action identifier.
+  - Background: the notification waits in the notification centre; only a tap reaches
+    the plug-in, through didReceiveResponse.
+  - Not running: only a tap reaches the plug-in: the application launches
+    (didFinishLaunching: the launch code hands the payload to the cold-start buffer, as
+    "launch" does), then didReceiveResponse runs.
 
 Output:
   {"id":N,"reply":REPLY}          a call's reply text, as the plug-in gave it
@@ -71,12 +126,20 @@ Output:
                                   object, not a command, or a field of the wrong type;
                                   the session goes on with the next line
   {"platform":{...}}              the answer to {"inspect": "platform"}
+  {"system":{...}}                what the simulated system did with a push, before the
+                                  calls it causes: "app" (the state), "visible" (false:
+                                  silent), "shown", "reason" (why nothing reached the
+                                  application: "silent", "not authorized", "not tapped",
+                                  "not running"; null when a callback ran), "badge" (the
+                                  badge count the system set, or null), "tap" (the action
+                                  the user took, or null), "callbacks" (in order, from
+                                  "didFinishLaunching", "willPresent", "didReceiveResponse")
   {"command":C} {"comment":T}     echoed input (--echo, --demo)
 
 Exit status (once every call has been answered at the end of the input):
   0  every line was accepted
   1  a line was refused
-  2  the script cannot be read, or an option is wrong
+  2  the script or a --push file cannot be read or is refused, or an option is wrong
 )";
 
 // The options that take a value.
