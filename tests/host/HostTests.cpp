@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -117,6 +119,8 @@ TEST(Host, ExitStatusSaysWhetherEveryLineWasAccepted) {
         // An error reply is an answer, not a refused line.
         {{}, "{\"call\":\"GetToken\"}\n{\"cancel\":1}", 0, ""},
         {{}, "not json\n", 1, ""},
+        // An endless line is refused without being held; the session goes on.
+        {{}, std::string((1 << 20) + 1, ' ') + "\n{\"call\":\"GetToken\"}", 1, ""},
         // A script, and --push files, replace standard input.
         {{"--script", (kScripts / "launch.jsonl").string()}, "not json\n", 0, ""},
         {{"--push", pushes + "order-shipped.apns"}, "not json\n", 0, ""},
@@ -150,6 +154,28 @@ TEST(Host, ExitStatusSaysWhetherEveryLineWasAccepted) {
             EXPECT_TRUE(result.lines.empty());
         }
     }
+}
+
+// Input that cannot be read and output that cannot be written end the host with status 2 and
+// say why, instead of losing replies silently.
+TEST(Host, ReadAndWriteErrorsExitWithTwo) {
+    const std::string host = NIMBORRA_APNS_HOST;
+    const std::string errors =
+        fs::temp_directory_path() / ("apns-host-errors-" + std::to_string(getpid()));
+    const std::pair<std::string, std::string> rows[] = {
+        {host + " < /", "reading standard input failed: Is a directory"},
+        {"echo '{\"call\":\"GetToken\"}' | " + host + " > /dev/full",
+         "writing standard output failed: No space left on device"},
+        {"echo '{\"call\":\"GetToken\"}' | " + host + " >&-",
+         "writing standard output failed: Bad file descriptor"},
+    };
+    for (const auto& [command, message] : rows) {
+        SCOPED_TRACE(command);
+        const int status = std::system((command + " 2>" + errors).c_str());
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << status;
+        EXPECT_NE(readFile(errors).find(message), std::string::npos) << readFile(errors);
+    }
+    fs::remove(errors);
 }
 
 // Every sample payload is delivered, except the one over the size limit.

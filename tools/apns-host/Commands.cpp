@@ -77,6 +77,8 @@ std::optional<platform::NSError> readError(const Value& value) {
     return platform::NSError{*domain->text(), *code->integer()};
 }
 
+Refusal convertLaunchMembers(const Dictionary& object, Dictionary& converted);
+
 // Turns the "$data" and "$date" forms inside a launch payload into byte data and dates, at
 // every depth.
 Refusal convertLaunchValue(Value& value) {
@@ -109,13 +111,8 @@ Refusal convertLaunchValue(Value& value) {
             }
         }
         Dictionary converted;
-        converted.reserve(object->size());
-        for (const auto& [key, member] : *object) {
-            Value copy = member;
-            if (auto refusal = convertLaunchValue(copy)) {
-                return refusal;
-            }
-            converted.set(key, std::move(copy));
+        if (auto refusal = convertLaunchMembers(*object, converted)) {
+            return refusal;
         }
         value = Value(std::move(converted));
         return std::nullopt;
@@ -126,6 +123,19 @@ Refusal convertLaunchValue(Value& value) {
                 return refusal;
             }
         }
+    }
+    return std::nullopt;
+}
+
+// The members of `object`, each converted as above, into `converted`.
+Refusal convertLaunchMembers(const Dictionary& object, Dictionary& converted) {
+    converted.reserve(object.size());
+    for (const auto& [key, member] : object) {
+        Value copy = member;
+        if (auto refusal = convertLaunchValue(copy)) {
+            return refusal;
+        }
+        converted.set(key, std::move(copy));
     }
     return std::nullopt;
 }
@@ -181,15 +191,13 @@ Refusal readLaunch(const Dictionary& object, LaunchCommand& launch) {
     if (auto refusal = onlyMembers(object, {"launch"}, "a launch command")) {
         return refusal;
     }
-    Value payload = *object.find("launch");
-    if (payload.dictionary() == nullptr) {
+    const Dictionary* payload = object.find("launch")->dictionary();
+    if (payload == nullptr) {
         return std::string("\"launch\" must be an object (the launch notification's payload)");
     }
-    if (auto refusal = convertLaunchValue(payload)) {
-        return refusal;
-    }
-    launch.payload = std::move(*payload.dictionary());
-    return std::nullopt;
+    // The payload itself is always a dictionary: only the values inside it can stand for byte
+    // data or dates, so {"$date": 0} at the top is a payload with a member named "$date".
+    return convertLaunchMembers(*payload, launch.payload);
 }
 
 Refusal readAuthorization(const Value& value, AuthorizationAnswer& answer) {

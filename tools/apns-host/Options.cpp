@@ -14,7 +14,10 @@ Plays an application that loads the "ApnsService" push-notification plug-in, the
 system underneath it and the far side of the bridge. Commands are read as JSON Lines, one
 JSON object per line, from standard input (or --script FILE); everything the host reports
 is written to standard output as JSON Lines, one object per line, flushed per line. Blank
-lines and lines whose first non-blank character is "#" are skipped.
+lines and lines whose first non-blank character is "#" are skipped. A line longer than
+1048576 bytes is refused unread. At most 1024 calls (holding at most 4 MiB of payload) wait
+for their reply at a time; reading pauses until earlier calls are answered, so the host's
+memory stays bounded however long the input and however slowly the output is read.
 
 Options:
   --script FILE      read the commands from FILE instead of standard input
@@ -56,9 +59,9 @@ Commands:
       Cancels the bridge call with callback identifier N. Writes nothing.
   {"launch": O}
       Waits until every earlier call has been answered, then hands the object O to the
-      application's launch hook as the launch notification's payload. Inside O,
-      {"$data": BASE64} stands for byte data and {"$date": SECONDS} for a date (seconds
-      since 1970). Writes nothing.
+      application's launch hook as the launch notification's payload. Inside O (not O
+      itself, which is always the payload), {"$data": BASE64} stands for byte data and
+      {"$date": SECONDS} for a date (seconds since 1970). Writes nothing.
   {"platform": S}
       Waits until every earlier call has been answered, then changes the simulated system
       for later calls. S may hold:
@@ -122,9 +125,9 @@ Output:
   {"id":N,"reply":REPLY}          a call's reply text, as the plug-in gave it
   {"event":NAME,"payload":P}      a bridge event, written when it is emitted, so an event
                                   emitted by a call comes before that call's reply
-  {"error":TEXT,"line":N}         input line N (counting from 1) was refused: not a JSON
-                                  object, not a command, or a field of the wrong type;
-                                  the session goes on with the next line
+  {"error":TEXT,"line":N}         input line N (counting from 1) was refused: too long,
+                                  not a JSON object, not a command, or a field of the wrong
+                                  type; the session goes on with the next line
   {"platform":{...}}              the answer to {"inspect": "platform"}
   {"system":{...}}                what the simulated system did with a push, before the
                                   calls it causes: "app" (the state), "visible" (false:
@@ -134,12 +137,16 @@ Output:
                                   badge count the system set, or null), "tap" (the action
                                   the user took, or null), "callbacks" (in order, from
                                   "didFinishLaunching", "willPresent", "didReceiveResponse")
-  {"command":C} {"comment":T}     echoed input (--echo, --demo)
+  {"command":C} {"comment":T}     echoed input (--echo, --demo); a line that is not JSON is
+                                  echoed as a string, bytes that are not UTF-8 replaced
+                                  by U+FFFD
 
 Exit status (once every call has been answered at the end of the input):
   0  every line was accepted
   1  a line was refused
-  2  the script or a --push file cannot be read or is refused, or an option is wrong
+  2  the script, standard input or a --push file cannot be read (or a file is refused),
+     standard output cannot be written, or an option is wrong; one line on standard
+     error says why
 )";
 
 // The options that take a value.

@@ -6,6 +6,7 @@
 // under one lock and flushes each line before the next is written.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -27,12 +28,18 @@ class OutputWriter {
     OutputWriter(const OutputWriter&) = delete;
     OutputWriter& operator=(const OutputWriter&) = delete;
 
-    // Writes `line` and a line break as one unit, then flushes. Any thread; never throws.
+    // Writes `line` and a line break as one unit, then flushes. Any thread; never throws. After
+    // the first failed write nothing more is written.
     void writeLine(std::string_view line) noexcept;
+
+    // Whether a write has failed, and its errno value (0 while none has).
+    bool failed() const noexcept { return error_.load() != 0; }
+    int error() const noexcept { return error_.load(); }
 
   private:
     std::mutex mutex_;
     std::FILE* const stream_;
+    std::atomic<int> error_{0};
 };
 
 // The output lines. Texts that are already JSON (replies, event payloads) are spliced in byte
@@ -51,9 +58,10 @@ std::string platformLine(std::optional<std::uint64_t> authorizationOptions,
 // "tap":ACTION|null,"callbacks":[NAME...]}}: what the simulated system did with a push.
 std::string systemLine(platform::ApplicationState app,
                        const platform::RemoteNotificationDelivery& delivery);
-// {"command":COMMAND}: the command as compact JSON, or as a JSON string when it has none.
+// {"command":COMMAND}: the command as compact JSON, or as a JSON string when it has none (bytes
+// that are not UTF-8 replaced by U+FFFD, so that the line stays JSON).
 std::string commandLine(const std::optional<platform::Value>& json, std::string_view rawLine);
-// {"comment":TEXT}
+// {"comment":TEXT}, with bytes that are not UTF-8 replaced by U+FFFD.
 std::string commentLine(std::string_view text);
 
 // Sends the process's log records to `stream` (standard error), one flushed line each.

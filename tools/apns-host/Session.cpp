@@ -16,19 +16,30 @@ namespace nimborra::host {
 Session::Session(OutputWriter& output, std::shared_ptr<core::OrraPlugin> plugin, bool echo)
     : output_(output), plugin_(std::move(plugin)), echo_(echo) {}
 
-SessionStatus Session::run(std::istream& input) {
+SessionStatus Session::run(LineReader& input) {
     bool refused = false;
     std::size_t lineNumber = 0;
-    std::string line;
-    while (std::getline(input, line)) {
+    while (!output_.failed()) {
+        LineReader::Line line = input.next();
+        if (line.kind == LineReader::Line::Kind::end) {
+            break;
+        }
+        if (line.kind == LineReader::Line::Kind::failed) {
+            readError_ = line.error;
+            break;
+        }
         ++lineNumber;
-        if (!runLine(line, lineNumber)) {
+        if (line.kind == LineReader::Line::Kind::tooLong) {
+            output_.writeLine(refusalLine(
+                "line longer than " + std::to_string(LineReader::maximumLineLength) + " bytes",
+                lineNumber));
+            refused = true;
+        } else if (!runLine(line.text, lineNumber)) {
             refused = true;
         }
     }
-    const bool unreadable = input.bad();
     waitForReplies();
-    if (unreadable) {
+    if (readError_ != 0 || output_.failed()) {
         return SessionStatus::unreadable;
     }
     return refused ? SessionStatus::refused : SessionStatus::accepted;
@@ -90,18 +101,25 @@ void Session::call(const CallCommand& command) {
         output_.writeLine(replyLine(id, plugin_->callSync(command.method, command.payload)));
         return;
     }
+    const std::size_t bytes = command.payload.size();
     {
-        const std::lock_guard lock(mutex_);
+        // Wait for room; a call larger than the byte limit goes alone.
+        std::unique_lock lock(mutex_);
+        answered_.wait(lock, [this, bytes] {
+            return outstanding_ == 0 || (outstanding_ < maximumUnansweredCalls &&
+                                         outstandingBytes_ + bytes <= maximumUnansweredBytes);
+        });
         ++outstanding_;
+        outstandingBytes_ += bytes;
     }
-    plugin_->callAsync(command.method, command.payload, [this, id](std::string reply) {
+    plugin_->callAsync(command.method, command.payload, [this, id, bytes](std::string reply) {
         output_.writeLine(replyLine(id, reply));
         // Notified under the lock: once a waiter sees the count reach zero, this callback no
         // longer touches the session.
         const std::lock_guard lock(mutex_);
-        if (--outstanding_ == 0) {
-            answered_.notify_all();
-        }
+        --outstanding_;
+        outstandingBytes_ -= bytes;
+        answered_.notify_all();
     });
 }
 

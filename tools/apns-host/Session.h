@@ -7,17 +7,22 @@
 // is guarded by a lock, which is how "launch", "platform" and "inspect" wait for every earlier
 // call. The session must outlive every call it started: run() returns only when all of them have
 // been answered.
+//
+// Memory: at most maximumUnansweredCalls calls, holding at most maximumUnansweredBytes of payload
+// between them, wait for their reply at any time; a call beyond that waits (and with it the
+// reading of further input) until earlier ones are answered, so a fast input or a stalled reader
+// of the output cannot make the host grow.
 #pragma once
 
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <istream>
 #include <memory>
 #include <mutex>
 #include <string_view>
 
 #include "Commands.h"
+#include "LineReader.h"
 #include "NimbOrraCore/OrraPlugin.h"
 #include "Output.h"
 
@@ -29,7 +34,7 @@ enum class SessionStatus {
     accepted = 0,
     // At least one line was refused.
     refused = 1,
-    // The input could not be read.
+    // The input could not be read, or the output could not be written.
     unreadable = 2,
 };
 
@@ -41,8 +46,15 @@ class Session {
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Runs every line of `input`, then waits until every call has been answered.
-    SessionStatus run(std::istream& input);
+    static constexpr std::size_t maximumUnansweredCalls = 1024;
+    static constexpr std::size_t maximumUnansweredBytes = std::size_t{4} << 20;
+
+    // Runs every line of `input`, then waits until every call has been answered. Stops reading
+    // at a read error (reported as readError()) or once the output has failed.
+    SessionStatus run(LineReader& input);
+
+    // The errno value of the read error that ended run(), or 0.
+    int readError() const { return readError_; }
 
     // Runs one line, numbered from 1 in its input. False when the line was refused.
     bool runLine(std::string_view line, std::size_t lineNumber);
@@ -66,11 +78,14 @@ class Session {
     const bool echo_;
     // Accepted call and callSync commands so far: the default "id". Reading thread only.
     std::int64_t callCount_ = 0;
+    int readError_ = 0;
 
     std::mutex mutex_;
     std::condition_variable answered_;
-    // Asynchronous calls whose reply has not been written yet; guarded by mutex_.
+    // Asynchronous calls whose reply has not been written yet, and the size of their payloads;
+    // guarded by mutex_. answered_ is notified whenever a reply has been written.
     std::size_t outstanding_ = 0;
+    std::size_t outstandingBytes_ = 0;
 };
 
 }  // namespace nimborra::host

@@ -6,24 +6,28 @@
 // the session lasts, as an application's main thread does; a second thread reads and runs the
 // commands and stops the main loop once every call has been answered.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <variant>
 #include <vector>
 
 #include "AppDelegate.h"
 #include "Commands.h"
 #include "DemoScript.h"
+#include "LineReader.h"
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
 #include "NimbOrraPlatform/Bundle.h"
 #include "NimbOrraPlatform/DispatchQueue.h"
@@ -47,28 +51,43 @@ int fail(const std::string& message) {
     return kStatusBadInvocation;
 }
 
-// Opens the session's input: the demo, the script file or standard input.
+// The session's input: the demo, the script file or standard input.
 struct Input {
-    std::unique_ptr<std::istream> owned;
-    std::istream* stream = nullptr;
+    std::unique_ptr<host::LineReader> reader;
+    // The script's descriptor, closed with the input.
+    int fd = -1;
+    std::string name = "standard input";
+
+    Input() = default;
+    Input(Input&& other) noexcept
+        : reader(std::move(other.reader)), fd(std::exchange(other.fd, -1)), name(other.name) {}
+    Input& operator=(Input&&) = delete;
+    ~Input() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
 };
 
 std::variant<Input, std::string> openInput(const host::HostOptions& options) {
     Input input;
     if (options.demo) {
-        input.owned = std::make_unique<std::istringstream>(std::string(host::demoScript()));
+        input.reader = std::make_unique<host::LineReader>(host::demoScript());
+        input.name = "the demo";
     } else if (options.script) {
         std::error_code error;
         if (std::filesystem::is_directory(*options.script, error)) {
             return "cannot read script " + options.script->string() + ": it is a directory";
         }
-        auto file = std::make_unique<std::ifstream>(*options.script, std::ios::binary);
-        if (!*file) {
+        input.fd = ::open(options.script->c_str(), O_RDONLY | O_CLOEXEC);
+        if (input.fd < 0) {
             return "cannot read script " + options.script->string() + ": " + std::strerror(errno);
         }
-        input.owned = std::move(file);
+        input.reader = std::make_unique<host::LineReader>(input.fd);
+        input.name = "script " + options.script->string();
+    } else {
+        input.reader = std::make_unique<host::LineReader>(STDIN_FILENO);
     }
-    input.stream = input.owned ? input.owned.get() : &std::cin;
     return input;
 }
 
@@ -171,7 +190,7 @@ int runHost(const host::HostOptions& options) {
     host::SessionStatus status = host::SessionStatus::accepted;
     std::thread reader([&] {
         if (pushes.empty()) {
-            status = session.run(*input.stream);
+            status = session.run(*input.reader);
         } else {
             // Standard input is not read: the files are the whole session.
             for (std::size_t index = 0; index < pushes.size(); ++index) {
@@ -187,8 +206,12 @@ int runHost(const host::HostOptions& options) {
     // Nothing may reach this function's objects once it returns.
     dispatcher.unsubscribe(subscription);
     platform::setLogSink({});
-    if (status == host::SessionStatus::unreadable) {
-        std::fprintf(stderr, "apns-host: reading the commands failed\n");
+    if (session.readError() != 0) {
+        return fail("reading " + input.name + " failed: " + std::strerror(session.readError()));
+    }
+    if (output.failed()) {
+        return fail(std::string("writing standard output failed: ") +
+                    std::strerror(output.error()));
     }
     return static_cast<int>(status);
 }
@@ -196,6 +219,8 @@ int runHost(const host::HostOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A reader that goes away is a write error to report, not a reason to die silently.
+    std::signal(SIGPIPE, SIG_IGN);
     try {
         const std::vector<std::string_view> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
         const auto parsed = nimborra::host::parseOptions(arguments);
