@@ -71,6 +71,62 @@ class ParserLease {
 
 thread_local bool ParserLease::threadParserTaken = false;
 
+// Whether `token` is an integer in JSON's grammar that no 64-bit integer holds: above the
+// unsigned maximum, or below the signed minimum.
+bool isBigInteger(std::string_view token) {
+    const bool negative = token.starts_with('-');
+    const std::string_view digits = token.substr(negative ? 1 : 0);
+    if (digits.empty() || (digits[0] == '0' && digits.size() > 1) ||
+        digits.find_first_not_of("0123456789") != std::string_view::npos) {
+        return false;
+    }
+    const std::string_view largest = negative ? "9223372036854775808" : "18446744073709551615";
+    return digits.size() > largest.size() || (digits.size() == largest.size() && digits > largest);
+}
+
+// `text` with an exponent ("e0") after every integer that no 64-bit integer holds, so that
+// simdjson, which refuses such integers, reads them as floating-point numbers (the nearest
+// double); nothing when there is no such integer. The scan skips strings and takes each run of
+// number characters outside them as one token; only a run that is an integer by JSON's grammar
+// changes, into a number that is just as valid in the same place. So a valid text stays valid,
+// and one that is not valid stays so.
+std::optional<std::string> withBigIntegersAsReals(std::string_view text) {
+    constexpr std::string_view numberCharacters = "0123456789+-.eE";
+    std::string rewritten;
+    bool changed = false;
+    std::size_t copied = 0;
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const char c = text[i];
+        if (c == '"') {
+            for (++i; i < text.size() && text[i] != '"'; ++i) {
+                if (text[i] == '\\') {
+                    ++i;
+                }
+            }
+            ++i;
+        } else if (c == '-' || (c >= '0' && c <= '9')) {
+            const std::size_t start = i;
+            while (i < text.size() && numberCharacters.find(text[i]) != std::string_view::npos) {
+                ++i;
+            }
+            if (isBigInteger(text.substr(start, i - start))) {
+                rewritten.append(text.substr(copied, i - copied));
+                rewritten.append("e0");
+                copied = i;
+                changed = true;
+            }
+        } else {
+            ++i;
+        }
+    }
+    if (!changed) {
+        return std::nullopt;
+    }
+    rewritten.append(text.substr(copied));
+    return rewritten;
+}
+
 // Parses `text` with the reading rules of jsonObject; on success `root` is the top-level value.
 bool parseText(simdjson::dom::parser& parser, std::string_view text, bool fragmentsAllowed,
                std::string* error, simdjson::dom::element& root) {
@@ -88,6 +144,17 @@ bool parseText(simdjson::dom::parser& parser, std::string_view text, bool fragme
             return false;
         }
         auto status = parser.parse(text.data(), text.size()).get(root);
+        if (status != simdjson::SUCCESS) {
+            // Every valid JSON number is read: one that no 64-bit integer holds as a double.
+            // (simdjson's error code for those integers differs between versions; a text
+            // without them costs one more scan on its way to being refused.)
+            if (const auto rewritten = withBigIntegersAsReals(text)) {
+                if (parser.parse(rewritten->data(), rewritten->size()).get(root) ==
+                    simdjson::SUCCESS) {
+                    status = simdjson::SUCCESS;
+                }
+            }
+        }
         if (status != simdjson::SUCCESS) {
             setError(simdjson::error_message(status));
             return false;
