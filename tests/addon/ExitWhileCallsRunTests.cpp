@@ -1,0 +1,99 @@
+// A host may return from main while plug-in calls are still running: static destruction then
+// runs beside the plug-in's thread, which must not touch anything it destroys. The child keeps
+// calls and JSON work going on several threads without pause and exits in the middle of them,
+// so that static destruction overlaps that work in (nearly) every run.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <semaphore>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "NimbOrraCore/OrraBridgeDispatcher.h"
+#include "NimbOrraCore/OrraJSONCoding.h"
+#include "NimbOrraPlatform/JSONSerialization.h"
+#include "NimbOrraPushAddonApns/ApnsNotification.h"
+#include "NimbOrraPushAddonApns/ApnsServiceNativeAdapterDefault.h"
+
+extern char** environ;
+
+namespace nimborra::apns {
+namespace {
+
+constexpr char kChildVariable[] = "NIMBORRA_EXIT_WHILE_CALLS_RUN_CHILD";
+
+TEST(ExitWhileCallsRun, Child) {
+    if (std::getenv(kChildVariable) == nullptr) {
+        GTEST_SKIP() << "runs only as the child of ExitWhileCallsRun.NeverAborts";
+    }
+    // Texts long and non-ASCII enough to take every path of the reader and the validator.
+    ApnsNotification notification;
+    notification.title = std::string(100, 'a') + "\xc3\xa9";
+    notification.userInfoJson = R"({"k":")" + notification.title + R"(","n":[1,2.5,true]})";
+    const std::string payload = R"({"notification":)" +
+                                core::OrraJSONCoding::makeEncoder().encode(notification).value() +
+                                "}";
+    ::Nimb_Orra_ApnsService_Register();
+    auto plugin = core::OrraBridgeDispatcher::shared().plugin("ApnsService");
+    ASSERT_NE(plugin, nullptr);
+    for (int t = 0; t < 3; ++t) {
+        std::thread([plugin, payload, t] {
+            std::binary_semaphore answered{0};
+            for (;;) {
+                if (t == 0) {  // JSON work on fresh threads, as a host's would be
+                    std::thread([&payload] {
+                        (void)platform::JSONSerialization::jsonObject(payload);
+                    }).join();
+                    continue;
+                }
+                plugin->callAsync(t == 1 ? "NotifyWillPresentNotification" : "GetToken", payload,
+                                  [&answered](std::string) { answered.release(); });
+                answered.acquire();
+            }
+        }).detach();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::exit(0);
+}
+
+TEST(ExitWhileCallsRun, NeverAborts) {
+    std::vector<std::string> environment(
+        environ, environ + [] {
+            std::size_t count = 0;
+            while (environ[count] != nullptr) {
+                ++count;
+            }
+            return count;
+        }());
+    environment.push_back(std::string(kChildVariable) + "=1");
+    environment.push_back("ASAN_OPTIONS=detect_leaks=0");
+    std::vector<char*> envp;
+    for (auto& entry : environment) {
+        envp.push_back(entry.data());
+    }
+    envp.push_back(nullptr);
+    std::string program = "/proc/self/exe";
+    std::string filter = "--gtest_filter=ExitWhileCallsRun.Child";
+    char* argv[] = {program.data(), filter.data(), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    for (int run = 0; run < 20; ++run) {
+        pid_t child = 0;
+        ASSERT_EQ(posix_spawn(&child, program.c_str(), &actions, nullptr, argv, envp.data()), 0);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << "run " << run << ": wait status " << status;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+}
+
+}  // namespace
+}  // namespace nimborra::apns
