@@ -76,9 +76,11 @@ class NIMBORRA_CORE_EXPORT OrraBridgeDispatcher {
     void emitEvent(std::string name, std::string payload);
 
     // Adds a listener and returns its subscription. If events were kept while nobody listened,
-    // they are delivered to this first listener alone, in order, on this thread before subscribe
-    // returns (the listener may then be called before it learns its subscription). An empty
-    // function is refused: the answer is 0 and nothing is subscribed.
+    // they are delivered to this first listener alone (to every listener once it has left), in
+    // order, on this thread before subscribe returns (the listener may then be called before it
+    // learns its subscription); should another thread still be handing kept events over, that
+    // thread delivers them instead. An empty function is refused: the answer is 0 and nothing
+    // is subscribed.
     SubscriptionId subscribe(OrraEventListener listener);
 
     // Ends a subscription; unknown identifiers are ignored. From then on no delivery calls the
