@@ -74,9 +74,16 @@ std::optional<std::string> ApnsEntitlementReader::readApsEnvironment() const {
         if (!url) {
             return "production";
         }
-        const auto bytes = platform::Bundle::contentsOfFile(*url);
+        // The property-list size limit applies to the whole profile, so a huge file costs no
+        // more than the limit: one longer than that answers like a property list over the
+        // limit does, with nothing.
+        constexpr std::size_t limit = platform::PropertyListSerialization::maximumLength;
+        const auto bytes = platform::Bundle::contentsOfFile(*url, limit);
         if (!bytes) {
             return "production";
+        }
+        if (bytes->size() > limit) {
+            return std::nullopt;
         }
         const auto entitlements = extractEntitlements(*bytes);
         if (!entitlements || entitlements->empty()) {

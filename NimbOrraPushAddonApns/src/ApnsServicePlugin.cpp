@@ -1,6 +1,8 @@
 #include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
 
 #include <exception>
+#include <functional>
+#include <memory>
 #include <utility>
 
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
@@ -43,6 +45,10 @@ ApnsServicePlugin::ApnsServicePlugin(std::shared_ptr<ApnsServiceNativeAdapter> a
 ApnsServicePlugin::~ApnsServicePlugin() = default;
 
 void ApnsServicePlugin::registerPlugin(std::shared_ptr<ApnsServiceNativeAdapter> adapter) {
+    if (!adapter) {
+        apnsLogger().error("ApnsService registration refused: no adapter");
+        return;
+    }
     try {
         auto& dispatcher = core::OrraBridgeDispatcher::shared();
         auto queue = std::make_shared<platform::DispatchQueue>(
@@ -63,7 +69,9 @@ std::string ApnsServicePlugin::callSync(std::string_view, std::string_view) {
 
 void ApnsServicePlugin::cancel(std::int64_t callbackId) {
     try {
-        adapter_->onCancel(callbackId);
+        if (adapter_) {
+            adapter_->onCancel(callbackId);
+        }
     } catch (...) {
         apnsLogger().error("ApnsService cancel: the adapter threw");
     }
@@ -71,6 +79,9 @@ void ApnsServicePlugin::cancel(std::int64_t callbackId) {
 
 std::string ApnsServicePlugin::handle(std::string_view method, std::string_view payload) {
     using A = ApnsServiceNativeAdapter;
+    if (!adapter_) {
+        return ApnsOutcomeEnvelope::errorReply("INTERNAL", "ApnsService has no adapter");
+    }
     A& adapter = *adapter_;
     try {
         // The method table, tested in this order; the first equal name wins.
@@ -108,36 +119,64 @@ std::string ApnsServicePlugin::handle(std::string_view method, std::string_view 
     }
 }
 
+namespace {
+
+// One call on its way through the queue.
+struct PendingCall {
+    std::string method;
+    std::string payload;
+    core::OrraCompletion onComplete;
+};
+
+// Hands `reply` to the caller's callback; a callback that throws is logged, never propagated.
+void answer(core::OrraCompletion& onComplete, std::string reply) noexcept {
+    try {
+        if (onComplete) {
+            onComplete(std::move(reply));
+        }
+    } catch (...) {
+        apnsLogger().error("ApnsService: a completion callback threw");
+    }
+}
+
+}  // namespace
+
 void ApnsServicePlugin::callAsync(std::string method, std::string payload,
                                   core::OrraCompletion onComplete) {
+    // Everything that can fail is made before the callback moves into the work item, so that on
+    // any failure the callback is still here to answer with.
+    PendingCall* pending = nullptr;
+    std::function<void()> work;
     try {
-        queue_->async([self = shared_from_this(), method = std::move(method),
-                       payload = std::move(payload), onComplete = std::move(onComplete)]() mutable {
+        auto self = shared_from_this();
+        auto call = std::make_shared<PendingCall>();
+        pending = call.get();
+        work = [self = std::move(self), call = std::move(call)]() {
             std::string reply;
             try {
-                reply = self->handle(method, payload);
+                reply = self->handle(call->method, call->payload);
             } catch (...) {
                 reply = std::string(ApnsOutcomeEnvelope::serialisationFallback);
             }
             // The reply first; the callback, the texts and the plug-in are released when the
             // work item ends, after it.
-            try {
-                if (onComplete) {
-                    onComplete(std::move(reply));
-                }
-            } catch (...) {
-                apnsLogger().error("ApnsService: a completion callback threw");
-            }
-        });
+            answer(call->onComplete, std::move(reply));
+        };
     } catch (...) {
-        // Submitting failed (out of memory, or the plug-in is not owned by a shared_ptr):
-        // answer here rather than never.
-        try {
-            if (onComplete) {
-                onComplete(std::string(ApnsOutcomeEnvelope::serialisationFallback));
-            }
-        } catch (...) {
-        }
+        // Out of memory, or the plug-in is not owned by a shared_ptr.
+        apnsLogger().error("ApnsService: could not prepare a call; answered with the fall-back");
+        answer(onComplete, std::string(ApnsOutcomeEnvelope::serialisationFallback));
+        return;
+    }
+    // `work` owns the call from here on; `pending` stays valid while `work` is ours.
+    pending->method = std::move(method);
+    pending->payload = std::move(payload);
+    pending->onComplete = std::move(onComplete);
+    if (!queue_ || !queue_->async(std::move(work))) {
+        // The queue cannot run it (its thread could not start, memory ran out): answer here
+        // rather than never. The queue left `work`, and with it the call, untouched.
+        apnsLogger().error("ApnsService: the queue refused a call; answered with the fall-back");
+        answer(pending->onComplete, std::string(ApnsOutcomeEnvelope::serialisationFallback));
     }
 }
 

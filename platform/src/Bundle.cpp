@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -92,7 +94,15 @@ std::optional<std::filesystem::path> Bundle::urlForResource(
 
 std::optional<std::vector<std::uint8_t>> Bundle::contentsOfFile(
     const std::filesystem::path& path) noexcept {
+    return contentsOfFile(path, std::numeric_limits<std::size_t>::max() - 1);
+}
+
+std::optional<std::vector<std::uint8_t>> Bundle::contentsOfFile(
+    const std::filesystem::path& path, std::size_t maximumLength) noexcept {
     try {
+        const std::size_t readLimit = maximumLength < std::numeric_limits<std::size_t>::max()
+                                          ? maximumLength + 1
+                                          : maximumLength;
         // O_NONBLOCK keeps the open from waiting on a pipe with no writer; it means nothing for
         // the regular files that are actually read.
         const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -104,11 +114,13 @@ std::optional<std::vector<std::uint8_t>> Bundle::contentsOfFile(
             return std::nullopt;
         }
         std::vector<std::uint8_t> bytes;
-        bytes.reserve(static_cast<std::size_t>(status.st_size));
-        // Read until the end rather than trusting the size: the file may change meanwhile.
+        bytes.reserve(std::min(static_cast<std::size_t>(status.st_size), readLimit));
+        // Read until the end (or the limit) rather than trusting the size: the file may change
+        // meanwhile.
         std::uint8_t buffer[64 * 1024];
-        while (true) {
-            const ssize_t count = ::read(file.get(), buffer, sizeof buffer);
+        while (bytes.size() < readLimit) {
+            const std::size_t wanted = std::min(sizeof buffer, readLimit - bytes.size());
+            const ssize_t count = ::read(file.get(), buffer, wanted);
             if (count < 0) {
                 if (errno == EINTR) {
                     continue;

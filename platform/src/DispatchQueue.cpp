@@ -40,6 +40,8 @@ struct DispatchQueue::State {
     const std::string label;
     const DispatchQoS qos;
     const bool isMain;
+    // False once the worker thread could not be started: nothing would ever run an item.
+    bool accepting = true;  // set before the queue is shared
 
     std::mutex mutex;
     std::condition_variable wake;
@@ -91,11 +93,21 @@ DispatchQueue::DispatchQueue(std::string label, DispatchQoS qos)
     try {
         worker_ = std::thread(&DispatchQueue::runWorker, state_);
     } catch (const std::system_error& error) {
+        state_->accepting = false;
         dispatchLogger().error([&] {
             return "Could not start the worker thread of queue \"" + state_->label +
                    "\": " + error.what();
         });
     }
+}
+
+DispatchQueue::DispatchQueue(std::string label, RefusingTag)
+    : state_(std::make_shared<State>(std::move(label), DispatchQoS::unspecified, false)) {
+    state_->accepting = false;
+}
+
+std::shared_ptr<DispatchQueue> DispatchQueue::makeRefusingForTesting(std::string label) {
+    return std::shared_ptr<DispatchQueue>(new DispatchQueue(std::move(label), RefusingTag{}));
 }
 
 DispatchQueue::DispatchQueue(MainQueueTag)
@@ -128,19 +140,27 @@ DispatchQoS DispatchQueue::qos() const {
     return state_->qos;
 }
 
-void DispatchQueue::async(std::function<void()> work) {
+bool DispatchQueue::async(std::function<void()>&& work) {
     if (!work) {
-        return;
+        return true;
     }
+    bool taken = false;
     try {
         std::lock_guard lock(state_->mutex);
-        state_->items.push_back(std::move(work));
+        if (state_->accepting) {
+            // On failure push_back changes nothing, so `work` stays with the caller.
+            state_->items.push_back(std::move(work));
+            taken = true;
+        }
     } catch (...) {
+    }
+    if (!taken) {
         dispatchLogger().error(
-            [&] { return "Could not submit a work item to queue \"" + state_->label + "\""; });
-        return;
+            [&] { return "Queue \"" + state_->label + "\" could not take a work item"; });
+        return false;
     }
     state_->wake.notify_one();
+    return true;
 }
 
 bool DispatchQueue::isCurrent() const {

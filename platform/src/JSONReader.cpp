@@ -5,6 +5,7 @@
 
 #include <bit>
 #include <cstdint>
+#include <new>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -17,6 +18,63 @@ namespace {
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
+// simdjson's kernel for this processor (the code specialised for its instruction set), made here
+// and never destroyed.
+//
+// simdjson's own kernel objects, behind get_active_implementation() and the functions that use
+// it (simdjson::validate_utf8, a parser's first allocation), are function-local statics, which
+// static destruction destroys: a thread still reading or writing JSON while the process exits
+// (a plug-in call running when the host returns from main) would then call a pure virtual
+// function and abort. Nothing in this file reaches those objects. The kernel below lives in
+// static storage that has no destructor, every parser gets its parser implementation from it,
+// and UTF-8 is validated by it, so JSON work stays valid in any order of static destruction.
+// It is chosen the way simdjson chooses: the first one, most capable first, that the
+// processor runs.
+template <class Kernel>
+const simdjson::implementation* makeKernel() {
+    alignas(Kernel) static unsigned char storage[sizeof(Kernel)];
+    return new (storage) Kernel();
+}
+
+const simdjson::implementation& kernel() {
+    static const simdjson::implementation* const chosen = [] {
+        using Make = const simdjson::implementation* (*)();
+        constexpr Make candidates[] = {
+#if SIMDJSON_IMPLEMENTATION_ICELAKE
+            &makeKernel<simdjson::icelake::implementation>,
+#endif
+#if SIMDJSON_IMPLEMENTATION_HASWELL
+            &makeKernel<simdjson::haswell::implementation>,
+#endif
+#if SIMDJSON_IMPLEMENTATION_WESTMERE
+            &makeKernel<simdjson::westmere::implementation>,
+#endif
+#if SIMDJSON_IMPLEMENTATION_ARM64
+            &makeKernel<simdjson::arm64::implementation>,
+#endif
+#if SIMDJSON_IMPLEMENTATION_PPC64
+            &makeKernel<simdjson::ppc64::implementation>,
+#endif
+        };
+        for (const Make make : candidates) {
+            const simdjson::implementation* candidate = make();
+            if (candidate->supported_by_runtime_system()) {
+                return candidate;
+            }
+        }
+        return makeKernel<simdjson::fallback::implementation>();
+    }();
+    return *chosen;
+}
+
+// Gives `parser` its parser implementation from our kernel, able to take `capacity` bytes, so
+// that the parser never asks simdjson's own kernel for one. Later growth goes through that
+// parser implementation. False when memory runs out.
+bool equip(simdjson::dom::parser& parser, std::size_t capacity) {
+    return kernel().create_dom_parser_implementation(capacity, JSONSerialization::maximumDepth,
+                                                     parser.implementation) == simdjson::SUCCESS;
+}
+
 // The parser of this thread: a simdjson parser is not safe to share, and keeping it avoids
 // reallocating its buffers on every call. While a visit (visitJSON) looks at the document it
 // holds, the parser is taken; a parse on the same thread meanwhile (from inside the visit) gets a
@@ -25,9 +83,9 @@ class ParserLease {
   public:
     ParserLease() {
         if (!threadParserTaken) {
+            parser_ = &threadParser();
             threadParserTaken = true;
             taken_ = true;
-            parser_ = &threadParser();
         } else {
             own_.emplace();
             prepare(*own_);
@@ -45,11 +103,11 @@ class ParserLease {
     simdjson::dom::parser& parser() { return *parser_; }
 
   private:
-    // Every parser accepts nesting up to maximumDepth, the thread's and the occasional own one.
+    // Every parser accepts nesting up to maximumDepth, the thread's and the occasional own one,
+    // and has its parser implementation from our kernel (see kernel()).
     static void prepare(simdjson::dom::parser& parser) {
-        if (parser.allocate(simdjson::SIMDJSON_PADDING, JSONSerialization::maximumDepth) !=
-            simdjson::SUCCESS) {
-            // Out of memory: the parser allocates again, with its default limits, when used.
+        if (!equip(parser, simdjson::SIMDJSON_PADDING)) {
+            throw std::bad_alloc();
         }
     }
 
@@ -71,6 +129,62 @@ class ParserLease {
 
 thread_local bool ParserLease::threadParserTaken = false;
 
+// Whether `token` is an integer in JSON's grammar that no 64-bit integer holds: above the
+// unsigned maximum, or below the signed minimum.
+bool isBigInteger(std::string_view token) {
+    const bool negative = token.starts_with('-');
+    const std::string_view digits = token.substr(negative ? 1 : 0);
+    if (digits.empty() || (digits[0] == '0' && digits.size() > 1) ||
+        digits.find_first_not_of("0123456789") != std::string_view::npos) {
+        return false;
+    }
+    const std::string_view largest = negative ? "9223372036854775808" : "18446744073709551615";
+    return digits.size() > largest.size() || (digits.size() == largest.size() && digits > largest);
+}
+
+// `text` with an exponent ("e0") after every integer that no 64-bit integer holds, so that
+// simdjson, which refuses such integers, reads them as floating-point numbers (the nearest
+// double); nothing when there is no such integer. The scan skips strings and takes each run of
+// number characters outside them as one token; only a run that is an integer by JSON's grammar
+// changes, into a number that is just as valid in the same place. So a valid text stays valid,
+// and one that is not valid stays so.
+std::optional<std::string> withBigIntegersAsReals(std::string_view text) {
+    constexpr std::string_view numberCharacters = "0123456789+-.eE";
+    std::string rewritten;
+    bool changed = false;
+    std::size_t copied = 0;
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const char c = text[i];
+        if (c == '"') {
+            for (++i; i < text.size() && text[i] != '"'; ++i) {
+                if (text[i] == '\\') {
+                    ++i;
+                }
+            }
+            ++i;
+        } else if (c == '-' || (c >= '0' && c <= '9')) {
+            const std::size_t start = i;
+            while (i < text.size() && numberCharacters.find(text[i]) != std::string_view::npos) {
+                ++i;
+            }
+            if (isBigInteger(text.substr(start, i - start))) {
+                rewritten.append(text.substr(copied, i - copied));
+                rewritten.append("e0");
+                copied = i;
+                changed = true;
+            }
+        } else {
+            ++i;
+        }
+    }
+    if (!changed) {
+        return std::nullopt;
+    }
+    rewritten.append(text.substr(copied));
+    return rewritten;
+}
+
 // Parses `text` with the reading rules of jsonObject; on success `root` is the top-level value.
 bool parseText(simdjson::dom::parser& parser, std::string_view text, bool fragmentsAllowed,
                std::string* error, simdjson::dom::element& root) {
@@ -88,6 +202,17 @@ bool parseText(simdjson::dom::parser& parser, std::string_view text, bool fragme
             return false;
         }
         auto status = parser.parse(text.data(), text.size()).get(root);
+        if (status != simdjson::SUCCESS) {
+            // Every valid JSON number is read: one that no 64-bit integer holds as a double.
+            // (simdjson's error code for those integers differs between versions; a text
+            // without them costs one more scan on its way to being refused.)
+            if (const auto rewritten = withBigIntegersAsReals(text)) {
+                if (parser.parse(rewritten->data(), rewritten->size()).get(root) ==
+                    simdjson::SUCCESS) {
+                    status = simdjson::SUCCESS;
+                }
+            }
+        }
         if (status != simdjson::SUCCESS) {
             setError(simdjson::error_message(status));
             return false;
@@ -233,7 +358,7 @@ std::optional<Value> JSONSerialization::jsonObject(std::string_view text,
 
 bool isValidUTF8(std::string_view bytes) {
     // Short ASCII texts (most keys, numbers and replies) are settled without the validator's
-    // dispatch; anything else goes to simdjson's validator.
+    // dispatch; anything else goes to simdjson's validator (our kernel's, see kernel()).
     constexpr std::size_t kShort = 64;
     if (bytes.size() <= kShort) {
         unsigned char any = 0;
@@ -244,7 +369,11 @@ bool isValidUTF8(std::string_view bytes) {
             return true;
         }
     }
-    return simdjson::validate_utf8(bytes.data(), bytes.size());
+    try {
+        return kernel().validate_utf8(bytes.data(), bytes.size());
+    } catch (...) {
+        return false;  // no memory to set the kernel up: nothing can be vouched for
+    }
 }
 
 // ---- JSONElement ------------------------------------------------------------------------------

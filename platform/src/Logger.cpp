@@ -68,13 +68,18 @@ class HostSink final : public spdlog::sinks::base_sink<std::mutex> {
 
   protected:
     void sink_it_(const spdlog::details::log_msg& msg) override {
-        static const std::string none;
         const Origin origin = currentOrigin;
         try {
+            // No static of class type here: records may still be written while static objects
+            // are being destroyed.
             LogRecord record;
             record.level = fromSpdlog(msg.level);
-            record.subsystem = origin.subsystem ? *origin.subsystem : none;
-            record.category = origin.category ? *origin.category : none;
+            if (origin.subsystem != nullptr) {
+                record.subsystem = *origin.subsystem;
+            }
+            if (origin.category != nullptr) {
+                record.category = *origin.category;
+            }
             record.message.assign(msg.payload.data(), msg.payload.size());
             if (host_) {
                 host_(record);

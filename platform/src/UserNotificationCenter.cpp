@@ -10,8 +10,17 @@
 
 namespace nimborra::platform {
 
+namespace {
+
+std::shared_ptr<DispatchQueue> makeDeliveryQueue() {
+    return std::make_shared<DispatchQueue>("com.nimborra.platform.usernotifications",
+                                           DispatchQoS::userInitiated);
+}
+
+}  // namespace
+
 struct UNUserNotificationCenter::State {
-    DispatchQueue delivery{"com.nimborra.platform.usernotifications", DispatchQoS::userInitiated};
+    std::shared_ptr<DispatchQueue> delivery = makeDeliveryQueue();  // guarded by mutex
 
     mutable std::mutex mutex;
     // The programmed answers.
@@ -22,6 +31,10 @@ struct UNUserNotificationCenter::State {
     // Answers kept back while holding, oldest first.
     bool holding = false;
     std::vector<std::function<void()>> held;
+    // Answers that the delivery queue could not take (its thread could not be started, memory
+    // ran out). The requesting call runs them itself once it has released the lock, so that
+    // every handler is still called.
+    std::vector<std::function<void()>> refused;
     // What was asked.
     std::optional<UNAuthorizationOptions> lastAuthorizationOptions;
     std::optional<std::int64_t> lastBadgeCount;
@@ -34,8 +47,8 @@ struct UNUserNotificationCenter::State {
     void answer(std::function<void()> answer) {
         if (holding) {
             held.push_back(std::move(answer));
-        } else {
-            delivery.async(std::move(answer));
+        } else if (!delivery->async(std::move(answer))) {
+            refused.push_back(std::move(answer));
         }
     }
 
@@ -44,7 +57,24 @@ struct UNUserNotificationCenter::State {
         std::vector<std::function<void()>> released;
         released.swap(held);
         for (auto& answer : released) {
-            delivery.async(std::move(answer));
+            if (!delivery->async(std::move(answer))) {
+                refused.push_back(std::move(answer));
+            }
+        }
+    }
+
+    // Runs the refused answers; the caller does not hold `mutex`.
+    void runRefused() {
+        std::vector<std::function<void()>> answers;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            answers.swap(refused);
+        }
+        for (auto& answer : answers) {
+            try {
+                answer();
+            } catch (...) {
+            }
         }
     }
 };
@@ -61,46 +91,56 @@ UNUserNotificationCenter& UNUserNotificationCenter::currentNotificationCenter() 
 
 void UNUserNotificationCenter::requestAuthorizationWithOptions(
     UNAuthorizationOptions options, AuthorizationHandler completionHandler) {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->lastAuthorizationOptions = options;
-    ++state_->authorizationRequests;
-    if (!state_->authorizationError) {
-        if (!state_->granted) {
-            state_->authorizationStatus = UNAuthorizationStatusDenied;
-        } else if ((options & UNAuthorizationOptionProvisional) != 0) {
-            state_->authorizationStatus = UNAuthorizationStatusProvisional;
-        } else {
-            state_->authorizationStatus = UNAuthorizationStatusAuthorized;
+    {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->lastAuthorizationOptions = options;
+        ++state_->authorizationRequests;
+        if (!state_->authorizationError) {
+            if (!state_->granted) {
+                state_->authorizationStatus = UNAuthorizationStatusDenied;
+            } else if ((options & UNAuthorizationOptionProvisional) != 0) {
+                state_->authorizationStatus = UNAuthorizationStatusProvisional;
+            } else {
+                state_->authorizationStatus = UNAuthorizationStatusAuthorized;
+            }
         }
+        if (!completionHandler) {
+            return;
+        }
+        state_->answer([handler = std::move(completionHandler), granted = state_->granted,
+                        error = state_->authorizationError]() { handler(granted, error); });
     }
-    if (!completionHandler) {
-        return;
-    }
-    state_->answer([handler = std::move(completionHandler), granted = state_->granted,
-                    error = state_->authorizationError]() { handler(granted, error); });
+    state_->runRefused();
 }
 
 void UNUserNotificationCenter::getNotificationSettingsWithCompletionHandler(
     SettingsHandler completionHandler) {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    ++state_->settingsRequests;
-    if (!completionHandler) {
-        return;
+    {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        ++state_->settingsRequests;
+        if (!completionHandler) {
+            return;
+        }
+        UNNotificationSettings settings;
+        settings.authorizationStatus = state_->authorizationStatus;
+        state_->answer([handler = std::move(completionHandler), settings]() { handler(settings); });
     }
-    UNNotificationSettings settings;
-    settings.authorizationStatus = state_->authorizationStatus;
-    state_->answer([handler = std::move(completionHandler), settings]() { handler(settings); });
+    state_->runRefused();
 }
 
 void UNUserNotificationCenter::setBadgeCount(std::int64_t count, BadgeHandler completionHandler) {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->lastBadgeCount = count;
-    ++state_->badgeRequests;
-    if (!completionHandler) {
-        return;
+    {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->lastBadgeCount = count;
+        ++state_->badgeRequests;
+        if (!completionHandler) {
+            return;
+        }
+        state_->answer([handler = std::move(completionHandler), error = state_->badgeError]() {
+            handler(error);
+        });
     }
-    state_->answer(
-        [handler = std::move(completionHandler), error = state_->badgeError]() { handler(error); });
+    state_->runRefused();
 }
 
 void UNUserNotificationCenter::setAuthorizationAnswer(bool granted, std::optional<NSError> error) {
@@ -130,11 +170,14 @@ void UNUserNotificationCenter::setBadgeCountFromNotification(std::int64_t count)
 }
 
 void UNUserNotificationCenter::setHoldsAnswers(bool hold) {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->holding = hold;
-    if (!hold) {
-        state_->releaseHeld();
+    {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->holding = hold;
+        if (!hold) {
+            state_->releaseHeld();
+        }
     }
+    state_->runRefused();
 }
 
 bool UNUserNotificationCenter::holdsAnswers() const {
@@ -172,19 +215,31 @@ std::size_t UNUserNotificationCenter::badgeRequestCount() const {
     return state_->badgeRequests;
 }
 
+void UNUserNotificationCenter::setDeliveryQueueForTesting(std::shared_ptr<DispatchQueue> queue) {
+    std::shared_ptr<DispatchQueue> replaced = queue ? std::move(queue) : makeDeliveryQueue();
+    {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->delivery.swap(replaced);
+    }
+    // The replaced queue is released here, outside the lock: its last answers may call in.
+}
+
 void UNUserNotificationCenter::reset() {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->holding = false;
-    state_->releaseHeld();
-    state_->granted = true;
-    state_->authorizationError.reset();
-    state_->authorizationStatus = UNAuthorizationStatusNotDetermined;
-    state_->badgeError.reset();
-    state_->lastAuthorizationOptions.reset();
-    state_->lastBadgeCount.reset();
-    state_->authorizationRequests = 0;
-    state_->settingsRequests = 0;
-    state_->badgeRequests = 0;
+    {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->holding = false;
+        state_->releaseHeld();
+        state_->granted = true;
+        state_->authorizationError.reset();
+        state_->authorizationStatus = UNAuthorizationStatusNotDetermined;
+        state_->badgeError.reset();
+        state_->lastAuthorizationOptions.reset();
+        state_->lastBadgeCount.reset();
+        state_->authorizationRequests = 0;
+        state_->settingsRequests = 0;
+        state_->badgeRequests = 0;
+    }
+    state_->runRefused();
 }
 
 }  // namespace nimborra::platform

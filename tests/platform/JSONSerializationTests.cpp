@@ -5,6 +5,8 @@
 #include <cmath>
 #include <filesystem>
 #include <limits>
+#include <map>
+#include <optional>
 
 #include "support/TestSupport.h"
 
@@ -156,11 +158,26 @@ TEST(JSONReader, RoundTripsThroughTheWriter) {
     }
 }
 
-// The public JSON parsing test suite: y_ files must be accepted, n_ files rejected, and i_ files
-// may go either way but must not crash.
+// The public JSON parsing test suite: y_ files must be accepted, n_ files rejected, and other i_
+// files may go either way but must not crash. The i_number files have a stated answer each: an
+// integer that no 64-bit integer holds reads as the nearest double, a magnitude below the
+// smallest double as 0, and one beyond the largest double is refused.
 TEST(JSONReader, AgreesWithTheParsingTestSuite) {
     NIMBORRA_REQUIRE_CORPORA(corpora);
     const auto suite = corpora / "json-test-suite";
+    const std::map<std::string, std::optional<double>> numbers = {
+        {"i_number_double_huge_neg_exp.json", 0.0},
+        {"i_number_huge_exp.json", std::nullopt},
+        {"i_number_neg_int_huge_exp.json", std::nullopt},
+        {"i_number_pos_double_huge_exp.json", std::nullopt},
+        {"i_number_real_neg_overflow.json", std::nullopt},
+        {"i_number_real_pos_overflow.json", std::nullopt},
+        {"i_number_real_underflow.json", 0.0},
+        {"i_number_too_big_neg_int.json", -123123123123123123123123123123.0},
+        {"i_number_too_big_pos_int.json", 100000000000000000000.0},
+        {"i_number_very_big_negative_int.json",
+         -237462374673276894279832749832423479823246327846.0},
+    };
     std::size_t checked = 0;
     for (const auto& entry : std::filesystem::directory_iterator(suite)) {
         const std::string name = entry.path().filename().string();
@@ -174,6 +191,13 @@ TEST(JSONReader, AgreesWithTheParsingTestSuite) {
             EXPECT_TRUE(accepted) << name;
         } else if (name.starts_with("n_")) {
             EXPECT_FALSE(accepted) << name;
+        } else if (name.starts_with("i_number_")) {
+            ASSERT_TRUE(numbers.contains(name)) << name << " has no stated answer";
+            const auto expected = numbers.at(name);
+            const auto value = JSONSerialization::jsonObject(text);
+            EXPECT_EQ(value,
+                      expected ? std::optional(Value(Array{Value(*expected)})) : std::nullopt)
+                << name;
         }
         ++checked;
     }

@@ -5,6 +5,22 @@
 // releases a plug-in or a listener, while it holds one of its locks, so listeners may call back
 // into the dispatcher (emit, subscribe, unsubscribe). Nothing throws; failures are logged
 // (subsystem "com.nimborra.core", category "bridge").
+//
+// How events travel (the rule that plug-ins and hosts may rely on):
+// - Each thread delivers its own events. emitEvent calls the listeners subscribed at that moment,
+//   in subscription order, on the calling thread, and returns once they have all returned. So an
+//   event emitted inside an operation reaches every listener before the operation's reply, and
+//   what other threads emit meanwhile, however much, never holds up this thread's emitEvent.
+// - Order is kept per emitting thread: the events that one thread emits reach each listener in
+//   the order in which that thread emitted them. Events of different threads have no order
+//   between them, and a listener may be called for them at the same time on their emitters'
+//   threads: a listener must be safe to call from several threads at once (a listener that takes
+//   a lock of its own while it runs is).
+// - An event that a listener emits is queued on its thread and delivered by that thread as soon
+//   as the event in delivery has reached every listener, before the outermost emitEvent (or
+//   subscribe) on that thread returns.
+// - While no listener is subscribed, events are kept (see emitEvent) for the first listener that
+//   subscribes, which receives them on the subscribing thread.
 #pragma once
 
 #include <cstddef>
@@ -48,30 +64,32 @@ class NIMBORRA_CORE_EXPORT OrraBridgeDispatcher {
     // The plug-in registered under exactly `name`, or nullptr when there is none.
     std::shared_ptr<OrraPlugin> plugin(std::string_view name) const;
 
-    // Hands an event to the subscribed listeners, each in subscription order. Events form one
-    // total order: every listener sees them in the order in which they were emitted.
-    //
-    // Delivery: when no other thread is delivering, the events are delivered on this thread
-    // before emitEvent returns, so an event emitted inside an operation is seen before the
-    // operation's reply. When another thread is delivering at that moment (or this thread is,
-    // because a listener emits), the event is queued behind the ones in delivery and that
-    // thread delivers it; emitEvent then returns without waiting.
+    // Delivers an event to the subscribed listeners, by the rule above: on this thread, before
+    // emitEvent returns (an emitEvent from inside a listener returns at once; its event follows
+    // when the current one has been delivered).
     //
     // With no listener subscribed, events are kept, in order, for the first listener that
     // subscribes; at most maximumBacklog of them: past that the oldest is dropped and an error
-    // is logged.
+    // is logged. While kept events of this thread are still being handed to that listener (on
+    // the subscribing thread), emitEvent waits until they have been, so that this thread's
+    // order holds; it never waits for the events of other threads.
     void emitEvent(std::string name, std::string payload);
 
     // Adds a listener and returns its subscription. If events were kept while nobody listened,
-    // they are delivered to this first listener, in order and before any newer event; when no
-    // other thread is delivering, that happens on this thread before subscribe returns (the
-    // listener may then be called before it learns its subscription). An empty function is
-    // refused: the answer is 0 and nothing is subscribed.
+    // they are delivered to this first listener alone (to every listener once it has left), in
+    // order, on this thread before subscribe returns (the listener may then be called before it
+    // learns its subscription); should another thread still be handing kept events over, that
+    // thread delivers them instead. An empty function is refused: the answer is 0 and nothing
+    // is subscribed.
     SubscriptionId subscribe(OrraEventListener listener);
 
-    // Ends a subscription; unknown identifiers are ignored. From then on the listener is not
-    // called for further events, except that a delivery already running on another thread may
-    // call it once more. A listener may unsubscribe itself or another listener while it runs.
+    // Ends a subscription; unknown identifiers are ignored. From then on no delivery calls the
+    // listener. Called from outside any listener, unsubscribe also waits until the listener's
+    // calls still running on other threads have returned, so whatever the listener uses may be
+    // released as soon as unsubscribe returns (do not call it while holding a lock that the
+    // listener takes). Called from inside a listener, it does not wait: a call running on
+    // another thread may then still be finishing. A listener may unsubscribe itself or another
+    // listener while it runs; one later in the delivery in progress is then skipped.
     void unsubscribe(SubscriptionId subscription);
 
     // For tests only: forgets every plug-in, every listener and the kept events, so that each

@@ -20,7 +20,9 @@ class NIMBORRA_APNS_EXPORT ApnsEntitlementReading {
   public:
     virtual ~ApnsEntitlementReading();
     // "production" when there is no profile or it cannot be read; nothing when the profile has no
-    // usable "aps-environment" text; otherwise that text exactly as stored.
+    // usable "aps-environment" text or is larger than the property-list limit
+    // (platform::PropertyListSerialization::maximumLength, read no further than that); otherwise
+    // that text exactly as stored.
     virtual std::optional<std::string> readApsEnvironment() const = 0;
 
   protected:

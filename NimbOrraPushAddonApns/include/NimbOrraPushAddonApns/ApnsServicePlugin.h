@@ -5,7 +5,10 @@
 // Promises:
 // - callAsync returns at once; every call is answered exactly once, on the plug-in's queue, in
 //   the order in which callAsync was called, also for unknown methods and bad payloads. The next
-//   call's operation starts only after the previous call's callback has returned.
+//   call's operation starts only after the previous call's callback has returned. A call that
+//   the queue cannot take (its thread could not be started, memory ran out) is answered at once,
+//   on the calling thread before callAsync returns, with ApnsOutcomeEnvelope's
+//   serialisationFallback reply, and an error is logged.
 // - callSync refuses every method; cancel forwards the identifier to the adapter at once, on the
 //   caller's thread, and changes nothing else (the cancelled call is still answered).
 // - No exception escapes any member.
@@ -32,7 +35,9 @@ class NIMBORRA_APNS_EXPORT ApnsServicePlugin final
     // The label of each plug-in's serial queue.
     static constexpr std::string_view queueLabel = "com.nimborra.apns_service.plugin";
 
-    // A plug-in always has an adapter and a queue.
+    // A plug-in is made with an adapter and a queue. Should either be null all the same, every
+    // call is still answered: without an adapter with an INTERNAL error reply, without a queue
+    // with the fall-back reply.
     ApnsServicePlugin() = delete;
     ApnsServicePlugin(std::shared_ptr<ApnsServiceNativeAdapter> adapter,
                       std::shared_ptr<platform::DispatchQueue> queue);
@@ -41,7 +46,8 @@ class NIMBORRA_APNS_EXPORT ApnsServicePlugin final
     // Builds a plug-in with a new serial queue (quality of service userInitiated) around
     // `adapter` and registers it under "ApnsService" with the shared bridge dispatcher, which
     // keeps it alive. Each call builds a fresh plug-in and queue; the dispatcher's later
-    // registration replaces the earlier one. Any thread.
+    // registration replaces the earlier one. A null adapter is refused: an error is logged and
+    // nothing is registered (an earlier registration stays). Any thread.
     static void registerPlugin(std::shared_ptr<ApnsServiceNativeAdapter> adapter);
 
     std::string_view pluginName() const override { return name; }

@@ -10,6 +10,7 @@
 // uses the directory as it was when the lookup began.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <mutex>
@@ -46,6 +47,13 @@ class NIMBORRA_PLATFORM_EXPORT Bundle {
     // regular file (a directory, a device, a pipe), no permission, or a read error. Never throws.
     static std::optional<std::vector<std::uint8_t>> contentsOfFile(
         const std::filesystem::path& path) noexcept;
+
+    // Reads the file at `path`, but no more than maximumLength + 1 bytes, so that a huge file
+    // costs no more than the limit: an answer longer than maximumLength says that the file is
+    // longer than that (and holds only its first bytes). Yields nothing when the file cannot be
+    // read, as above. Never throws.
+    static std::optional<std::vector<std::uint8_t>> contentsOfFile(
+        const std::filesystem::path& path, std::size_t maximumLength) noexcept;
 
   private:
     Bundle();

@@ -42,8 +42,12 @@ NIMBORRA_PLATFORM_EXPORT std::string_view dispatchQoSName(DispatchQoS qos);
 class NIMBORRA_PLATFORM_EXPORT DispatchQueue {
   public:
     // A new serial queue with its own worker thread. If the system refuses to start the thread,
-    // an error is logged and work submitted to the queue never runs.
+    // an error is logged and the queue refuses every work item (async answers false).
     explicit DispatchQueue(std::string label, DispatchQoS qos = DispatchQoS::unspecified);
+
+    // For tests only: a queue in the state of one whose worker thread could not be started. It
+    // refuses every work item, so that callers' answers for refused work can be tested.
+    static std::shared_ptr<DispatchQueue> makeRefusingForTesting(std::string label);
 
     // Runs every work item already submitted (and any that those items submit), then joins the
     // worker thread. When the last owner lets go of the queue inside one of its own work items,
@@ -62,9 +66,14 @@ class NIMBORRA_PLATFORM_EXPORT DispatchQueue {
     // Submits `work` and returns at once, never waiting for running work. Items run one at a
     // time in the order in which they were submitted (across all submitting threads), on the
     // queue's worker thread (for the main queue: on the main thread, when drained), never on the
-    // submitter's thread inside this call. An empty function is ignored. An item that throws is
-    // reported at error level and the queue carries on with the next one.
-    void async(std::function<void()> work);
+    // submitter's thread inside this call. An item that throws is reported at error level and
+    // the queue carries on with the next one.
+    //
+    // Answers whether the queue took the item. It does not when its worker thread could not be
+    // started or memory runs out: then an error is logged and `work` is left with the caller,
+    // untouched, so that the caller can still run it elsewhere or answer for it. An empty
+    // function is ignored (the answer is true: nothing is left to run).
+    bool async(std::function<void()>&& work);
 
     // True on the queue's worker thread. For the main queue: true on the main thread.
     bool isCurrent() const;
@@ -97,6 +106,8 @@ class NIMBORRA_PLATFORM_EXPORT DispatchQueue {
   private:
     struct MainQueueTag {};
     explicit DispatchQueue(MainQueueTag);
+    struct RefusingTag {};
+    DispatchQueue(std::string label, RefusingTag);
 
     struct State;
     // The worker thread's body; it shares the state so that it can outlive a detached queue.

@@ -13,7 +13,9 @@
 // it does not block the delivery thread itself (that is, not from inside a completion handler).
 // Each handler is called exactly once, except that answers held back are only called once holding
 // is turned off (or the center is reset). A handler that throws is reported by the delivery queue,
-// which carries on with the next answer.
+// which carries on with the next answer. Should the delivery queue be unable to take an answer
+// (its thread could not be started, memory ran out), the call that requested or released it
+// runs the handler itself, on its own thread, just before it returns: late, but never lost.
 #pragma once
 
 #include <cstddef>
@@ -22,6 +24,7 @@
 #include <memory>
 #include <optional>
 
+#include "NimbOrraPlatform/DispatchQueue.h"
 #include "NimbOrraPlatform/Export.h"
 #include "NimbOrraPlatform/NSError.h"
 
@@ -105,6 +108,10 @@ class NIMBORRA_PLATFORM_EXPORT UNUserNotificationCenter {
     // Restores the defaults: authorization granted without error, status not determined, no
     // badge error, nothing recorded. Held answers are delivered first, so no caller stays blocked.
     void reset();
+
+    // For tests only: delivers answers through `queue` from now on (nullptr: a new queue of the
+    // center's own), e.g. a DispatchQueue::makeRefusingForTesting queue.
+    void setDeliveryQueueForTesting(std::shared_ptr<DispatchQueue> queue);
 
   private:
     UNUserNotificationCenter();
