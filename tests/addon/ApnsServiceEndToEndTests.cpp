@@ -183,9 +183,12 @@ TEST_F(ApnsServiceEndToEnd, RegistrationFailureIsLoggedAtDebugLevel) {
     EXPECT_TRUE(takeEvents().empty());
 }
 
+// Each wire option alone sets its own platform bit, so two options that swapped bits would show;
+// 0 and numbers that name no option set none, and repeats add nothing.
 TEST_F(ApnsServiceEndToEnd, AuthorizationOptionsReachThePlatformAsABitMask) {
     const std::pair<const char*, std::uint64_t> cases[] = {
-        {"[3,1,2]", 7}, {"[7]", 64}, {"[]", 0}, {"[0]", 0}, {"[4,5,6,6,99]", 56},
+        {"[1]", 1},  {"[2]", 2}, {"[3]", 4}, {"[4]", 8}, {"[5]", 16},          {"[6]", 32},
+        {"[7]", 64}, {"[0]", 0}, {"[8]", 0}, {"[]", 0},  {"[3,1,1,99,7]", 69},
     };
     for (const auto& [options, mask] : cases) {
         EXPECT_EQ(call("RequestAuthorization", std::string(R"({"options":)") + options + "}"),

@@ -66,6 +66,9 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
         {"<date>2001-01-01T00:00:00Z</date>", Value(Date{978307200})},
         {"<date>1900-01-01T00:00:00Z</date>", Value(Date{-2208988800})},
         {"<date>2100-01-01T00:00:00Z</date>", Value(Date{4102444800})},
+        // The last moment of a year, leap second included, inside and outside libplist's window.
+        {"<date>2001-12-31T23:59:60Z</date>", Value(Date{1009843200})},
+        {"<date>2100-12-31T23:59:60Z</date>", Value(Date{4133980800})},
         {"<data>AAECAw==</data>", Value(bytes({0, 1, 2, 3}))},
         {"<data>\n\tAA!E@C\n\tAwQF\n</data>", Value(bytes({0, 1, 2, 3, 4, 5}))},
         {"<data>AAECA</data>", Value(bytes({0, 1, 2}))},  // an incomplete group is ignored
@@ -134,7 +137,13 @@ TEST(PropertyListSerializationTest, MalformedInputYieldsNothing) {
                                   "<integer>-9223372036854775809</integer>",
                                   "<integer>1<!-- x -->2</integer>",
                                   "<real>1.5x</real>",
+                                  "<date>2001-00-01T00:00:00Z</date>",
                                   "<date>2001-13-01T00:00:00Z</date>",
+                                  "<date>2001-01-00T00:00:00Z</date>",
+                                  "<date>2001-01-32T00:00:00Z</date>",
+                                  "<date>2001-01-01T24:00:00Z</date>",
+                                  "<date>2001-01-01T00:60:00Z</date>",
+                                  "<date>2001-01-01T00:00:61Z</date>",
                                   "<date>2001-01-01T00:00:00</date>"};
     for (const std::string& body : bodies) {
         EXPECT_FALSE(parse(plist(body)).has_value()) << body;
