@@ -7,7 +7,6 @@
 #include <random>
 
 #include "NimbOrraPlatform/Bundle.h"
-#include "support/SignedProfile.h"
 #include "support/TestSupport.h"
 
 namespace nimborra::apns {
@@ -52,30 +51,14 @@ std::string plistWithEntitlements(std::string_view entitlementsBody) {
 
 using ::nimborra::testing::repeated;
 
-TEST_F(ApnsEntitlementReaderTest, MissingOrUnreadableProfileMeansProduction) {
+// No profile, or one that cannot be read, means production; a profile that is read but holds no
+// usable entitlement answers nothing. The property list is found by a byte search.
+TEST_F(ApnsEntitlementReaderTest, ProfilesAnswerTheStoredTextOrNothing) {
     EXPECT_EQ(read(), "production");
     fs::create_directory(directory_ / "embedded.mobileprovision");
     EXPECT_EQ(read(), "production") << "a directory cannot be read";
-}
+    fs::remove(directory_ / "embedded.mobileprovision");
 
-TEST_F(ApnsEntitlementReaderTest, SignedProfilesAnswerTheStoredText) {
-    for (const char* environment : {"development", "production", "Production", " production"}) {
-        const auto profile =
-            testing::makeSignedProfile(testing::profilePlist(std::string(environment)));
-        if (!profile) {
-            GTEST_SKIP() << "the openssl command-line tool is not available";
-        }
-        writeProfile(*profile);
-        EXPECT_EQ(read(), environment);
-    }
-    const auto withoutPush = testing::makeSignedProfile(testing::profilePlist(std::nullopt));
-    ASSERT_TRUE(withoutPush.has_value());
-    writeProfile(*withoutPush);
-    EXPECT_EQ(read(), std::nullopt);
-}
-
-// Profiles that are read but hold no usable entitlement answer nothing, not "production".
-TEST_F(ApnsEntitlementReaderTest, OddShapesAnswerNothing) {
     const std::string good =
         plistWithEntitlements("<key>aps-environment</key><string>development</string>");
     const std::pair<const char*, std::string> cases[] = {
@@ -107,19 +90,9 @@ TEST_F(ApnsEntitlementReaderTest, OddShapesAnswerNothing) {
     EXPECT_EQ(read(), "development");
 }
 
-TEST(ExtractEntitlements, FindsThePropertyListByByteSearch) {
-    const std::string plist = plistWithEntitlements(
-        "<key>aps-environment</key><string>development</string><key>n</key><integer>3</integer>");
-    const std::string bytes = std::string("\x30\x82\x00\x00", 4) + plist + std::string("\0\xff", 2);
-    auto entitlements = extractEntitlements(
-        std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
-    ASSERT_TRUE(entitlements.has_value());
-    EXPECT_EQ(entitlements->size(), 2u);
-    EXPECT_EQ(*entitlements->find("n"), platform::Value(3));
-}
-
-// Real profiles: the expected answers come from the corpus's index.
-TEST(ApnsEntitlementReaderCorpus, RealProfilesAnswerAsIndexed) {
+// Real profiles, signed (BER and DER), unsigned, binary and with odd base64: the expected
+// answers come from the corpus's index.
+TEST_F(ApnsEntitlementReaderTest, RealProfilesAnswerAsIndexed) {
     NIMBORRA_REQUIRE_CORPORA(corpora);
     const std::pair<const char*, std::optional<std::string>> expected[] = {
         {"ios-development-ber.mobileprovision", "development"},
@@ -133,19 +106,10 @@ TEST(ApnsEntitlementReaderCorpus, RealProfilesAnswerAsIndexed) {
         {"enterprise-ber-odd-data.mobileprovision", "production"},
         {"unsigned-leading-byte-odd-data.mobileprovision", "production"},
     };
-    const auto previous = platform::Bundle::mainBundle().resourceDirectory();
-    std::random_device random;
-    const fs::path directory =
-        fs::temp_directory_path() / ("nimborra-corpus-" + std::to_string(random()));
-    fs::create_directories(directory);
-    platform::Bundle::mainBundle().setResourceDirectory(directory);
     for (const auto& [file, answer] : expected) {
-        fs::copy_file(corpora / "provisioning-profiles" / file,
-                      directory / "embedded.mobileprovision", fs::copy_options::overwrite_existing);
-        EXPECT_EQ(ApnsEntitlementReader().readApsEnvironment(), answer) << file;
+        writeProfile(testing::readFile(corpora / "provisioning-profiles" / file));
+        EXPECT_EQ(read(), answer) << file;
     }
-    platform::Bundle::mainBundle().setResourceDirectory(previous);
-    fs::remove_all(directory);
 }
 
 }  // namespace

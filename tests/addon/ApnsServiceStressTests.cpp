@@ -4,8 +4,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <thread>
 
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
@@ -18,45 +17,37 @@ namespace nimborra::apns {
 namespace {
 
 constexpr int kThreads = 8;
-constexpr int kCallsPerThread = 20000;
+constexpr int kCallsPerThread = 5000;
 
-struct MixedCall {
+const std::string kNotification =
+    R"({"notification":{"title":"t","subtitle":"","body":"b","badge":1,"sound":"",)"
+    R"("categoryIdentifier":"","threadIdentifier":"","launchImageName":"",)"
+    R"("targetContentIdentifier":"","interruptionLevel":1,"relevanceScore":0,"userInfoJson":"{}"})";
+
+// Every method, an unknown one and an undecodable payload: what each reply starts with, and how
+// many events the call emits.
+const struct {
     const char* method;
-    const char* payload;
-    const char* replyPrefix;  // what every reply of this call starts with
-    int events;               // events the call emits
+    std::string payload;
+    const char* replyPrefix;
+    int events;
+} kCalls[] = {
+    {"GetToken", "{}", R"({"error":{"code":"UNAVAILABLE")", 0},
+    {"GetProviderEnvironment", "{}", R"({"success":{"environment":1}})", 0},
+    {"GetColdStartNotification", "{}", R"({"success":{"notification":)", 0},
+    {"RequestAuthorization", R"({"options":[1,2,3]})", R"({"success":{"granted":true}})", 0},
+    {"SetBadgeCount", R"({"count":3})", R"({"success":{}})", 0},
+    {"GetNotificationSettings", "{}", R"({"success":{"authorizationStatus":4}})", 0},
+    {"NotifyDidRegisterForRemoteNotifications", R"({"deviceToken":"AP8Q"})", R"({"success":{}})",
+     1},
+    {"NotifyDidFailToRegister", R"({"errorDescription":"x"})", R"({"success":{}})", 0},
+    {"NotifyWillPresentNotification", kNotification + "}",
+     R"({"success":{"presentationOptions":[]}})", 1},
+    {"NotifyDidReceiveResponse", kNotification + R"(,"actionIdentifier":"a"})", R"({"success":{}})",
+     1},
+    {"NoSuchMethod", "{}", R"({"error":{"code":"UNIMPLEMENTED")", 0},
+    {"SetBadgeCount", "{", R"({"error":{"code":"INTERNAL")", 0},
 };
-
-constexpr const char* kNotification =
-    R"({"title":"t","subtitle":"","body":"b","badge":1,"sound":"","categoryIdentifier":"",)"
-    R"("threadIdentifier":"","launchImageName":"","targetContentIdentifier":"",)"
-    R"("interruptionLevel":1,"relevanceScore":0,"userInfoJson":"{}"})";
-
-const std::vector<MixedCall>& mixedCalls() {
-    static const std::vector<MixedCall> calls = [] {
-        static const std::string present = std::string(R"({"notification":)") + kNotification + "}";
-        static const std::string open =
-            std::string(R"({"notification":)") + kNotification + R"(,"actionIdentifier":"a"})";
-        return std::vector<MixedCall>{
-            {"GetToken", "{}", R"({"error":{"code":"UNAVAILABLE")", 0},
-            {"GetProviderEnvironment", "{}", R"({"success":{"environment":1}})", 0},
-            {"GetColdStartNotification", "{}", R"({"success":{"notification":)", 0},
-            {"RequestAuthorization", R"({"options":[1,2,3]})", R"({"success":{"granted":true}})",
-             0},
-            {"SetBadgeCount", R"({"count":3})", R"({"success":{}})", 0},
-            {"GetNotificationSettings", "{}", R"({"success":{"authorizationStatus":4}})", 0},
-            {"NotifyDidRegisterForRemoteNotifications", R"({"deviceToken":"AP8Q"})",
-             R"({"success":{}})", 1},
-            {"NotifyDidFailToRegister", R"({"errorDescription":"x"})", R"({"success":{}})", 0},
-            {"NotifyWillPresentNotification", present.c_str(),
-             R"({"success":{"presentationOptions":[]}})", 1},
-            {"NotifyDidReceiveResponse", open.c_str(), R"({"success":{}})", 1},
-            {"NoSuchMethod", "{}", R"({"error":{"code":"UNIMPLEMENTED")", 0},
-            {"SetBadgeCount", "{", R"({"error":{"code":"INTERNAL")", 0},
-        };
-    }();
-    return calls;
-}
 
 TEST(ApnsServiceStress, ConcurrentCallersLoseAndDuplicateNothing) {
     auto& dispatcher = core::OrraBridgeDispatcher::shared();
@@ -69,54 +60,35 @@ TEST(ApnsServiceStress, ConcurrentCallersLoseAndDuplicateNothing) {
     (void)ApnsColdStartBuffer::shared()->drain();
     ApnsColdStartBuffer::shared()->capture(
         platform::Dictionary{{"aps", platform::Value(platform::Dictionary{{"alert", "launch"}})}});
-
     std::atomic<long> events{0};
     dispatcher.subscribe([&](const std::string&, const std::string&) { ++events; });
     Nimb_Orra_ApnsService_Register();
-    auto plugin = dispatcher.plugin("ApnsService");
+    std::shared_ptr<core::OrraPlugin> plugin = dispatcher.plugin("ApnsService");
     ASSERT_NE(plugin, nullptr);
 
-    const auto& calls = mixedCalls();
-    std::atomic<long> answered{0};
-    std::atomic<long> wrongReplies{0};
-    std::atomic<long> outOfOrder{0};
-    std::atomic<long> launchDrains{0};
+    constexpr long kTotal = long{kThreads} * kCallsPerThread;
+    std::atomic<long> answered{0}, wrongReplies{0}, outOfOrder{0}, launchDrains{0};
     std::vector<std::atomic<int>> lastAnswered(kThreads);
-    std::vector<std::vector<std::atomic<int>>> answerCounts;
-    for (int t = 0; t < kThreads; ++t) {
-        lastAnswered[static_cast<std::size_t>(t)] = -1;
-        answerCounts.emplace_back(static_cast<std::size_t>(kCallsPerThread));
-    }
+    std::vector<std::atomic<int>> answers(kTotal);
     long expectedEvents = 0;
-    for (int t = 0; t < kThreads; ++t) {
-        for (int i = 0; i < kCallsPerThread; ++i) {
-            expectedEvents += calls[static_cast<std::size_t>(i + t) % calls.size()].events;
-        }
-    }
-
-    std::mutex doneMutex;
-    std::condition_variable done;
+    std::promise<void> allAnswered;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
+        lastAnswered[t] = -1;
+        for (int i = 0; i < kCallsPerThread; ++i) {
+            expectedEvents += kCalls[(i + t) % std::size(kCalls)].events;
+        }
         threads.emplace_back([&, t] {
-            const auto thread = static_cast<std::size_t>(t);
             for (int i = 0; i < kCallsPerThread; ++i) {
-                // Each thread starts at a different place in the mix.
-                const MixedCall& call = calls[static_cast<std::size_t>(i + t) % calls.size()];
-                plugin->callAsync(call.method, call.payload, [&, thread, i](std::string reply) {
-                    ++answerCounts[thread][static_cast<std::size_t>(i)];
-                    if (lastAnswered[thread].exchange(i) != i - 1) {
-                        ++outOfOrder;
-                    }
-                    if (!reply.starts_with(call.replyPrefix)) {
-                        ++wrongReplies;
-                    }
-                    if (reply.find(R"("body":"launch")") != std::string::npos) {
-                        ++launchDrains;
-                    }
-                    if (++answered == long{kThreads} * kCallsPerThread) {
-                        std::lock_guard lock(doneMutex);
-                        done.notify_all();
+                const auto& call =
+                    kCalls[(i + t) % std::size(kCalls)];  // each thread starts elsewhere
+                plugin->callAsync(call.method, call.payload, [&, t, i](std::string reply) {
+                    ++answers[t * kCallsPerThread + i];
+                    outOfOrder += lastAnswered[t].exchange(i) != i - 1;
+                    wrongReplies += !reply.starts_with(call.replyPrefix);
+                    launchDrains += reply.find(R"("body":"launch")") != std::string::npos;
+                    if (++answered == kTotal) {
+                        allAnswered.set_value();
                     }
                 });
             }
@@ -125,18 +97,11 @@ TEST(ApnsServiceStress, ConcurrentCallersLoseAndDuplicateNothing) {
     for (auto& thread : threads) {
         thread.join();
     }
-    {
-        std::unique_lock lock(doneMutex);
-        done.wait_for(lock, std::chrono::minutes(5),
-                      [&] { return answered.load() == long{kThreads} * kCallsPerThread; });
-    }
-
-    EXPECT_EQ(answered.load(), long{kThreads} * kCallsPerThread);
+    ASSERT_EQ(allAnswered.get_future().wait_for(std::chrono::minutes(5)),
+              std::future_status::ready);
     long notExactlyOnce = 0;
-    for (const auto& counts : answerCounts) {
-        for (const auto& count : counts) {
-            notExactlyOnce += count.load() != 1;
-        }
+    for (const auto& count : answers) {
+        notExactlyOnce += count.load() != 1;
     }
     EXPECT_EQ(notExactlyOnce, 0) << "every callback is called exactly once";
     EXPECT_EQ(outOfOrder.load(), 0) << "each thread's calls are answered in submission order";

@@ -69,101 +69,63 @@ Sample sample() {
                   {Inner{1}, Inner{2}}};
 }
 
-TEST(OrraJSONCoding, EncodesMembersInDeclarationOrderWithThePlatformRules) {
+// Members are written in declaration order with the platform's JSON rules, and read back.
+TEST(OrraJSONCoding, EncodesMembersInDeclarationOrderAndRoundTrips) {
     auto encoded = OrraJSONCoding::makeEncoder().encode(sample());
     ASSERT_TRUE(encoded.ok()) << encoded.error().description();
     EXPECT_EQ(encoded.value(), kSampleJSON);
     EXPECT_EQ(OrraJSONCoding::makeEncoder().encode(Empty{}).value(), "{}");
-}
-
-TEST(OrraJSONCoding, RoundTrips) {
     auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(kSampleJSON);
     ASSERT_TRUE(decoded.ok()) << decoded.error().description();
     EXPECT_EQ(decoded.value(), sample());
-}
 
-TEST(OrraJSONCoding, EncodingFailsOnNonFiniteNumbersWithThePath) {
-    Sample s = sample();
-    s.real = std::numeric_limits<double>::quiet_NaN();
-    auto encoded = OrraJSONCoding::makeEncoder().encode(s);
+    Sample notANumber = sample();
+    notANumber.real = std::numeric_limits<double>::quiet_NaN();
+    encoded = OrraJSONCoding::makeEncoder().encode(notANumber);
     ASSERT_FALSE(encoded.ok());
     EXPECT_EQ(encoded.error().kind(), CodingErrorKind::invalidValue);
     EXPECT_EQ(encoded.error().description(),
               "invalidValue at \"real\": the number nan cannot be written in JSON");
 }
 
-struct DecodingFailure {
-    const char* name;
-    std::string json;
-    CodingErrorKind kind;
-    std::string description;
-};
-
 std::string replaced(std::string json, const std::string& from, const std::string& to) {
-    const auto at = json.find(from);
-    EXPECT_NE(at, std::string::npos) << from;
-    return json.replace(at, from.size(), to);
+    return json.replace(json.find(from), from.size(), to);
 }
 
-class OrraJSONDecodingFailures : public ::testing::TestWithParam<DecodingFailure> {};
-
-TEST_P(OrraJSONDecodingFailures, ReportKindPathAndWhatWasFound) {
-    const auto& c = GetParam();
-    auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(c.json);
-    ASSERT_FALSE(decoded.ok());
-    EXPECT_EQ(decoded.error().kind(), c.kind);
-    if (c.description.empty()) {
-        EXPECT_TRUE(decoded.error().description().starts_with(
-            "dataCorrupted at the top level: the data is not valid JSON ("))
-            << decoded.error().description();
-    } else {
-        EXPECT_EQ(decoded.error().description(), c.description);
+// Each failure names its kind, where it happened and what was found instead.
+TEST(OrraJSONCoding, DecodingFailuresReportKindPathAndWhatWasFound) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"{", "dataCorrupted at the top level: the data is not valid JSON ("},
+        {"[]", "typeMismatch at the top level: expected an object but found an array"},
+        {replaced(kSampleJSON, R"("small":-3,)", ""),
+         "keyNotFound at \"small\": no value for key \"small\""},
+        {replaced(kSampleJSON, "-3", "null"),
+         "valueNotFound at \"small\": expected an integer but found null"},
+        {replaced(kSampleJSON, "-3", "\"-3\""),
+         "typeMismatch at \"small\": expected an integer but found a string"},
+        {replaced(kSampleJSON, "-3", "true"),
+         "typeMismatch at \"small\": expected an integer but found a boolean"},
+        {replaced(kSampleJSON, "-3", "2147483648"),
+         "dataCorrupted at \"small\": the number 2147483648 does not fit in a 32-bit integer"},
+        {replaced(kSampleJSON, "-3", "1.5"),
+         "dataCorrupted at \"small\": the number 1.5 is not an integer"},
+        {replaced(kSampleJSON, "9007199254740993", "1e19"),
+         "dataCorrupted at \"big\": the number 1e+19 does not fit in a 64-bit integer"},
+        {replaced(kSampleJSON, "\"flag\":true", "\"flag\":1"),
+         "typeMismatch at \"flag\": expected a boolean but found an integer"},
+        {replaced(kSampleJSON, "AP8Q", "AP8"),
+         "dataCorrupted at \"bytes\": the string is not valid base64"},
+        {replaced(kSampleJSON, "[1,2,0]", "[1,\"2\"]"),
+         "typeMismatch at \"colours[1]\": expected an integer but found a string"},
+        {replaced(kSampleJSON, "{\"n\":2}", "{}"),
+         "keyNotFound at \"inners[1].n\": no value for key \"n\""},
+    };
+    for (const auto& [json, description] : cases) {
+        auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(json);
+        ASSERT_FALSE(decoded.ok()) << json;
+        EXPECT_EQ(decoded.error().description().substr(0, description.size()), description);
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, OrraJSONDecodingFailures,
-    ::testing::Values(
-        DecodingFailure{"notJSON", "{", CodingErrorKind::dataCorrupted, ""},
-        DecodingFailure{"empty", "", CodingErrorKind::dataCorrupted, ""},
-        DecodingFailure{"notAnObject", "[]", CodingErrorKind::typeMismatch,
-                        "typeMismatch at the top level: expected an object but found an array"},
-        DecodingFailure{"missingKey", replaced(kSampleJSON, R"("small":-3,)", ""),
-                        CodingErrorKind::keyNotFound,
-                        "keyNotFound at \"small\": no value for key \"small\""},
-        DecodingFailure{"null", replaced(kSampleJSON, "\"small\":-3", "\"small\":null"),
-                        CodingErrorKind::valueNotFound,
-                        "valueNotFound at \"small\": expected an integer but found null"},
-        DecodingFailure{"stringForInt", replaced(kSampleJSON, "-3", "\"-3\""),
-                        CodingErrorKind::typeMismatch,
-                        "typeMismatch at \"small\": expected an integer but found a string"},
-        DecodingFailure{"boolForInt", replaced(kSampleJSON, "-3", "true"),
-                        CodingErrorKind::typeMismatch,
-                        "typeMismatch at \"small\": expected an integer but found a boolean"},
-        DecodingFailure{"int32Overflow", replaced(kSampleJSON, "-3", "2147483648"),
-                        CodingErrorKind::dataCorrupted,
-                        "dataCorrupted at \"small\": the number 2147483648 does not fit in a "
-                        "32-bit integer"},
-        DecodingFailure{"fraction", replaced(kSampleJSON, "-3", "1.5"),
-                        CodingErrorKind::dataCorrupted,
-                        "dataCorrupted at \"small\": the number 1.5 is not an integer"},
-        DecodingFailure{"int64Overflow", replaced(kSampleJSON, "9007199254740993", "1e19"),
-                        CodingErrorKind::dataCorrupted,
-                        "dataCorrupted at \"big\": the number 1e+19 does not fit in a 64-bit "
-                        "integer"},
-        DecodingFailure{"numberForBool", replaced(kSampleJSON, "\"flag\":true", "\"flag\":1"),
-                        CodingErrorKind::typeMismatch,
-                        "typeMismatch at \"flag\": expected a boolean but found an integer"},
-        DecodingFailure{"badBase64", replaced(kSampleJSON, "AP8Q", "AP8"),
-                        CodingErrorKind::dataCorrupted,
-                        "dataCorrupted at \"bytes\": the string is not valid base64"},
-        DecodingFailure{"enumAsString", replaced(kSampleJSON, "[1,2,0]", "[1,\"2\"]"),
-                        CodingErrorKind::typeMismatch,
-                        "typeMismatch at \"colours[1]\": expected an integer but found a string"},
-        DecodingFailure{"nestedMissing", replaced(kSampleJSON, "{\"n\":2}", "{}"),
-                        CodingErrorKind::keyNotFound,
-                        "keyNotFound at \"inners[1].n\": no value for key \"n\""}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(OrraJSONCoding, IntegerReadsAcceptIntegralRealsAndEnumsFallBackToUnspecified) {
     auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(

@@ -180,21 +180,5 @@ TEST(OrraBridgeDispatcherTest, ConcurrentEmittersLoseNothingAndAgreeOnOneOrder) 
     }
 }
 
-// Every plug-in test starts from the shared dispatcher after a reset; nothing may leak through.
-TEST(OrraBridgeDispatcherTest, ResetForgetsPluginsListenersAndKeptEvents) {
-    auto& shared = OrraBridgeDispatcher::shared();
-    shared.registerPlugin("Probe", std::make_shared<NamedPlugin>("Probe"));
-    Names received;
-    shared.subscribe(recordInto(received, "old:"));
-    shared.resetForTesting();
-    shared.emitEvent("stale", "");  // kept: nobody listens any more
-    shared.resetForTesting();
-    EXPECT_EQ(shared.plugin("Probe"), nullptr);
-    shared.emitEvent("fresh", "");
-    shared.subscribe(recordInto(received, "new:"));
-    EXPECT_EQ(received, (Names{"new:fresh"}));
-    shared.resetForTesting();
-}
-
 }  // namespace
 }  // namespace nimborra::core

@@ -165,17 +165,10 @@ TEST_F(MainQueueTest, ItemsRunOnlyWhenDrainedOnTheMainThreadAndDrainsNeverNest) 
     EXPECT_EQ(DispatchQueue::drainMain(), 0u);
 }
 
-// Items arriving while it waits are covered by the application tests; here: a condition that
-// another thread sets without any main-queue item is noticed, and a timeout answers false.
-TEST_F(MainQueueTest, RunUntilNoticesAConditionSetElsewhereAndGivesUp) {
-    std::atomic<bool> external{false};
-    std::thread setter([&] { external = true; });
-    EXPECT_TRUE(DispatchQueue::runMainUntil([&] { return external.load(); }, patience));
-    setter.join();
-    EXPECT_FALSE(DispatchQueue::runMainUntil([] { return false; }, 1ms));
-}
-
-TEST_F(MainQueueTest, MainLoopRunsUntilStopped) {
+// The loop runs items until one stops it (the item behind the stop waits for the next drain),
+// and a stop from another thread while it sleeps ends it. Waiting for a condition notices one
+// that another thread sets without any item, and gives up after its timeout.
+TEST_F(MainQueueTest, MainLoopRunsUntilStoppedAndRunUntilWaitsForACondition) {
     int ran = 0;  // only ever touched on this thread
     std::thread producer([&] {
         for (int i = 0; i < 50; ++i) {
@@ -187,13 +180,16 @@ TEST_F(MainQueueTest, MainLoopRunsUntilStopped) {
     DispatchQueue::runMainLoop();
     producer.join();
     EXPECT_EQ(ran, 50);
-    // The item behind the stop request waits for the next drain.
     EXPECT_EQ(DispatchQueue::drainMain(), 1u);
-
-    // A stop requested from another thread while the loop sleeps ends it.
     std::thread stopper([] { DispatchQueue::stopMainLoop(); });
     DispatchQueue::runMainLoop();
     stopper.join();
+
+    std::atomic<bool> external{false};
+    std::thread setter([&] { external = true; });
+    EXPECT_TRUE(DispatchQueue::runMainUntil([&] { return external.load(); }, patience));
+    setter.join();
+    EXPECT_FALSE(DispatchQueue::runMainUntil([] { return false; }, 1ms));
 }
 
 }  // namespace

@@ -13,17 +13,12 @@
 namespace nimborra::platform {
 namespace {
 
-using namespace std::chrono_literals;
-
-// Generous: only reached when an answer that should come never does.
-constexpr auto kPatience = 30s;
-
 UNUserNotificationCenter& center() {
     return UNUserNotificationCenter::currentNotificationCenter();
 }
 
-// Collects what the handlers report and lets the test wait for it. Handlers must never run inside
-// the request, so an entry added on the thread that made the log is marked.
+// What the handlers report, in order; an entry made on the thread that asked is marked, since
+// handlers must never run inside the request.
 class AnswerLog {
   public:
     void add(const std::string& entry) {
@@ -31,26 +26,10 @@ class AnswerLog {
         entries_.push_back(std::this_thread::get_id() == owner_ ? entry + " (inline)" : entry);
         changed_.notify_all();
     }
-    // Waits for `count` entries and returns them all (fewer only after running out of patience).
     std::vector<std::string> waitFor(std::size_t count) {
         std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait_for(lock, kPatience, [&] { return entries_.size() >= count; });
+        changed_.wait_for(lock, std::chrono::seconds(30), [&] { return entries_.size() >= count; });
         return entries_;
-    }
-
-    // Asks all three services once, logging their answers.
-    void askEverything() {
-        center().requestAuthorizationWithOptions(
-            UNAuthorizationOptionAlert, [this](bool granted, std::optional<NSError> error) {
-                add(std::string(granted ? "granted" : "denied") +
-                    (error ? " " + error->domain : ""));
-            });
-        center().getNotificationSettingsWithCompletionHandler([this](UNNotificationSettings s) {
-            add("status " + std::to_string(s.authorizationStatus));
-        });
-        center().setBadgeCount(4, [this](std::optional<NSError> error) {
-            add(error ? "badge " + error->domain : "badge set");
-        });
     }
 
   private:
@@ -60,40 +39,51 @@ class AnswerLog {
     std::vector<std::string> entries_;
 };
 
-class UserNotificationCenterTest : public ::testing::Test {
-  protected:
-    void SetUp() override { center().reset(); }
-    void TearDown() override { center().reset(); }
-};
-
-// Held answers were fixed when they were asked for: reset() delivers them (so nobody stays
-// blocked) before it restores the defaults that later requests receive.
-TEST_F(UserNotificationCenterTest, HeldAnswersKeepWhatWasProgrammedAndResetReleasesThem) {
+// Held answers keep what was programmed when they were asked for: reset() delivers them (so
+// nobody stays blocked) before it restores the defaults that later requests receive.
+TEST(UserNotificationCenterTest, HeldAnswersKeepWhatWasProgrammedAndResetReleasesThem) {
+    center().reset();
     AnswerLog log;
+    const auto askEverything = [&] {
+        center().requestAuthorizationWithOptions(
+            UNAuthorizationOptionAlert, [&](bool granted, std::optional<NSError> error) {
+                log.add(std::string(granted ? "granted" : "denied") +
+                        (error ? " " + error->domain : ""));
+            });
+        center().getNotificationSettingsWithCompletionHandler([&](UNNotificationSettings s) {
+            log.add("status " + std::to_string(s.authorizationStatus));
+        });
+        center().setBadgeCount(4, [&](std::optional<NSError> error) {
+            log.add(error ? "badge " + error->domain : "badge set");
+        });
+    };
     center().setHoldsAnswers(true);
     center().setAuthorizationAnswer(false, NSError{"AuthDomain", 1});
     center().setAuthorizationStatus(-7);  // any raw value is passed on
     center().setBadgeError(NSError{"BadgeDomain", 5});
-    log.askEverything();
+    askEverything();
     EXPECT_EQ(center().heldAnswerCount(), 3u);
     EXPECT_EQ(center().lastBadgeCount(), 4);
+    EXPECT_EQ(center().lastAuthorizationOptions(), UNAuthorizationOptionAlert);
     EXPECT_TRUE(log.waitFor(0).empty());
 
     center().reset();
     EXPECT_FALSE(center().holdsAnswers());
     EXPECT_FALSE(center().lastBadgeCount().has_value());
+    EXPECT_FALSE(center().lastAuthorizationOptions().has_value());
     EXPECT_EQ(center().badgeRequestCount(), 0u);
-    log.askEverything();
+    askEverything();
     EXPECT_EQ(log.waitFor(6),
               (std::vector<std::string>{"denied AuthDomain", "status -7", "badge BadgeDomain",
                                         "granted", "status 0", "badge set"}));
 }
 
-// Handlers may also call the center again: they never run under its lock.
-TEST_F(UserNotificationCenterTest, HandlersRunOneAtATimeAcrossRequestingThreads) {
+// Handlers from many requesting threads run one at a time, and may call the center again: they
+// never run under its lock.
+TEST(UserNotificationCenterTest, HandlersRunOneAtATimeAcrossRequestingThreads) {
+    center().reset();
     constexpr std::size_t kRequests = 4 * 50;
-    // Unguarded on purpose: handlers must never overlap, and the thread sanitizer would notice.
-    int inFlight = 0;
+    int inFlight = 0;  // unguarded on purpose: the thread sanitizer would see overlapping handlers
     AnswerLog log;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
@@ -112,6 +102,7 @@ TEST_F(UserNotificationCenterTest, HandlersRunOneAtATimeAcrossRequestingThreads)
     }
     EXPECT_EQ(log.waitFor(kRequests), std::vector<std::string>(kRequests, "1"));
     EXPECT_EQ(center().badgeRequestCount(), 2 * kRequests);
+    center().reset();
 }
 
 }  // namespace
