@@ -4,13 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -92,33 +90,6 @@ TEST_F(BundleTest, FindsResourcesByExactNameAndReadsOnlyFiles) {
     EXPECT_EQ(Bundle::contentsOfFile(directory / "linked.mobileprovision"), large);
     EXPECT_EQ(Bundle::contentsOfFile(directory / "empty"), std::vector<std::uint8_t>{});
     EXPECT_FALSE(Bundle::contentsOfFile("").has_value());
-}
-
-TEST_F(BundleTest, DirectoryMayChangeWhileOtherThreadsLookUp) {
-    const fs::path other = directory / "other";
-    fs::create_directory(other);
-    writeFile(directory / "embedded.mobileprovision", {1});
-    writeFile(other / "embedded.mobileprovision", {2});
-    std::atomic<bool> stop{false};
-    std::atomic<int> unexpected{0};
-    std::vector<std::thread> readers;
-    for (int t = 0; t < 4; ++t) {
-        readers.emplace_back([&] {
-            while (!stop.load()) {
-                const auto url = Bundle::mainBundle().urlForResource("embedded", "mobileprovision");
-                unexpected +=
-                    !url || (url->parent_path() != directory && url->parent_path() != other);
-            }
-        });
-    }
-    for (int i = 0; i < 2000; ++i) {
-        Bundle::mainBundle().setResourceDirectory(i % 2 == 0 ? other : directory);
-    }
-    stop = true;
-    for (auto& reader : readers) {
-        reader.join();
-    }
-    EXPECT_EQ(unexpected.load(), 0);
 }
 
 }  // namespace

@@ -120,66 +120,48 @@ TEST(DispatchQueueTest, LastOwnerReleasedOnItsOwnWorker) {
     }
 }
 
-TEST(MainThreadTest, OnlyTheInitialThreadIsMainAndCodeRunningElsewhereCanReportIt) {
-    EXPECT_TRUE(isMainThread());
+// Only the initial thread is main, and only it runs the main queue's items, when it drains them:
+// a drain elsewhere or inside an item runs nothing, and what an item submits waits for the next
+// drain. The loop runs items until one stops it (the item behind the stop waits for the next
+// drain), and a stop from another thread while it sleeps ends it. Waiting for a condition
+// notices one set elsewhere without any item, and gives up after its timeout. Code running
+// elsewhere can report that it should have been on the main thread.
+TEST(MainQueueTest, RunsItemsOnlyOnTheMainThreadWhenDrainedOrLooping) {
+    ASSERT_TRUE(isMainThread());
     EXPECT_TRUE(DispatchQueue::main().isCurrent());
-    LogCapture capture;
-    std::thread([] {
-        EXPECT_FALSE(isMainThread());
-        EXPECT_FALSE(DispatchQueue::main().isCurrent());
-        reportMainActorIsolationViolation("NimbOrraExample/Widget", 370);
-    }).join();
-    const auto records = capture.records();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].level, LogLevel::error);
-    EXPECT_NE(records[0].message.find("NimbOrraExample/Widget:370"), std::string::npos)
-        << records[0].message;
-}
-
-class MainQueueTest : public ::testing::Test {
-  protected:
-    // The main queue is process-wide: start from an empty one.
-    void SetUp() override { DispatchQueue::drainMain(); }
-    void TearDown() override { DispatchQueue::drainMain(); }
-};
-
-TEST_F(MainQueueTest, ItemsRunOnlyWhenDrainedOnTheMainThreadAndDrainsNeverNest) {
-    // Unguarded on purpose: items must run on this thread only (the thread sanitizer checks).
-    std::vector<int> order;
-    // A drain inside an item must run nothing, and what the item submits waits for the next one.
+    DispatchQueue::drainMain();
+    std::vector<int> order;  // unguarded on purpose: only ever touched on this thread
     DispatchQueue::main().async([&] {
         order.push_back(100 + static_cast<int>(DispatchQueue::drainMain()));
         DispatchQueue::main().async([&] { order.push_back(-2); });
     });
+    LogCapture capture;
     std::thread([&] {
+        EXPECT_FALSE(isMainThread() || DispatchQueue::main().isCurrent());
         for (int i = 0; i < 3; ++i) {
             DispatchQueue::main().async([&, i] { order.push_back(isMainThread() ? i : -1); });
         }
         EXPECT_EQ(DispatchQueue::drainMain(), 0u) << "drained off the main thread";
+        reportMainActorIsolationViolation("NimbOrraExample/Widget", 370);
     }).join();
+    ASSERT_EQ(capture.records().size(), 1u);
+    EXPECT_EQ(capture.records()[0].level, LogLevel::error);
+    EXPECT_NE(capture.records()[0].message.find("NimbOrraExample/Widget:370"), std::string::npos);
     EXPECT_TRUE(order.empty());
-
     EXPECT_EQ(DispatchQueue::drainMain(), 4u);
     EXPECT_EQ(order, (std::vector<int>{100, 0, 1, 2}));
     EXPECT_EQ(DispatchQueue::drainMain(), 1u);
-    EXPECT_EQ(DispatchQueue::drainMain(), 0u);
-}
 
-// The loop runs items until one stops it (the item behind the stop waits for the next drain),
-// and a stop from another thread while it sleeps ends it. Waiting for a condition notices one
-// that another thread sets without any item, and gives up after its timeout.
-TEST_F(MainQueueTest, MainLoopRunsUntilStoppedAndRunUntilWaitsForACondition) {
-    int ran = 0;  // only ever touched on this thread
     std::thread producer([&] {
         for (int i = 0; i < 50; ++i) {
-            DispatchQueue::main().async([&] { ++ran; });
+            DispatchQueue::main().async([&, i] { order.push_back(i); });
         }
         DispatchQueue::main().async([] { DispatchQueue::stopMainLoop(); });
-        DispatchQueue::main().async([&] { ++ran; });
+        DispatchQueue::main().async([&] { order.push_back(-3); });
     });
     DispatchQueue::runMainLoop();
     producer.join();
-    EXPECT_EQ(ran, 50);
+    EXPECT_EQ(order.size(), 55u);
     EXPECT_EQ(DispatchQueue::drainMain(), 1u);
     std::thread stopper([] { DispatchQueue::stopMainLoop(); });
     DispatchQueue::runMainLoop();

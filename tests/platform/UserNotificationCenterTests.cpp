@@ -78,32 +78,5 @@ TEST(UserNotificationCenterTest, HeldAnswersKeepWhatWasProgrammedAndResetRelease
                                         "granted", "status 0", "badge set"}));
 }
 
-// Handlers from many requesting threads run one at a time, and may call the center again: they
-// never run under its lock.
-TEST(UserNotificationCenterTest, HandlersRunOneAtATimeAcrossRequestingThreads) {
-    center().reset();
-    constexpr std::size_t kRequests = 4 * 50;
-    int inFlight = 0;  // unguarded on purpose: the thread sanitizer would see overlapping handlers
-    AnswerLog log;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (std::size_t i = 0; i < kRequests / 4; ++i) {
-                center().setBadgeCount(1, [&](std::optional<NSError>) {
-                    ++inFlight;
-                    center().setBadgeCount(0, {});
-                    log.add(std::to_string(inFlight--));
-                });
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(log.waitFor(kRequests), std::vector<std::string>(kRequests, "1"));
-    EXPECT_EQ(center().badgeRequestCount(), 2 * kRequests);
-    center().reset();
-}
-
 }  // namespace
 }  // namespace nimborra::platform

@@ -62,35 +62,31 @@ std::optional<std::string> makeSignedProfile(std::string_view content) {
 }
 
 std::string profilePlist(std::optional<std::string> apsEnvironment) {
-    const std::string aps = apsEnvironment ? "\t\t<key>aps-environment</key><string>" +
+    const std::string aps = apsEnvironment ? "<key>aps-environment</key><string>" +
                                                  escapedXML(*apsEnvironment) + "</string>\n"
                                            : "";
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-           "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-           "<plist version=\"1.0\">\n<dict>\n"
-           "\t<key>AppIDName</key><string>Nimb Orra Sample</string>\n"
-           "\t<key>ApplicationIdentifierPrefix</key><array><string>A1B2C3D4E5</string></array>\n"
-           "\t<key>CreationDate</key><date>2024-03-01T10:15:30Z</date>\n"
-           "\t<key>DeveloperCertificates</key><array><data>MIIFxjCCBK6gAwIBAgIQBj0Tqy3eOVJ4M2qS\n"
-           "\tDmFXpDANBgkqhkiG9w0BAQsFADB1MUQwQgYDVQQDDDtBcHBsZSBXb3JsZHdpZGUg</data></array>\n"
-           "\t<key>Entitlements</key>\n\t<dict>\n"
-           "\t\t<key>application-identifier</key><string>A1B2C3D4E5.com.nimborra.sample</string>\n"
-           "\t\t<key>keychain-access-groups</key><array><string>A1B2C3D4E5.*</string></array>\n" +
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple//DTD "
+           "PLIST "
+           "1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n<plist version=\"1.0\">"
+           "<dict>\n<key>AppIDName</key><string>Nimb Orra Sample</string>\n"
+           "<key>ApplicationIdentifierPrefix</key><array><string>A1B2C3D4E5</string></array>\n"
+           "<key>CreationDate</key><date>2024-03-01T10:15:30Z</date>\n"
+           "<key>DeveloperCertificates</key><array><data>MIIFxjCCBK6gAwIBAgIQBj0Tqy3eOVJ4M2qS\n"
+           "DmFXpDANBgkqhkiG9w0BAQsFADB1MUQwQgYDVQQDDDtBcHBsZSBXb3JsZHdpZGUg</data></array>\n"
+           "<key>Entitlements</key><dict>\n<key>application-identifier</key>"
+           "<string>A1B2C3D4E5.com.nimborra.sample</string>\n<key>keychain-access-groups</key>"
+           "<array><string>A1B2C3D4E5.*</string></array>\n" +
            aps +
-           "\t\t<key>get-task-allow</key><true/>\n"
-           "\t\t<key>com.apple.developer.team-identifier</key><string>A1B2C3D4E5</string>\n"
-           "\t</dict>\n"
-           "\t<key>ExpirationDate</key><date>2025-03-01T10:15:30Z</date>\n"
-           "\t<key>Name</key><string>Nimb Orra Sample Development</string>\n"
-           "\t<key>ProvisionedDevices</key><array><string>00008030-001A2B3C4D5E6F70</string></"
+           "<key>get-task-allow</key><true/>\n<key>com.apple.developer.team-identifier</key>"
+           "<string>A1B2C3D4E5</string>\n</dict>\n<key>ExpirationDate</key>"
+           "<date>2025-03-01T10:15:30Z</date>\n<key>Name</key><string>Nimb Orra Sample</string>\n"
+           "<key>ProvisionedDevices</key><array><string>00008030-001A2B3C4D5E6F70</string></"
            "array>\n"
-           "\t<key>TeamIdentifier</key><array><string>A1B2C3D4E5</string></array>\n"
-           "\t<key>TeamName</key><string>Nimb Orra Test Team</string>\n"
-           "\t<key>TimeToLive</key><integer>365</integer>\n"
-           "\t<key>UUID</key><string>6f1c2a4e-8b3d-4e5f-9a7b-1c2d3e4f5a6b</string>\n"
-           "\t<key>Version</key><integer>1</integer>\n"
-           "</dict>\n</plist>\n";
+           "<key>TeamIdentifier</key><array><string>A1B2C3D4E5</string></array>\n"
+           "<key>TeamName</key><string>Nimb Orra Test Team</string>\n"
+           "<key>TimeToLive</key><integer>365</integer>\n<key>UUID</key>"
+           "<string>6f1c2a4e-8b3d-4e5f-9a7b-1c2d3e4f5a6b</string>\n"
+           "<key>Version</key><integer>1</integer>\n</dict>\n</plist>\n";
 }
 
 }  // namespace nimborra::testing

@@ -7,21 +7,15 @@
 namespace nimborra::testing {
 
 std::optional<std::filesystem::path> corporaDirectory() {
-    std::filesystem::path shared = NIMBORRA_DEFAULT_SHARED_DIR;
-    if (const char* overridden = std::getenv("NIMBORRA_SHARED_DIR")) {
-        shared = overridden;
-    }
+    const char* overridden = std::getenv("NIMBORRA_SHARED_DIR");
+    const auto corpora =
+        std::filesystem::path(overridden ? overridden : NIMBORRA_DEFAULT_SHARED_DIR) / "corpora";
     std::error_code ec;
-    auto corpora = shared / "corpora";
-    if (std::filesystem::is_directory(corpora, ec)) {
-        return corpora;
-    }
-    return std::nullopt;
+    return std::filesystem::is_directory(corpora, ec) ? std::optional(corpora) : std::nullopt;
 }
 
 std::string repeated(std::string_view piece, std::size_t count) {
     std::string text;
-    text.reserve(piece.size() * count);
     for (std::size_t i = 0; i < count; ++i) {
         text += piece;
     }
@@ -29,9 +23,8 @@ std::string repeated(std::string_view piece, std::size_t count) {
 }
 
 std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream content;
-    content << in.rdbuf();
+    content << std::ifstream(path, std::ios::binary).rdbuf();
     return content.str();
 }
 
