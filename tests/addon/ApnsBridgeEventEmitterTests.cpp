@@ -65,30 +65,5 @@ TEST(ApnsEventEmission, UnencodableEventsAreDroppedWithOneErrorLine) {
     }
 }
 
-// A sink that throws does not reach the caller; the production sink passes both texts unchanged
-// to the shared dispatcher, whatever they hold.
-TEST(ApnsEventEmission, SinksPassTextsOnAndNeverThrowAtTheCaller) {
-    class ThrowingEmitter : public ApnsEventEmitting {
-        void emit(const std::string&, const std::string&) override {
-            throw std::runtime_error("sink failed");
-        }
-    } throwing;
-    EXPECT_NO_THROW(emitTokenRefreshed(throwing, "00"));
-    EXPECT_NO_THROW(emitNotificationEvent(throwing, apnsNotificationOpenedEventName, {}, ""));
-
-    auto& dispatcher = core::OrraBridgeDispatcher::shared();
-    dispatcher.resetForTesting();
-    std::vector<Event> received;  // delivered on this thread, before emit returns
-    dispatcher.subscribe([&](const std::string& name, const std::string& payload) {
-        received.emplace_back(name, payload);
-    });
-    const std::string oddPayload("not json \0 \xff at all", 20);
-    ApnsBridgeEventEmitter emitter;
-    emitter.emit("Any.Name", oddPayload);
-    emitter.emit("", "");
-    dispatcher.resetForTesting();
-    EXPECT_EQ(received, (std::vector<Event>{{"Any.Name", oddPayload}, {"", ""}}));
-}
-
 }  // namespace
 }  // namespace nimborra::apns

@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <random>
 
 #include "NimbOrraPlatform/Bundle.h"
 #include "support/TestSupport.h"
@@ -14,33 +13,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Points the main bundle at a fresh temporary directory for one test.
 class ApnsEntitlementReaderTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        previous_ = platform::Bundle::mainBundle().resourceDirectory();
-        std::random_device random;
-        directory_ =
-            fs::temp_directory_path() /
-            ("nimborra-entitlements-" + std::to_string(random()) + std::to_string(random()));
-        fs::create_directories(directory_);
-        platform::Bundle::mainBundle().setResourceDirectory(directory_);
-    }
-    void TearDown() override {
-        platform::Bundle::mainBundle().setResourceDirectory(previous_);
-        std::error_code ec;
-        fs::remove_all(directory_, ec);
-    }
-
-    void writeProfile(std::string_view bytes) {
-        std::ofstream out(directory_ / "embedded.mobileprovision", std::ios::binary);
-        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    }
-
+    void writeProfile(std::string_view bytes) { bundle_.writeProfile(bytes); }
     std::optional<std::string> read() { return ApnsEntitlementReader().readApsEnvironment(); }
 
-    fs::path directory_;
-    fs::path previous_;
+    const testing::TemporaryBundle bundle_;
+    const fs::path& directory_ = bundle_.directory();
 };
 
 std::string plistWithEntitlements(std::string_view entitlementsBody) {

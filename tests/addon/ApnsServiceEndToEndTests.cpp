@@ -4,11 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <mutex>
-#include <random>
 #include <thread>
 
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
@@ -22,11 +19,11 @@
 #include "NimbOrraPushAddonApns/ApnsServiceNativeAdapterDefault.h"
 #include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
 #include "support/SignedProfile.h"
+#include "support/TestSupport.h"
 
 namespace nimborra::apns {
 namespace {
 
-namespace fs = std::filesystem;
 using platform::LogLevel;
 using platform::LogRecord;
 using platform::NSError;
@@ -43,13 +40,6 @@ class ApnsServiceEndToEnd : public ::testing::Test {
         center().reset();
         platform::UIApplication::sharedApplication().reset();
         (void)ApnsColdStartBuffer::shared()->drain();
-
-        previousBundle_ = platform::Bundle::mainBundle().resourceDirectory();
-        std::random_device random;
-        bundle_ = fs::temp_directory_path() /
-                  ("nimborra-e2e-" + std::to_string(random()) + std::to_string(random()));
-        fs::create_directories(bundle_);
-        platform::Bundle::mainBundle().setResourceDirectory(bundle_);
 
         ::Nimb_Orra_ApnsService_Register();
         plugin_ = core::OrraBridgeDispatcher::shared().plugin("ApnsService");
@@ -76,9 +66,6 @@ class ApnsServiceEndToEnd : public ::testing::Test {
         }
         EXPECT_TRUE(weak.expired());
         center().reset();
-        platform::Bundle::mainBundle().setResourceDirectory(previousBundle_);
-        std::error_code ec;
-        fs::remove_all(bundle_, ec);
     }
 
     static UNUserNotificationCenter& center() {
@@ -106,12 +93,11 @@ class ApnsServiceEndToEnd : public ::testing::Test {
     void writeProfile(std::optional<std::string> environment) {
         const auto profile = testing::makeSignedProfile(testing::profilePlist(environment));
         ASSERT_TRUE(profile.has_value()) << "openssl is needed to sign test profiles";
-        std::ofstream(bundle_ / "embedded.mobileprovision", std::ios::binary) << *profile;
+        bundle_.writeProfile(*profile);
     }
 
     std::shared_ptr<core::OrraPlugin> plugin_;
-    fs::path bundle_;
-    fs::path previousBundle_;
+    const testing::TemporaryBundle bundle_;
     std::mutex mutex_;
     std::vector<Event> events_;
 };
@@ -127,7 +113,7 @@ TEST_F(ApnsServiceEndToEnd, UnknownMethodsAndUndecodablePayloadsAreRefused) {
                       (method == "GetToken\n" ? "GetToken\\n" : method) + "\"}}");
     }
     const std::pair<std::string, std::string> undecodable[] = {
-        {"SetBadgeCount", "not json"},
+        {"GetToken", "not json"},
         {"SetBadgeCount", R"({"count":1.5})"},
         {"RequestAuthorization", R"({"options":["alert"]})"},
         {"NotifyDidReceiveResponse", R"({"actionIdentifier":"open"})"}};
@@ -147,7 +133,7 @@ TEST_F(ApnsServiceEndToEnd, UnknownMethodsAndUndecodablePayloadsAreRefused) {
 }
 
 TEST_F(ApnsServiceEndToEnd, GetTokenAlwaysFailsOnTheSimulator) {
-    for (const char* payload : {"[]", R"({"token":"ab"})"}) {
+    for (const char* payload : {"{}", "[]", "null", "\"x\"", R"({"token":"ab"})"}) {
         EXPECT_EQ(call("GetToken", payload),
                   R"({"error":{"code":"UNAVAILABLE","message":"APNs device tokens are not issued )"
                   R"(on the simulator.","externalCode":"SIMULATOR_NO_APNS"}})")
@@ -321,7 +307,8 @@ TEST_F(ApnsServiceEndToEnd, ColdStartIsCapturedOnceAndDrainedOnce) {
     call("NotifyColdStartNotification", coldStart(R"({"aps":{"alert":"second"}})"));
     EXPECT_NE(call("GetColdStartNotification").find(R"("body":"second")"), std::string::npos);
 
-    for (const char* unparsable : {"[1]", "3", "{}", "", "not json", "\"{}\""}) {
+    for (const char* unparsable :
+         {"[1]", "3", "{}", " { } ", "", "not json", "\"{}\"", "{\"a\":1,}"}) {
         EXPECT_EQ(call("NotifyColdStartNotification", coldStart(unparsable)), kSuccessEmpty);
         EXPECT_EQ(call("GetColdStartNotification"), empty) << unparsable;
     }

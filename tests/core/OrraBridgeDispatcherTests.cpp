@@ -16,39 +16,12 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-struct NamedPlugin : OrraPlugin {
-    explicit NamedPlugin(std::string pluginName) : name(std::move(pluginName)) {}
-    std::string_view pluginName() const override { return name; }
-    std::string callSync(std::string_view, std::string_view) override { return {}; }
-    void callAsync(std::string, std::string, OrraCompletion) override {}
-    void cancel(std::int64_t) override {}
-    std::string name;
-};
-
 // A listener that appends "<tag><name>" (and "=<payload>" unless it is empty) for every event;
 // deliveries never overlap, so it needs no lock.
 OrraEventListener recordInto(Names& into, std::string tag = {}) {
     return [&into, tag](const std::string& name, const std::string& payload) {
         into.push_back(tag + name + (payload.empty() ? "" : "=" + payload));
     };
-}
-
-TEST(OrraBridgeDispatcherTest, LaterRegistrationReplacesEarlierOneAndNamesMatchExactly) {
-    OrraBridgeDispatcher dispatcher;
-    auto first = std::make_shared<NamedPlugin>("first");
-    const std::weak_ptr<NamedPlugin> firstWatch = first;
-    dispatcher.registerPlugin("ApnsService", std::move(first));
-    dispatcher.registerPlugin("ApnsService", std::make_shared<NamedPlugin>("second"));
-    EXPECT_TRUE(firstWatch.expired());
-    for (const char* other : {"apnsservice", "ApnsService ", ""}) {
-        EXPECT_EQ(dispatcher.plugin(other), nullptr) << '"' << other << '"';
-    }
-    // A null plug-in is refused with an error and never replaces a registration.
-    platform::LogCapture capture;
-    dispatcher.registerPlugin("ApnsService", nullptr);
-    ASSERT_NE(dispatcher.plugin("ApnsService"), nullptr);
-    EXPECT_EQ(dispatcher.plugin("ApnsService")->pluginName(), "second");
-    EXPECT_EQ(capture.records().size(), 1u);
 }
 
 // A listener that throws is logged, and the listeners after it still hear the event.

@@ -8,8 +8,9 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <system_error>
 #include <vector>
+
+#include "support/TestSupport.h"
 
 namespace {
 
@@ -22,31 +23,16 @@ void writeFile(const fs::path& path, const std::vector<std::uint8_t>& bytes) {
                static_cast<std::streamsize>(bytes.size()));
 }
 
-// Points the main bundle at a fresh directory for the test and restores it afterwards.
-class BundleTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "nimborra-bundle-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        directory = pattern;
-        Bundle::mainBundle().setResourceDirectory(directory);
-    }
-    void TearDown() override {
-        Bundle::mainBundle().setResourceDirectory(previous);
-        std::error_code ignored;
-        fs::remove_all(directory, ignored);
-    }
-
-    const fs::path previous = Bundle::mainBundle().resourceDirectory();
-    fs::path directory;
-};
-
 // By default resources live beside the executable. Anything present under the exact name is
 // found (a directory, a pipe, a link to a file), but only files, through links too, can be read,
 // exactly; a pipe with no writer is refused, not waited on. A dangling link is not found, and
 // names that would leave the directory name nothing.
-TEST_F(BundleTest, FindsResourcesByExactNameAndReadsOnlyFiles) {
-    EXPECT_EQ(previous, fs::read_symlink("/proc/self/exe").parent_path());
+TEST(BundleTest, FindsResourcesByExactNameAndReadsOnlyFiles) {
+    EXPECT_EQ(Bundle::mainBundle().resourceDirectory(),
+              fs::read_symlink("/proc/self/exe").parent_path());
+    const nimborra::testing::TemporaryBundle bundle;
+    const fs::path& directory = bundle.directory();
+    ASSERT_FALSE(directory.empty());
 
     std::vector<std::uint8_t> large(200000);  // more than one read's worth
     for (std::size_t i = 0; i < large.size(); ++i) {

@@ -95,31 +95,6 @@ TEST(DispatchQueueTest, DestructionRunsEverySubmittedItemFirst) {
         << records[1].message;
 }
 
-// The last owner of a queue lets go on the queue's own worker: either while an item runs, or
-// when the item's captures are released after it returned. Neither may deadlock, and the items
-// behind it still run.
-TEST(DispatchQueueTest, LastOwnerReleasedOnItsOwnWorker) {
-    for (const bool insideItem : {true, false}) {
-        SCOPED_TRACE(insideItem ? "released inside the item" : "released with the item");
-        auto queue = std::make_shared<DispatchQueue>("com.example.self-owned");
-        std::binary_semaphore ownerDropped(0);
-        std::binary_semaphore laterItemsRan(0);
-
-        queue->async([keep = queue, &ownerDropped, insideItem]() mutable {
-            ownerDropped.acquire();
-            if (insideItem) {
-                keep.reset();
-            }
-        });
-        queue->async([] {});
-        queue->async([&] { laterItemsRan.release(); });
-        queue.reset();
-        ownerDropped.release();
-
-        EXPECT_TRUE(laterItemsRan.try_acquire_for(patience));
-    }
-}
-
 // Only the initial thread is main, and only it runs the main queue's items, when it drains them:
 // a drain elsewhere or inside an item runs nothing, and what an item submits waits for the next
 // drain. The loop runs items until one stops it (the item behind the stop waits for the next

@@ -228,23 +228,4 @@ TEST(PropertyListSerializationTest, SurvivesNestingBombs) {
     });
 }
 
-TEST(PropertyListSerializationTest, ParsesFromManyThreadsAtOnce) {
-    const std::string xml = nimborra::testing::profilePlist("development");
-    const auto expected = parse(xml);
-    ASSERT_EQ(*expected->find("Entitlements")->find("aps-environment"), Value("development"));
-    std::atomic<int> matches{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 50; ++i) {
-                matches += parse(xml) == expected ? 1 : 0;
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(matches.load(), 8 * 50);
-}
-
 }  // namespace
