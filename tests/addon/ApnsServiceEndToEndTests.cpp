@@ -229,10 +229,6 @@ TEST_F(ApnsServiceEndToEnd, BadgeCountsReachThePlatformUnchanged) {
                   kSuccessEmpty);
         EXPECT_EQ(center().lastBadgeCount(), count);
     }
-    center().setBadgeError(NSError{"UNErrorDomain", 7});
-    EXPECT_EQ(call("SetBadgeCount", R"({"count":1})"),
-              R"({"error":{"code":"INTERNAL","message":"setBadgeCount failed.",)"
-              R"("externalCode":"UNErrorDomain:7"}})");
 }
 
 TEST_F(ApnsServiceEndToEnd, SettingsMapThePlatformStatus) {
@@ -326,10 +322,14 @@ TEST_F(ApnsServiceEndToEnd, LaunchHookCaptureBeforeThePluginExistsIsDrainedAfter
     EXPECT_NE(call("GetColdStartNotification").find(R"("body":"launched")"), std::string::npos);
 }
 
-// A call blocked in the platform holds up every call behind it; all are answered, in order,
-// once the platform answers.
+// A call blocked in the platform holds up every call behind it. Resetting the platform answers
+// the held call with what was programmed when it was asked (the badge error), and later calls
+// get the defaults again (status 0, answered as 1), in order.
 TEST_F(ApnsServiceEndToEnd, BlockedPlatformCallHoldsUpLaterCalls) {
     center().setHoldsAnswers(true);
+    center().setBadgeError(NSError{"UNErrorDomain", 7});
+    center().setAuthorizationAnswer(false, NSError{"UNErrorDomain", 3});
+    center().setAuthorizationStatus(3);
     std::vector<std::future<std::string>> replies;
     replies.push_back(callAsync("SetBadgeCount", R"({"count":9})"));
     replies.push_back(callAsync("GetToken", "{}"));
@@ -343,10 +343,13 @@ TEST_F(ApnsServiceEndToEnd, BlockedPlatformCallHoldsUpLaterCalls) {
     for (auto& reply : replies) {
         EXPECT_EQ(reply.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     }
-    center().setHoldsAnswers(false);
-    EXPECT_EQ(replies[0].get(), kSuccessEmpty);
+    center().reset();
+    EXPECT_EQ(replies[0].get(), R"({"error":{"code":"INTERNAL","message":"setBadgeCount failed.",)"
+                                R"("externalCode":"UNErrorDomain:7"}})");
     EXPECT_TRUE(replies[1].get().starts_with(R"({"error":{"code":"UNAVAILABLE")"));
     EXPECT_EQ(replies[2].get(), R"({"success":{"authorizationStatus":1}})");
+    EXPECT_EQ(call("RequestAuthorization", R"({"options":[]})"), R"({"success":{"granted":true}})");
+    EXPECT_FALSE(center().holdsAnswers());
 }
 
 TEST_F(ApnsServiceEndToEnd, RegistrationCallbackHopsToTheMainThread) {
