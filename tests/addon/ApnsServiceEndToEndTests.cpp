@@ -357,11 +357,13 @@ TEST_F(ApnsServiceEndToEnd, RegistrationCallbackHopsToTheMainThread) {
     ApnsServiceNativeAdapterDefault adapter;
     EXPECT_TRUE(adapter.isSimulator());
     auto& application = platform::UIApplication::sharedApplication();
+    platform::LogCapture capture;  // no report of a registration off the main thread
     std::thread([&] { adapter.registerForRemoteNotifications()(); }).join();
     EXPECT_EQ(application.registrationCount(), 0u) << "not before the main queue runs";
     EXPECT_TRUE(platform::DispatchQueue::runMainUntil(
         [&] { return application.registrationCount() == 1; }, kTimeout));
     EXPECT_EQ(application.mainThreadRegistrationCount(), 1u);
+    EXPECT_TRUE(capture.records().empty());
     adapter.onCancel(12345);  // does nothing, whatever the identifier
     plugin_->cancel(-1);
 }

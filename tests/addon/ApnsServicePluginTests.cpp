@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
+#include "NimbOrraPlatform/Logger.h"
 #include "NimbOrraPushAddonApns/ApnsCompletionBox.h"
 #include "NimbOrraPushAddonApns/ApnsOutcomeEnvelope.h"
 #include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
@@ -129,6 +130,22 @@ TEST_F(ApnsServicePluginTest, RepliesForEveryKindOfResult) {
     // A message that is not UTF-8 cannot become reply text.
     EXPECT_EQ(ApnsOutcomeEnvelope::errorReply("INTERNAL", "\xFF"),
               ApnsOutcomeEnvelope::textFallback);
+}
+
+// A completion that throws is logged and the queue goes on; a plug-in that no shared_ptr owns
+// cannot submit work, and answers at once with the fixed fallback.
+TEST_F(ApnsServicePluginTest, ThrowingCompletionsAndUnownedPluginsStillAnswer) {
+    EXPECT_CALL(*adapter, getToken(_))
+        .WillRepeatedly(Return(ApnsServiceGetTokenResult::success({"ab"})));
+    platform::LogCapture capture;
+    plugin->callAsync("GetToken", "{}", [](std::string) { throw std::runtime_error("host"); });
+    EXPECT_EQ(call("GetToken", "{}"), R"({"success":{"token":"ab"}})");
+    ASSERT_FALSE(capture.records().empty());
+    EXPECT_EQ(capture.records().front().message, "ApnsService: a completion callback threw");
+    ApnsServicePlugin unowned(adapter, std::make_shared<platform::DispatchQueue>("test.unowned"));
+    std::string reply;
+    unowned.callAsync("GetToken", "{}", [&](std::string text) { reply = std::move(text); });
+    EXPECT_EQ(reply, ApnsOutcomeEnvelope::serialisationFallback);
 }
 
 // Cancel reaches the adapter at once, on the caller's thread, whatever the identifier.

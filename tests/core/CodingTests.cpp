@@ -78,6 +78,10 @@ TEST(OrraJSONCoding, EncodesMembersInDeclarationOrderAndRoundTrips) {
     auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(kSampleJSON);
     ASSERT_TRUE(decoded.ok()) << decoded.error().description();
     EXPECT_EQ(decoded.value(), sample());
+    EXPECT_EQ(OrraJSONCoding::makeDecoder()
+                  .decodeFromValue<Sample>(JSONDecoder::parse(kSampleJSON).value())
+                  .value(),
+              sample());
 
     Sample notANumber = sample();
     notANumber.real = std::numeric_limits<double>::quiet_NaN();
@@ -115,6 +119,10 @@ TEST(OrraJSONCoding, DecodingFailuresReportKindPathAndWhatWasFound) {
          "typeMismatch at \"flag\": expected a boolean but found an integer"},
         {replaced(kSampleJSON, "AP8Q", "AP8"),
          "dataCorrupted at \"bytes\": the string is not valid base64"},
+        {replaced(kSampleJSON, "[1,2,0]", "{}"),
+         "typeMismatch at \"colours\": expected an array but found an object"},
+        {replaced(kSampleJSON, "9007199254740993", "\"x\""),
+         "typeMismatch at \"big\": expected an integer but found a string"},
         {replaced(kSampleJSON, "[1,2,0]", "[1,\"2\"]"),
          "typeMismatch at \"colours[1]\": expected an integer but found a string"},
         {replaced(kSampleJSON, "{\"n\":2}", "{}"),
@@ -124,14 +132,23 @@ TEST(OrraJSONCoding, DecodingFailuresReportKindPathAndWhatWasFound) {
         auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(json);
         ASSERT_FALSE(decoded.ok()) << json;
         EXPECT_EQ(decoded.error().description().substr(0, description.size()), description);
+        // Decoding from the parsed Value tree reports the same failure.
+        if (const auto tree = JSONDecoder::parse(json); tree.ok()) {
+            const auto fromTree =
+                OrraJSONCoding::makeDecoder().decodeFromValue<Sample>(tree.value());
+            ASSERT_FALSE(fromTree.ok()) << json;
+            EXPECT_EQ(fromTree.error().description(), decoded.error().description());
+        }
     }
 }
 
 TEST(OrraJSONCoding, IntegerReadsAcceptIntegralRealsAndEnumsFallBackToUnspecified) {
     auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(
-        replaced(replaced(kSampleJSON, "-3", "1e2"), "[1,2,0]", "[3.0,-1,99,2]"));
+        replaced(replaced(replaced(kSampleJSON, "-3", "1e2"), "[1,2,0]", "[3.0,-1,99,2]"), "0.5",
+                 "18446744073709551615"));
     ASSERT_TRUE(decoded.ok()) << decoded.error().description();
     EXPECT_EQ(decoded.value().small, 100);
+    EXPECT_EQ(decoded.value().real, 18446744073709551615.0);
     EXPECT_EQ(decoded.value().colours, (std::vector{Colour::unspecified, Colour::unspecified,
                                                     Colour::unspecified, Colour::green}));
     EXPECT_EQ(fromRawValue<Colour>(2), Colour::green);
@@ -171,6 +188,7 @@ TEST(NimbErrorCode, WireTextsAreUpperSnakeCaseAndReversible) {
         EXPECT_EQ(nimbErrorCodeFromWireText(wireText(code)), code);
     }
     EXPECT_EQ(nimbErrorCodeFromWireText("internal"), std::nullopt);
+    EXPECT_EQ(wireText(static_cast<NimbErrorCode>(-1)), "UNKNOWN");
 }
 
 }  // namespace

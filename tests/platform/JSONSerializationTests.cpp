@@ -63,6 +63,11 @@ TEST(JSONWriter, EscapesLikeThePlatform) {
         "\"a\\\"b\\\\c\\/d\\b\\f\\n\\r\\t\\u0001\\u001f\\u0000\x7f\xC3\xA9\xF0\x9F\x98\x80\"");
 }
 
+// Long texts are scanned in blocks, and a run that needs escaping throughout spans many of them.
+TEST(JSONWriter, EscapesLongRuns) {
+    EXPECT_EQ(write(Value(std::string(5000, '\n'))), "\"" + testing::repeated("\\n", 5000) + "\"");
+}
+
 TEST(JSONWriter, KeepsInsertionOrderOrSortsByKeyBytesAtEveryLevel) {
     Dictionary inner{{"b", 1}, {"B", 2}, {"a", 3}};
     Dictionary outer{{"z", Value(inner)}, {"\xC3\xA9", 0}, {"a", Array{Value(inner)}}};

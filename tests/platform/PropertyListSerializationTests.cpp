@@ -70,6 +70,8 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
         {"<date>2001-12-31T23:59:60Z</date>", Value(Date{1009843200})},
         {"<date>2100-12-31T23:59:60Z</date>", Value(Date{4133980800})},
         {"<data>AAECAw==</data>", Value(bytes({0, 1, 2, 3}))},
+        {"<data>+/8=</data>", Value(bytes({0xfb, 0xff}))},
+        {"<date>\n 2001-01-01T00:00:00Z </date>", Value(Date{978307200})},
         {"<data>\n\tAA!E@C\n\tAwQF\n</data>", Value(bytes({0, 1, 2, 3, 4, 5}))},
         {"<data>AAECA</data>", Value(bytes({0, 1, 2}))},  // an incomplete group is ignored
         {"<data></data>", Value(Data{})},
@@ -135,6 +137,7 @@ TEST(PropertyListSerializationTest, MalformedInputYieldsNothing) {
                                   "<integer>-9223372036854775809</integer>",
                                   "<integer>1<!-- x -->2</integer>",
                                   "<real>1.5x</real>",
+                                  "<real> </real>",
                                   "<date>2001-00-01T00:00:00Z</date>",
                                   "<date>2001-13-01T00:00:00Z</date>",
                                   "<date>2001-01-00T00:00:00Z</date>",
@@ -218,6 +221,10 @@ TEST(PropertyListSerializationTest, SurvivesNestingBombs) {
         plist(bomb("<array><?pi \"?></array>\" ?>")),
         plist(bomb("<array><string><![CDATA[ > </array>]]></string>")),
         plist(bomb("<array></ array>")),
+        // An empty comment or CDATA section, and a DOCTYPE, must not end the counting early.
+        plist("<!---->" + bomb("<array>")),
+        plist("<string><![CDATA[]]></string>" + bomb("<array>")),
+        "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"x\">" + plist(bomb("<array>")),
     };
     runWithStack(bombStackSize, [&] {
         const std::size_t limit = PropertyListSerialization::maximumDepth;

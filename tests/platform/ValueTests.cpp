@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
+
+#include "NimbOrraPlatform/Base64.h"
 
 namespace nimborra::platform {
 namespace {
@@ -35,6 +38,32 @@ TEST(DictionaryTest, FindsEveryMemberWhereverItStands) {
         EXPECT_EQ(readOnly.find(Key("k")), nullptr);
         EXPECT_EQ(dictionary.find("k" + std::to_string(size)), nullptr);
     }
+}
+
+// Equal means the same keys with equal values, in any order; numbers compare by value across
+// their representations.
+TEST(ValueTest, EqualityComparesContentsAndNumbersByValue) {
+    EXPECT_EQ(Value(Dictionary{{"a", 1}, {"b", 2}}), Value(Dictionary{{"b", 2}, {"a", 1.0}}));
+    EXPECT_NE(Value(Dictionary{{"a", 1}, {"b", 2}}), Value(Dictionary{{"a", 1}, {"b", 3}}));
+    EXPECT_NE(Value(Dictionary{{"a", 1}}), Value(Dictionary{{"b", 1}}));
+    EXPECT_EQ(Value(std::uint64_t{1} << 63), Value(9223372036854775808.0));
+    EXPECT_NE(Value(std::uint64_t{1} << 63), Value(1.0));
+    EXPECT_NE(Value(-1), Value(-2.0));
+}
+
+// Every length of the last group: none, one and two bytes left over.
+TEST(Base64Test, EncodesEveryRemainderAndDecodesItBack) {
+    const std::pair<std::vector<std::uint8_t>, const char*> cases[] = {
+        {{}, ""},
+        {{0xfb}, "+w=="},
+        {{0xfb, 0xff}, "+/8="},
+        {{0xfb, 0xff, 0xbf}, "+/+/"},
+        {{0x00, 0x10, 0x83, 0x10}, "ABCDEA=="}};
+    for (const auto& [bytes, text] : cases) {
+        EXPECT_EQ(base64EncodedString(bytes), text);
+        EXPECT_EQ(base64DecodedData(text), bytes) << text;
+    }
+    EXPECT_EQ(base64DecodedData("+w="), std::nullopt);
 }
 
 }  // namespace
