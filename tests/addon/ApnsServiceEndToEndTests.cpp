@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -16,6 +17,7 @@
 #include "NimbOrraPlatform/Logger.h"
 #include "NimbOrraPlatform/UserNotificationCenter.h"
 #include "NimbOrraPushAddonApns/ApnsColdStartBuffer.h"
+#include "NimbOrraPushAddonApns/ApnsEntitlementReader.h"
 #include "NimbOrraPushAddonApns/ApnsServiceNativeAdapterDefault.h"
 #include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
 #include "support/SignedProfile.h"
@@ -177,15 +179,17 @@ TEST_F(ApnsServiceEndToEnd, RegisteredTokenIsEmittedAsLowerCaseHex) {
 }
 
 TEST_F(ApnsServiceEndToEnd, RegistrationFailureIsLoggedAtDebugLevel) {
-    platform::LogCapture capture;
+    std::optional<platform::LogCapture> capture(std::in_place);
     EXPECT_EQ(call("NotifyDidFailToRegister", R"({"errorDescription":"no network"})"),
               kSuccessEmpty);
     EXPECT_EQ(call("NotifyDidFailToRegister", R"({"errorDescription":""})"), kSuccessEmpty);
-    const auto records = capture.records();
+    const auto records = capture->records();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[0], (LogRecord{LogLevel::debug, "com.nimborra.push.addon.apns", "apns",
                                      "APNs remote registration failed: no network"}));
     EXPECT_EQ(records[1].message, "APNs remote registration failed: ");
+    capture.reset();
+    EXPECT_EQ(platform::logLevel(), LogLevel::info) << "the capture gives the level back";
     EXPECT_TRUE(takeEvents().empty());
 }
 
@@ -364,8 +368,87 @@ TEST_F(ApnsServiceEndToEnd, RegistrationCallbackHopsToTheMainThread) {
         [&] { return application.registrationCount() == 1; }, kTimeout));
     EXPECT_EQ(application.mainThreadRegistrationCount(), 1u);
     EXPECT_TRUE(capture.records().empty());
+    auto plugin = std::dynamic_pointer_cast<ApnsServicePlugin>(plugin_);
+    EXPECT_EQ(plugin->queue().label(), "com.nimborra.apns_service.plugin");
+    EXPECT_EQ(plugin->queue().qos(), platform::DispatchQoS::userInitiated);
     adapter.onCancel(12345);  // does nothing, whatever the identifier
     plugin_->cancel(-1);
+}
+
+namespace fs = std::filesystem;
+
+class ApnsEntitlementReaderTest : public ::testing::Test {
+  protected:
+    void writeProfile(std::string_view bytes) { bundle_.writeProfile(bytes); }
+    std::optional<std::string> read() { return ApnsEntitlementReader().readApsEnvironment(); }
+
+    const testing::TemporaryBundle bundle_;
+    const fs::path& directory_ = bundle_.directory();
+};
+
+std::string plistWithEntitlements(std::string_view entitlementsBody) {
+    return std::string(R"(<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0"><dict><key>Name</key><string>x</string><key>Entitlements</key><dict>)") +
+           std::string(entitlementsBody) + "</dict></dict></plist>";
+}
+
+using ::nimborra::testing::repeated;
+
+// No profile, or one that cannot be read, means production; a profile that is read but holds no
+// usable entitlement answers nothing. The property list is found by a byte search.
+TEST_F(ApnsEntitlementReaderTest, ProfilesAnswerTheStoredTextOrNothing) {
+    EXPECT_EQ(read(), "production");
+    fs::create_directory(directory_ / "embedded.mobileprovision");
+    EXPECT_EQ(read(), "production") << "a directory cannot be read";
+    fs::remove(directory_ / "embedded.mobileprovision");
+
+    const std::string good =
+        plistWithEntitlements("<key>aps-environment</key><string>development</string>");
+    const std::pair<const char*, std::string> cases[] = {
+        {"empty file", ""},
+        {"no <plist", "binary garbage without the tag </plist>"},
+        {"no </plist>", "<plist version=\"1.0\"><dict></dict>"},
+        {"close before open", "</plist> junk " + good.substr(0, good.size() - 8)},
+        {"array root", "<plist version=\"1.0\"><array><string>x</string></array></plist>"},
+        {"empty root", "<plist version=\"1.0\"><dict/></plist>"},
+        {"no Entitlements", "<plist version=\"1.0\"><dict><key>a</key><true/></dict></plist>"},
+        {"Entitlements not a dictionary",
+         "<plist version=\"1.0\"><dict><key>Entitlements</key><string>x</string></dict></plist>"},
+        {"no aps-environment", plistWithEntitlements("<key>get-task-allow</key><true/>")},
+        {"number", plistWithEntitlements("<key>aps-environment</key><integer>1</integer>")},
+        {"dictionary", plistWithEntitlements("<key>aps-environment</key><dict/>")},
+        {"empty text", plistWithEntitlements("<key>aps-environment</key><string></string>")},
+        {"malformed XML", good.substr(0, good.size() - 20) + "</plist>"},
+        {"deep nesting", "<plist version=\"1.0\">" + repeated("<array>", 100000) + "</plist>"},
+    };
+    for (const auto& [name, bytes] : cases) {
+        writeProfile(bytes);
+        EXPECT_EQ(read(), std::nullopt) << name;
+    }
+    writeProfile("\x01\x02 prefix bytes " + good + " trailing bytes");
+    EXPECT_EQ(read(), "development");
+}
+
+// Real profiles, signed (BER and DER), unsigned, binary and with odd base64: the expected
+// answers come from the corpus's index.
+TEST_F(ApnsEntitlementReaderTest, RealProfilesAnswerAsIndexed) {
+    NIMBORRA_REQUIRE_CORPORA(corpora);
+    const std::pair<const char*, std::optional<std::string>> expected[] = {
+        {"ios-development-ber.mobileprovision", "development"},
+        {"ios-development-der.mobileprovision", "development"},
+        {"ios-adhoc.mobileprovision", "production"},
+        {"ios-appstore.mobileprovision", "production"},
+        {"ios-appstore-no-push.mobileprovision", std::nullopt},
+        {"macos-development.provisionprofile", std::nullopt},
+        {"unsigned-xml-doctype.mobileprovision", "production"},
+        {"unsigned-binary-plist.mobileprovision", std::nullopt},
+        {"enterprise-ber-odd-data.mobileprovision", "production"},
+        {"unsigned-leading-byte-odd-data.mobileprovision", "production"},
+    };
+    for (const auto& [file, answer] : expected) {
+        writeProfile(testing::readFile(corpora / "provisioning-profiles" / file));
+        EXPECT_EQ(read(), answer) << file;
+    }
 }
 
 }  // namespace

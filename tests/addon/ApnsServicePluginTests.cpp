@@ -5,12 +5,18 @@
 #include <chrono>
 #include <cmath>
 #include <future>
+#include <limits>
 #include <numeric>
+#include <optional>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
 #include "NimbOrraPlatform/Logger.h"
+#include "NimbOrraPushAddonApns/ApnsBridgeEventEmitter.h"
 #include "NimbOrraPushAddonApns/ApnsCompletionBox.h"
 #include "NimbOrraPushAddonApns/ApnsOutcomeEnvelope.h"
 #include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
@@ -50,21 +56,16 @@ class MockAdapter : public ApnsServiceNativeAdapter {
     MOCK_METHOD(void, onCancel, (std::int64_t), (override));
 };
 
-// Waits until `object` is owned by nobody else: a plug-in is released by the last work item
-// that held it, on its queue's thread, after the reply was delivered.
-template <class T>
-void waitUntilSoleOwner(const std::shared_ptr<T>& object) {
-    for (int i = 0; i < 10000 && object.use_count() > 1; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    EXPECT_EQ(object.use_count(), 1);
-}
-
 class ApnsServicePluginTest : public ::testing::Test {
   protected:
+    // The plug-in is released by the last work item that held it, on its queue's thread, after
+    // the reply was delivered: wait for that before the mock is checked.
     void TearDown() override {
         plugin.reset();
-        waitUntilSoleOwner(adapter);
+        for (int i = 0; i < 10000 && adapter.use_count() > 1; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_EQ(adapter.use_count(), 1);
     }
 
     std::shared_ptr<StrictMock<MockAdapter>> adapter = std::make_shared<StrictMock<MockAdapter>>();
@@ -195,28 +196,6 @@ TEST_F(ApnsServicePluginTest, AnswersInEnqueueOrderOneAtATimeOnItsQueue) {
     EXPECT_EQ(replies, enqueued);
 }
 
-class ApnsServicePluginRegistration : public ::testing::Test {
-  protected:
-    void SetUp() override { core::OrraBridgeDispatcher::shared().resetForTesting(); }
-    void TearDown() override { core::OrraBridgeDispatcher::shared().resetForTesting(); }
-};
-
-TEST_F(ApnsServicePluginRegistration, EachRegistrationBuildsAPluginWithItsOwnQueue) {
-    auto& dispatcher = core::OrraBridgeDispatcher::shared();
-    auto adapter = std::make_shared<StrictMock<MockAdapter>>();
-    ApnsServicePlugin::registerPlugin(adapter);
-    auto first = std::dynamic_pointer_cast<ApnsServicePlugin>(dispatcher.plugin("ApnsService"));
-    ApnsServicePlugin::registerPlugin(adapter);
-    auto second = std::dynamic_pointer_cast<ApnsServicePlugin>(dispatcher.plugin("ApnsService"));
-    ASSERT_TRUE(first && second);
-    EXPECT_NE(first, second);
-    EXPECT_NE(&first->queue(), &second->queue());
-    EXPECT_EQ(first->queue().label(), "com.nimborra.apns_service.plugin");
-    EXPECT_EQ(first->queue().qos(), platform::DispatchQoS::userInitiated);
-    EXPECT_EQ(first->adapter(), second->adapter());
-    static_assert(!std::is_default_constructible_v<ApnsServicePlugin>);
-}
-
 // A handler that fires twice must not race the waiter's read; a start that throws is taken as
 // never answered, unless it had answered already.
 TEST(WaitForCompletionTest, OnlyTheFirstAnswerCountsAndAFailedStartIsNotWaitedFor) {
@@ -237,6 +216,51 @@ TEST(WaitForCompletionTest, OnlyTheFirstAnswerCountsAndAFailedStartIsNotWaitedFo
                                     throw std::runtime_error("after the answer");
                                 }),
               8);
+}
+
+using Event = std::pair<std::string, std::string>;
+
+class RecordingEmitter : public ApnsEventEmitting {
+  public:
+    void emit(const std::string& name, const std::string& payload) override {
+        events.emplace_back(name, payload);
+    }
+    std::vector<Event> events;
+};
+
+// An event whose payload cannot be written is dropped with one error line under the add-on's
+// subsystem and category; the sink never sees it.
+TEST(ApnsEventEmission, UnencodableEventsAreDroppedWithOneErrorLine) {
+    ApnsNotification nan;
+    nan.relevanceScore = std::numeric_limits<double>::quiet_NaN();
+    ApnsNotification badTitle;
+    badTitle.title = "\xc3";
+    const struct {
+        const char* name;
+        ApnsNotification notification;
+        std::optional<std::string> identifier;
+    } cases[] = {
+        {apnsNotificationPresentedEventName, nan, std::nullopt},
+        {apnsNotificationOpenedEventName, nan, "open"},
+        {apnsNotificationPresentedEventName, badTitle, std::nullopt},
+        {apnsNotificationOpenedEventName, {}, std::string("op\xffn")},
+        {"OnTokenRefreshed", {}, std::nullopt},  // a token that is not UTF-8, below
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        platform::LogCapture capture;
+        RecordingEmitter emitter;
+        if (c.name == std::string("OnTokenRefreshed")) {
+            emitTokenRefreshed(emitter, "0a\xff");
+        } else {
+            emitNotificationEvent(emitter, c.name, c.notification, c.identifier);
+        }
+        EXPECT_TRUE(emitter.events.empty());
+        EXPECT_EQ(capture.records(),
+                  (std::vector<platform::LogRecord>{
+                      {platform::LogLevel::error, "com.nimborra.push.addon.apns", "apns",
+                       std::string(c.name) + " dropped: payload encoding failed"}}));
+    }
 }
 
 }  // namespace

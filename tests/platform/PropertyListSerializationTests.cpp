@@ -90,10 +90,7 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
 
 TEST(PropertyListSerializationTest, ReadsContainersKeepingOrderAndTheLastOfARepeatedKey) {
     const std::string xml =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-        "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-        "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-        "<plist version=\"1.0\">\n<dict>\n"
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
         "\t<key>b</key><array><integer>1</integer><string>two</string><array/></array>\n"
         "\t<!-- a comment between entries -->\n"
         "\t<key>a</key><dict><key>inner</key><true/></dict>\n"

@@ -80,13 +80,11 @@ std::string profilePlist(std::optional<std::string> apsEnvironment) {
            "<key>get-task-allow</key><true/>\n<key>com.apple.developer.team-identifier</key>"
            "<string>A1B2C3D4E5</string>\n</dict>\n<key>ExpirationDate</key>"
            "<date>2025-03-01T10:15:30Z</date>\n<key>Name</key><string>Nimb Orra Sample</string>\n"
-           "<key>ProvisionedDevices</key><array><string>00008030-001A2B3C4D5E6F70</string></"
-           "array>\n"
-           "<key>TeamIdentifier</key><array><string>A1B2C3D4E5</string></array>\n"
-           "<key>TeamName</key><string>Nimb Orra Test Team</string>\n"
-           "<key>TimeToLive</key><integer>365</integer>\n<key>UUID</key>"
-           "<string>6f1c2a4e-8b3d-4e5f-9a7b-1c2d3e4f5a6b</string>\n"
-           "<key>Version</key><integer>1</integer>\n</dict>\n</plist>\n";
+           "<key>ProvisionedDevices</key><array><string>00008030-001A2B3C4D5E6F70</string></array>"
+           "\n<key>TeamIdentifier</key><array><string>A1B2C3D4E5</string></array>\n<key>TeamName"
+           "</key><string>Nimb Orra Test Team</string>\n<key>TimeToLive</key><integer>365</integer>"
+           "\n<key>UUID</key><string>6f1c2a4e-8b3d-4e5f-9a7b-1c2d3e4f5a6b</string>\n<key>Version"
+           "</key><integer>1</integer>\n</dict>\n</plist>\n";
 }
 
 }  // namespace nimborra::testing
