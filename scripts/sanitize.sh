@@ -25,7 +25,7 @@ esac
 bash scripts/setup.sh
 build=${BUILD_DIR:-build-$mode}
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_CXX_COMPILER=clang++-14 -DNIMBORRA_SANITIZE="$sanitizers"
+  -DCMAKE_CXX_COMPILER=clang++-14 -DNIMBORRA_SANITIZE="$sanitizers" -DNIMBORRA_WARNINGS_AS_ERRORS=ON
 cmake --build "$build"
 # The packaging tests build other programs without the sanitizers; they run in the plain build.
 # ThreadSanitizer needs a memory layout that full address-space randomisation can break, so the

@@ -5,10 +5,8 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <mutex>
-#include <random>
 #include <thread>
 
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
@@ -19,14 +17,15 @@
 #include "NimbOrraPlatform/Logger.h"
 #include "NimbOrraPlatform/UserNotificationCenter.h"
 #include "NimbOrraPushAddonApns/ApnsColdStartBuffer.h"
+#include "NimbOrraPushAddonApns/ApnsEntitlementReader.h"
 #include "NimbOrraPushAddonApns/ApnsServiceNativeAdapterDefault.h"
 #include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
 #include "support/SignedProfile.h"
+#include "support/TestSupport.h"
 
 namespace nimborra::apns {
 namespace {
 
-namespace fs = std::filesystem;
 using platform::LogLevel;
 using platform::LogRecord;
 using platform::NSError;
@@ -34,11 +33,7 @@ using platform::UNUserNotificationCenter;
 
 constexpr auto kTimeout = std::chrono::seconds(30);
 
-struct Event {
-    std::string name;
-    std::string payload;
-    friend bool operator==(const Event&, const Event&) = default;
-};
+using Event = std::pair<std::string, std::string>;  // name and payload
 
 class ApnsServiceEndToEnd : public ::testing::Test {
   protected:
@@ -48,20 +43,13 @@ class ApnsServiceEndToEnd : public ::testing::Test {
         platform::UIApplication::sharedApplication().reset();
         (void)ApnsColdStartBuffer::shared()->drain();
 
-        previousBundle_ = platform::Bundle::mainBundle().resourceDirectory();
-        std::random_device random;
-        bundle_ = fs::temp_directory_path() /
-                  ("nimborra-e2e-" + std::to_string(random()) + std::to_string(random()));
-        fs::create_directories(bundle_);
-        platform::Bundle::mainBundle().setResourceDirectory(bundle_);
-
         ::Nimb_Orra_ApnsService_Register();
         plugin_ = core::OrraBridgeDispatcher::shared().plugin("ApnsService");
         ASSERT_NE(plugin_, nullptr);
         core::OrraBridgeDispatcher::shared().subscribe(
             [this](const std::string& name, const std::string& payload) {
                 std::lock_guard lock(mutex_);
-                events_.push_back({name, payload});
+                events_.emplace_back(name, payload);
             });
     }
 
@@ -80,9 +68,6 @@ class ApnsServiceEndToEnd : public ::testing::Test {
         }
         EXPECT_TRUE(weak.expired());
         center().reset();
-        platform::Bundle::mainBundle().setResourceDirectory(previousBundle_);
-        std::error_code ec;
-        fs::remove_all(bundle_, ec);
     }
 
     static UNUserNotificationCenter& center() {
@@ -91,19 +76,15 @@ class ApnsServiceEndToEnd : public ::testing::Test {
 
     std::future<std::string> callAsync(std::string method, std::string payload) {
         auto reply = std::make_shared<std::promise<std::string>>();
-        auto future = reply->get_future();
         plugin_->callAsync(std::move(method), std::move(payload),
                            [reply](std::string text) { reply->set_value(std::move(text)); });
-        return future;
+        return reply->get_future();
     }
 
+    // The reply, or "no reply" after waiting long enough.
     std::string call(std::string method, std::string payload = "{}") {
         auto future = callAsync(std::move(method), std::move(payload));
-        if (future.wait_for(kTimeout) != std::future_status::ready) {
-            ADD_FAILURE() << "no reply";
-            return {};
-        }
-        return future.get();
+        return future.wait_for(kTimeout) == std::future_status::ready ? future.get() : "no reply";
     }
 
     std::vector<Event> takeEvents() {
@@ -114,17 +95,44 @@ class ApnsServiceEndToEnd : public ::testing::Test {
     void writeProfile(std::optional<std::string> environment) {
         const auto profile = testing::makeSignedProfile(testing::profilePlist(environment));
         ASSERT_TRUE(profile.has_value()) << "openssl is needed to sign test profiles";
-        std::ofstream(bundle_ / "embedded.mobileprovision", std::ios::binary) << *profile;
+        bundle_.writeProfile(*profile);
     }
 
     std::shared_ptr<core::OrraPlugin> plugin_;
-    fs::path bundle_;
-    fs::path previousBundle_;
+    const testing::TemporaryBundle bundle_;
     std::mutex mutex_;
     std::vector<Event> events_;
 };
 
 constexpr const char* kSuccessEmpty = R"({"success":{}})";
+
+// Names match exactly and are echoed as received; a payload that cannot be decoded is an
+// internal error naming where decoding stopped, and reaches no platform service.
+TEST_F(ApnsServiceEndToEnd, UnknownMethodsAndUndecodablePayloadsAreRefused) {
+    for (const std::string method : {"gettoken", "GetToken ", "", "GetToken\n", "Cancel"}) {
+        EXPECT_EQ(call(method),
+                  R"({"error":{"code":"UNIMPLEMENTED","message":"Unknown ASYNC method: )" +
+                      (method == "GetToken\n" ? "GetToken\\n" : method) + "\"}}");
+    }
+    const std::pair<std::string, std::string> undecodable[] = {
+        {"GetToken", "not json"},
+        {"SetBadgeCount", R"({"count":1.5})"},
+        {"RequestAuthorization", R"({"options":["alert"]})"},
+        {"NotifyDidReceiveResponse", R"({"actionIdentifier":"open"})"}};
+    const std::string messages[] = {
+        R"(dataCorrupted at the top level: the data is not valid JSON ()",
+        R"(dataCorrupted at \"count\": the number 1.5 is not an integer"}})",
+        R"(typeMismatch at \"options[0]\": expected an integer but found a string"}})",
+        R"(keyNotFound at \"notification\": no value for key \"notification\""}})"};
+    for (std::size_t i = 0; i < std::size(undecodable); ++i) {
+        const std::string expected = R"({"error":{"code":"INTERNAL","message":")" + messages[i];
+        EXPECT_EQ(call(undecodable[i].first, undecodable[i].second).substr(0, expected.size()),
+                  expected);
+    }
+    EXPECT_EQ(center().badgeRequestCount(), 0u);
+    EXPECT_FALSE(center().lastAuthorizationOptions().has_value());
+    EXPECT_TRUE(takeEvents().empty());
+}
 
 TEST_F(ApnsServiceEndToEnd, GetTokenAlwaysFailsOnTheSimulator) {
     for (const char* payload : {"{}", "[]", "null", "\"x\"", R"({"token":"ab"})"}) {
@@ -171,21 +179,26 @@ TEST_F(ApnsServiceEndToEnd, RegisteredTokenIsEmittedAsLowerCaseHex) {
 }
 
 TEST_F(ApnsServiceEndToEnd, RegistrationFailureIsLoggedAtDebugLevel) {
-    platform::LogCapture capture;
+    std::optional<platform::LogCapture> capture(std::in_place);
     EXPECT_EQ(call("NotifyDidFailToRegister", R"({"errorDescription":"no network"})"),
               kSuccessEmpty);
     EXPECT_EQ(call("NotifyDidFailToRegister", R"({"errorDescription":""})"), kSuccessEmpty);
-    const auto records = capture.records();
+    const auto records = capture->records();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[0], (LogRecord{LogLevel::debug, "com.nimborra.push.addon.apns", "apns",
                                      "APNs remote registration failed: no network"}));
     EXPECT_EQ(records[1].message, "APNs remote registration failed: ");
+    capture.reset();
+    EXPECT_EQ(platform::logLevel(), LogLevel::info) << "the capture gives the level back";
     EXPECT_TRUE(takeEvents().empty());
 }
 
+// Each wire option alone sets its own platform bit, so two options that swapped bits would show;
+// 0 and numbers that name no option set none, and repeats add nothing.
 TEST_F(ApnsServiceEndToEnd, AuthorizationOptionsReachThePlatformAsABitMask) {
     const std::pair<const char*, std::uint64_t> cases[] = {
-        {"[3,1,2]", 7}, {"[7]", 64}, {"[]", 0}, {"[0]", 0}, {"[4,5,6,6,99]", 56},
+        {"[1]", 1},  {"[2]", 2}, {"[3]", 4}, {"[4]", 8}, {"[5]", 16},          {"[6]", 32},
+        {"[7]", 64}, {"[0]", 0}, {"[8]", 0}, {"[]", 0},  {"[3,1,1,99,7]", 69},
     };
     for (const auto& [options, mask] : cases) {
         EXPECT_EQ(call("RequestAuthorization", std::string(R"({"options":)") + options + "}"),
@@ -208,18 +221,10 @@ TEST_F(ApnsServiceEndToEnd, AuthorizationErrors) {
               "requestAuthorization: notifications not allowed for this app; reporting granted = "
               "false");
 
-    const std::pair<NSError, const char*> failures[] = {
-        {NSError{"UNErrorDomain", 3}, "UNErrorDomain:3"},
-        {NSError{"NSCocoaErrorDomain", 1}, "NSCocoaErrorDomain:1"},
-        {NSError{"X", -42}, "X:-42"},
-    };
-    for (const auto& [error, externalCode] : failures) {
-        center().setAuthorizationAnswer(true, error);
-        EXPECT_EQ(call("RequestAuthorization", R"({"options":[]})"),
-                  std::string(R"({"error":{"code":"INTERNAL","message":"requestAuthorization )"
-                              R"(failed.","externalCode":")") +
-                      externalCode + "\"}}");
-    }
+    center().setAuthorizationAnswer(true, NSError{"X", -42});
+    EXPECT_EQ(call("RequestAuthorization", R"({"options":[]})"),
+              R"({"error":{"code":"INTERNAL","message":"requestAuthorization failed.",)"
+              R"("externalCode":"X:-42"}})");
 }
 
 TEST_F(ApnsServiceEndToEnd, BadgeCountsReachThePlatformUnchanged) {
@@ -228,10 +233,6 @@ TEST_F(ApnsServiceEndToEnd, BadgeCountsReachThePlatformUnchanged) {
                   kSuccessEmpty);
         EXPECT_EQ(center().lastBadgeCount(), count);
     }
-    center().setBadgeError(NSError{"UNErrorDomain", 7});
-    EXPECT_EQ(call("SetBadgeCount", R"({"count":1})"),
-              R"({"error":{"code":"INTERNAL","message":"setBadgeCount failed.",)"
-              R"("externalCode":"UNErrorDomain:7"}})");
 }
 
 TEST_F(ApnsServiceEndToEnd, SettingsMapThePlatformStatus) {
@@ -306,7 +307,8 @@ TEST_F(ApnsServiceEndToEnd, ColdStartIsCapturedOnceAndDrainedOnce) {
     call("NotifyColdStartNotification", coldStart(R"({"aps":{"alert":"second"}})"));
     EXPECT_NE(call("GetColdStartNotification").find(R"("body":"second")"), std::string::npos);
 
-    for (const char* unparsable : {"[1]", "3", "{}", "", "not json", "\"{}\""}) {
+    for (const char* unparsable :
+         {"[1]", "3", "{}", " { } ", "", "not json", "\"{}\"", "{\"a\":1,}"}) {
         EXPECT_EQ(call("NotifyColdStartNotification", coldStart(unparsable)), kSuccessEmpty);
         EXPECT_EQ(call("GetColdStartNotification"), empty) << unparsable;
     }
@@ -324,10 +326,14 @@ TEST_F(ApnsServiceEndToEnd, LaunchHookCaptureBeforeThePluginExistsIsDrainedAfter
     EXPECT_NE(call("GetColdStartNotification").find(R"("body":"launched")"), std::string::npos);
 }
 
-// A call blocked in the platform holds up every call behind it; all are answered, in order,
-// once the platform answers.
+// A call blocked in the platform holds up every call behind it. Resetting the platform answers
+// the held call with what was programmed when it was asked (the badge error), and later calls
+// get the defaults again (status 0, answered as 1), in order.
 TEST_F(ApnsServiceEndToEnd, BlockedPlatformCallHoldsUpLaterCalls) {
     center().setHoldsAnswers(true);
+    center().setBadgeError(NSError{"UNErrorDomain", 7});
+    center().setAuthorizationAnswer(false, NSError{"UNErrorDomain", 3});
+    center().setAuthorizationStatus(3);
     std::vector<std::future<std::string>> replies;
     replies.push_back(callAsync("SetBadgeCount", R"({"count":9})"));
     replies.push_back(callAsync("GetToken", "{}"));
@@ -341,10 +347,13 @@ TEST_F(ApnsServiceEndToEnd, BlockedPlatformCallHoldsUpLaterCalls) {
     for (auto& reply : replies) {
         EXPECT_EQ(reply.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     }
-    center().setHoldsAnswers(false);
-    EXPECT_EQ(replies[0].get(), kSuccessEmpty);
+    center().reset();
+    EXPECT_EQ(replies[0].get(), R"({"error":{"code":"INTERNAL","message":"setBadgeCount failed.",)"
+                                R"("externalCode":"UNErrorDomain:7"}})");
     EXPECT_TRUE(replies[1].get().starts_with(R"({"error":{"code":"UNAVAILABLE")"));
     EXPECT_EQ(replies[2].get(), R"({"success":{"authorizationStatus":1}})");
+    EXPECT_EQ(call("RequestAuthorization", R"({"options":[]})"), R"({"success":{"granted":true}})");
+    EXPECT_FALSE(center().holdsAnswers());
 }
 
 TEST_F(ApnsServiceEndToEnd, RegistrationCallbackHopsToTheMainThread) {
@@ -352,22 +361,94 @@ TEST_F(ApnsServiceEndToEnd, RegistrationCallbackHopsToTheMainThread) {
     ApnsServiceNativeAdapterDefault adapter;
     EXPECT_TRUE(adapter.isSimulator());
     auto& application = platform::UIApplication::sharedApplication();
+    platform::LogCapture capture;  // no report of a registration off the main thread
     std::thread([&] { adapter.registerForRemoteNotifications()(); }).join();
     EXPECT_EQ(application.registrationCount(), 0u) << "not before the main queue runs";
     EXPECT_TRUE(platform::DispatchQueue::runMainUntil(
         [&] { return application.registrationCount() == 1; }, kTimeout));
     EXPECT_EQ(application.mainThreadRegistrationCount(), 1u);
+    EXPECT_TRUE(capture.records().empty());
+    auto plugin = std::dynamic_pointer_cast<ApnsServicePlugin>(plugin_);
+    EXPECT_EQ(plugin->queue().label(), "com.nimborra.apns_service.plugin");
+    EXPECT_EQ(plugin->queue().qos(), platform::DispatchQoS::userInitiated);
     adapter.onCancel(12345);  // does nothing, whatever the identifier
     plugin_->cancel(-1);
 }
 
-TEST_F(ApnsServiceEndToEnd, TwoAdaptersShareTheColdStartBuffer) {
-    ApnsServiceNativeAdapterDefault first;
-    ApnsServiceNativeAdapterDefault second;
-    first.notifyColdStartNotification({R"({"aps":{"alert":"shared"}})"});
-    auto drained = second.getColdStartNotification({});
-    ASSERT_TRUE(drained.isSuccess());
-    EXPECT_EQ(drained.successValue()->notification.body, "shared");
+namespace fs = std::filesystem;
+
+class ApnsEntitlementReaderTest : public ::testing::Test {
+  protected:
+    void writeProfile(std::string_view bytes) { bundle_.writeProfile(bytes); }
+    std::optional<std::string> read() { return ApnsEntitlementReader().readApsEnvironment(); }
+
+    const testing::TemporaryBundle bundle_;
+    const fs::path& directory_ = bundle_.directory();
+};
+
+std::string plistWithEntitlements(std::string_view entitlementsBody) {
+    return std::string(R"(<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0"><dict><key>Name</key><string>x</string><key>Entitlements</key><dict>)") +
+           std::string(entitlementsBody) + "</dict></dict></plist>";
+}
+
+using ::nimborra::testing::repeated;
+
+// No profile, or one that cannot be read, means production; a profile that is read but holds no
+// usable entitlement answers nothing. The property list is found by a byte search.
+TEST_F(ApnsEntitlementReaderTest, ProfilesAnswerTheStoredTextOrNothing) {
+    EXPECT_EQ(read(), "production");
+    fs::create_directory(directory_ / "embedded.mobileprovision");
+    EXPECT_EQ(read(), "production") << "a directory cannot be read";
+    fs::remove(directory_ / "embedded.mobileprovision");
+
+    const std::string good =
+        plistWithEntitlements("<key>aps-environment</key><string>development</string>");
+    const std::pair<const char*, std::string> cases[] = {
+        {"empty file", ""},
+        {"no <plist", "binary garbage without the tag </plist>"},
+        {"no </plist>", "<plist version=\"1.0\"><dict></dict>"},
+        {"close before open", "</plist> junk " + good.substr(0, good.size() - 8)},
+        {"array root", "<plist version=\"1.0\"><array><string>x</string></array></plist>"},
+        {"empty root", "<plist version=\"1.0\"><dict/></plist>"},
+        {"no Entitlements", "<plist version=\"1.0\"><dict><key>a</key><true/></dict></plist>"},
+        {"Entitlements not a dictionary",
+         "<plist version=\"1.0\"><dict><key>Entitlements</key><string>x</string></dict></plist>"},
+        {"no aps-environment", plistWithEntitlements("<key>get-task-allow</key><true/>")},
+        {"number", plistWithEntitlements("<key>aps-environment</key><integer>1</integer>")},
+        {"dictionary", plistWithEntitlements("<key>aps-environment</key><dict/>")},
+        {"empty text", plistWithEntitlements("<key>aps-environment</key><string></string>")},
+        {"malformed XML", good.substr(0, good.size() - 20) + "</plist>"},
+        {"deep nesting", "<plist version=\"1.0\">" + repeated("<array>", 100000) + "</plist>"},
+    };
+    for (const auto& [name, bytes] : cases) {
+        writeProfile(bytes);
+        EXPECT_EQ(read(), std::nullopt) << name;
+    }
+    writeProfile("\x01\x02 prefix bytes " + good + " trailing bytes");
+    EXPECT_EQ(read(), "development");
+}
+
+// Real profiles, signed (BER and DER), unsigned, binary and with odd base64: the expected
+// answers come from the corpus's index.
+TEST_F(ApnsEntitlementReaderTest, RealProfilesAnswerAsIndexed) {
+    NIMBORRA_REQUIRE_CORPORA(corpora);
+    const std::pair<const char*, std::optional<std::string>> expected[] = {
+        {"ios-development-ber.mobileprovision", "development"},
+        {"ios-development-der.mobileprovision", "development"},
+        {"ios-adhoc.mobileprovision", "production"},
+        {"ios-appstore.mobileprovision", "production"},
+        {"ios-appstore-no-push.mobileprovision", std::nullopt},
+        {"macos-development.provisionprofile", std::nullopt},
+        {"unsigned-xml-doctype.mobileprovision", "production"},
+        {"unsigned-binary-plist.mobileprovision", std::nullopt},
+        {"enterprise-ber-odd-data.mobileprovision", "production"},
+        {"unsigned-leading-byte-odd-data.mobileprovision", "production"},
+    };
+    for (const auto& [file, answer] : expected) {
+        writeProfile(testing::readFile(corpora / "provisioning-profiles" / file));
+        EXPECT_EQ(read(), answer) << file;
+    }
 }
 
 }  // namespace

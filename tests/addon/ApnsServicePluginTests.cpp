@@ -5,10 +5,19 @@
 #include <chrono>
 #include <cmath>
 #include <future>
-#include <mutex>
+#include <limits>
+#include <numeric>
+#include <optional>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
+#include "NimbOrraPlatform/Logger.h"
+#include "NimbOrraPushAddonApns/ApnsBridgeEventEmitter.h"
+#include "NimbOrraPushAddonApns/ApnsCompletionBox.h"
 #include "NimbOrraPushAddonApns/ApnsOutcomeEnvelope.h"
 #include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
 
@@ -47,21 +56,16 @@ class MockAdapter : public ApnsServiceNativeAdapter {
     MOCK_METHOD(void, onCancel, (std::int64_t), (override));
 };
 
-// Waits until `object` is owned by nobody else: a plug-in is released by the last work item
-// that held it, on its queue's thread, after the reply was delivered.
-template <class T>
-void waitUntilSoleOwner(const std::shared_ptr<T>& object) {
-    for (int i = 0; i < 10000 && object.use_count() > 1; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    EXPECT_EQ(object.use_count(), 1);
-}
-
 class ApnsServicePluginTest : public ::testing::Test {
   protected:
+    // The plug-in is released by the last work item that held it, on its queue's thread, after
+    // the reply was delivered: wait for that before the mock is checked.
     void TearDown() override {
         plugin.reset();
-        waitUntilSoleOwner(adapter);
+        for (int i = 0; i < 10000 && adapter.use_count() > 1; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_EQ(adapter.use_count(), 1);
     }
 
     std::shared_ptr<StrictMock<MockAdapter>> adapter = std::make_shared<StrictMock<MockAdapter>>();
@@ -88,137 +92,35 @@ class ApnsServicePluginTest : public ::testing::Test {
     }
 };
 
-// Every method reaches its own operation with the decoded request.
-TEST_F(ApnsServicePluginTest, DispatchesEveryMethodToItsOwnOperation) {
-    ApnsNotification notification;
-    notification.title = "T";
-    notification.relevanceScore = 0.5;
-    const std::string notificationJSON =
-        core::OrraJSONCoding::makeEncoder().encode(notification).value();
-
-    EXPECT_CALL(*adapter, getToken(_)).WillOnce(Return(ApnsServiceGetTokenResult::success({"ab"})));
-    EXPECT_CALL(*adapter, getProviderEnvironment(_))
-        .WillOnce(Return(
-            ApnsServiceGetProviderEnvironmentResult::success({ProviderEnvironment::apnsSandbox})));
-    EXPECT_CALL(*adapter, getColdStartNotification(_))
-        .WillOnce(Return(ApnsServiceGetColdStartNotificationResult::success({notification})));
-    EXPECT_CALL(*adapter, requestAuthorization(APNSServiceRequestAuthorizationRequest{
-                              {UNAuthorizationOption::alert, UNAuthorizationOption::unspecified}}))
-        .WillOnce(Return(ApnsServiceRequestAuthorizationResult::success({true})));
-    EXPECT_CALL(*adapter, setBadgeCount(APNSServiceSetBadgeCountRequest{-4}))
-        .WillOnce(Return(ApnsServiceSetBadgeCountResult::success({})));
-    EXPECT_CALL(*adapter, getNotificationSettings(_))
-        .WillOnce(Return(
-            ApnsServiceGetNotificationSettingsResult::success({UNAuthorizationStatus::denied})));
-    EXPECT_CALL(*adapter, notifyDidRegisterForRemoteNotifications(
-                              APNSServiceNotifyDidRegisterForRemoteNotificationsRequest{
-                                  platform::Data{{0x0a, 0x1b, 0x2c}}}))
-        .WillOnce(Return(ApnsServiceNotifyDidRegisterForRemoteNotificationsResult::success({})));
-    EXPECT_CALL(*adapter,
-                notifyDidFailToRegister(APNSServiceNotifyDidFailToRegisterRequest{"no network"}))
-        .WillOnce(Return(ApnsServiceNotifyDidFailToRegisterResult::success({})));
-    EXPECT_CALL(*adapter, notifyWillPresentNotification(
-                              APNSServiceNotifyWillPresentNotificationRequest{notification}))
-        .WillOnce(Return(ApnsServiceNotifyWillPresentNotificationResult::success(
-            {{UNNotificationPresentationOption::banner}})));
-    EXPECT_CALL(*adapter, notifyDidReceiveResponse(
-                              APNSServiceNotifyDidReceiveResponseRequest{notification, "open"}))
-        .WillOnce(Return(ApnsServiceNotifyDidReceiveResponseResult::success({})));
-    EXPECT_CALL(*adapter, notifyColdStartNotification(
-                              APNSServiceNotifyColdStartNotificationRequest{"{\"a\":1}"}))
-        .WillOnce(Return(ApnsServiceNotifyColdStartNotificationResult::success({})));
-
-    const std::pair<std::string, std::string> calls[][1] = {
-        {{"GetToken", "{}"}},
-        {{"GetProviderEnvironment", "[]"}},
-        {{"GetColdStartNotification", "null"}},
-        {{"RequestAuthorization", R"({"options":[3,0]})"}},
-        {{"SetBadgeCount", R"({"count":-4})"}},
-        {{"GetNotificationSettings", "{}"}},
-        {{"NotifyDidRegisterForRemoteNotifications", R"({"deviceToken":"Chss"})"}},
-        {{"NotifyDidFailToRegister", R"({"errorDescription":"no network"})"}},
-        {{"NotifyWillPresentNotification", "{\"notification\":" + notificationJSON + "}"}},
-        {{"NotifyDidReceiveResponse",
-          "{\"notification\":" + notificationJSON + ",\"actionIdentifier\":\"open\"}"}},
-        {{"NotifyColdStartNotification", R"({"userInfoJson":"{\"a\":1}"})"}},
-    };
-    const std::string expected[] = {
-        R"({"success":{"token":"ab"}})",
-        R"({"success":{"environment":2}})",
-        "{\"success\":{\"notification\":" + notificationJSON + "}}",
-        R"({"success":{"granted":true}})",
-        R"({"success":{}})",
-        R"({"success":{"authorizationStatus":2}})",
-        R"({"success":{}})",
-        R"({"success":{}})",
-        R"({"success":{"presentationOptions":[4]}})",
-        R"({"success":{}})",
-        R"({"success":{}})",
-    };
-    for (std::size_t i = 0; i < std::size(calls); ++i) {
-        EXPECT_EQ(call(calls[i][0].first, calls[i][0].second), expected[i]) << calls[i][0].first;
-    }
-}
-
-TEST_F(ApnsServicePluginTest, UnknownNamesAreUnimplementedWithTheNameAsReceived) {
-    for (const char* method : {"gettoken", "GetToken ", " GetToken", "", "Get Token", "GETTOKEN",
-                               "GetToken\n", "Cancel"}) {
-        EXPECT_EQ(
-            call(method, "{}"),
-            std::string(R"({"error":{"code":"UNIMPLEMENTED","message":"Unknown ASYNC method: )") +
-                (std::string(method) == "GetToken\n" ? "GetToken\\n" : method) + "\"}}")
-            << method;
-    }
-}
-
-TEST_F(ApnsServicePluginTest, UndecodablePayloadsAreInternalErrorsWithoutReachingTheAdapter) {
-    struct Case {
-        const char* method;
-        const char* payload;
-        const char* messagePrefix;
-    };
-    const Case cases[] = {
-        {"GetToken", "", "dataCorrupted at the top level: the data is not valid JSON ("},
-        {"GetToken", "not json", "dataCorrupted at the top level: the data is not valid JSON ("},
-        {"SetBadgeCount", "{}", "keyNotFound at \\\"count\\\": no value for key \\\"count\\\""},
-        {"SetBadgeCount", R"({"count":1.5})", "dataCorrupted at \\\"count\\\": "},
-        {"RequestAuthorization", R"({"options":["alert"]})",
-         "typeMismatch at \\\"options[0]\\\": expected an integer but found a string"},
-        {"NotifyDidReceiveResponse", R"({"actionIdentifier":"open"})",
-         "keyNotFound at \\\"notification\\\""},
-    };
-    for (const auto& c : cases) {
-        const std::string reply = call(c.method, c.payload);
-        EXPECT_TRUE(reply.starts_with(std::string(R"({"error":{"code":"INTERNAL","message":")") +
-                                      c.messagePrefix))
-            << c.method << " " << c.payload << " -> " << reply;
-    }
-}
-
+// Every kind of result becomes its reply: an unknown outcome keeps its code and its JSON data
+// (any value), a failure its fields in order; data that is not JSON, a success that cannot be
+// encoded and a failure that cannot be written fall back to fixed internal errors.
 TEST_F(ApnsServicePluginTest, RepliesForEveryKindOfResult) {
     core::NimbError problem(core::NimbErrorCode::failedPrecondition, "a \"quoted\" /path");
     problem.externalCode = "EXT";
     problem.traceId = "t";
-    EXPECT_CALL(*adapter, getToken(_))
-        .WillOnce(Return(ApnsServiceGetTokenResult::unknown("C", "42")))
-        .WillOnce(Return(ApnsServiceGetTokenResult::unknown("C", "null")))
-        .WillOnce(Return(ApnsServiceGetTokenResult::unknown("C", R"({"k":[1,"\/"]})")))
-        .WillOnce(Return(ApnsServiceGetTokenResult::unknown("C", "")))
-        .WillOnce(Return(ApnsServiceGetTokenResult::unknown("C", "{")))
-        .WillOnce(Return(ApnsServiceGetTokenResult::failure(problem)));
-    EXPECT_EQ(call("GetToken", "{}"), R"({"outcome":{"code":"C","data":42}})");
-    EXPECT_EQ(call("GetToken", "{}"), R"({"outcome":{"code":"C","data":null}})");
-    EXPECT_EQ(call("GetToken", "{}"), R"({"outcome":{"code":"C","data":{"k":[1,"\/"]}}})");
-    const std::string notJSON =
+    core::NimbError unwritable(core::NimbErrorCode::internal, "x");
+    unwritable.details = platform::Value(platform::Data{{1}});
+    const char* notJSON =
         R"({"error":{"code":"INTERNAL","message":"Unknown outcome rawJson was not valid JSON"}})";
-    EXPECT_EQ(call("GetToken", "{}"), notJSON);
-    EXPECT_EQ(call("GetToken", "{}"), notJSON);
-    EXPECT_EQ(call("GetToken", "{}"),
-              R"({"error":{"code":"FAILED_PRECONDITION","message":"a \"quoted\" \/path",)"
-              R"("externalCode":"EXT","traceId":"t"}})");
-}
-
-TEST_F(ApnsServicePluginTest, UnencodableSuccessBecomesAnInternalErrorWithTheEncodersDescription) {
+    const std::pair<ApnsServiceGetTokenResult, std::string> cases[] = {
+        {ApnsServiceGetTokenResult::unknown("C", "42"), R"({"outcome":{"code":"C","data":42}})"},
+        {ApnsServiceGetTokenResult::unknown("C", "null"),
+         R"({"outcome":{"code":"C","data":null}})"},
+        {ApnsServiceGetTokenResult::unknown("C", R"({"k":[1,"\/"]})"),
+         R"({"outcome":{"code":"C","data":{"k":[1,"\/"]}}})"},
+        {ApnsServiceGetTokenResult::unknown("C", ""), notJSON},
+        {ApnsServiceGetTokenResult::unknown("C", "{"), notJSON},
+        {ApnsServiceGetTokenResult::failure(problem),
+         R"({"error":{"code":"FAILED_PRECONDITION","message":"a \"quoted\" \/path",)"
+         R"("externalCode":"EXT","traceId":"t"}})"},
+        {ApnsServiceGetTokenResult::failure(unwritable),
+         std::string(ApnsOutcomeEnvelope::serialisationFallback)},
+    };
+    for (const auto& [result, reply] : cases) {
+        EXPECT_CALL(*adapter, getToken(_)).WillOnce(Return(result));
+        EXPECT_EQ(call("GetToken", "{}"), reply);
+    }
     ApnsNotification notification;
     notification.relevanceScore = std::nan("");
     EXPECT_CALL(*adapter, getColdStartNotification(_))
@@ -226,25 +128,29 @@ TEST_F(ApnsServicePluginTest, UnencodableSuccessBecomesAnInternalErrorWithTheEnc
     EXPECT_EQ(call("GetColdStartNotification", "{}"),
               R"({"error":{"code":"INTERNAL","message":"invalidValue at \"notification.)"
               R"(relevanceScore\": the number nan cannot be written in JSON"}})");
-}
-
-TEST_F(ApnsServicePluginTest, UnserialisableFailureFallsBackToTheFixedText) {
-    core::NimbError problem(core::NimbErrorCode::internal, "x");
-    problem.details = platform::Value(platform::Data{{1}});
-    EXPECT_CALL(*adapter, getToken(_))
-        .WillOnce(Return(ApnsServiceGetTokenResult::failure(problem)));
-    EXPECT_EQ(call("GetToken", "{}"), ApnsOutcomeEnvelope::serialisationFallback);
     // A message that is not UTF-8 cannot become reply text.
     EXPECT_EQ(ApnsOutcomeEnvelope::errorReply("INTERNAL", "\xFF"),
               ApnsOutcomeEnvelope::textFallback);
 }
 
-TEST_F(ApnsServicePluginTest, SyncCallsAreRefusedAndCancelIsForwardedOnTheCallersThread) {
-    const char* refusal =
-        R"({"error":{"code":"INTERNAL","message":"Plugin ApnsService has no SYNC methods"}})";
-    for (const char* method : {"GetToken", "", "Anything"}) {
-        EXPECT_EQ(plugin->callSync(method, "{}"), refusal);
-    }
+// A completion that throws is logged and the queue goes on; a plug-in that no shared_ptr owns
+// cannot submit work, and answers at once with the fixed fallback.
+TEST_F(ApnsServicePluginTest, ThrowingCompletionsAndUnownedPluginsStillAnswer) {
+    EXPECT_CALL(*adapter, getToken(_))
+        .WillRepeatedly(Return(ApnsServiceGetTokenResult::success({"ab"})));
+    platform::LogCapture capture;
+    plugin->callAsync("GetToken", "{}", [](std::string) { throw std::runtime_error("host"); });
+    EXPECT_EQ(call("GetToken", "{}"), R"({"success":{"token":"ab"}})");
+    ASSERT_FALSE(capture.records().empty());
+    EXPECT_EQ(capture.records().front().message, "ApnsService: a completion callback threw");
+    ApnsServicePlugin unowned(adapter, std::make_shared<platform::DispatchQueue>("test.unowned"));
+    std::string reply;
+    unowned.callAsync("GetToken", "{}", [&](std::string text) { reply = std::move(text); });
+    EXPECT_EQ(reply, ApnsOutcomeEnvelope::serialisationFallback);
+}
+
+// Cancel reaches the adapter at once, on the caller's thread, whatever the identifier.
+TEST_F(ApnsServicePluginTest, CancelIsForwardedOnTheCallersThread) {
     std::thread::id cancelThread;
     EXPECT_CALL(*adapter, onCancel(987654321987LL)).WillOnce(Invoke([&](std::int64_t) {
         cancelThread = std::this_thread::get_id();
@@ -254,87 +160,107 @@ TEST_F(ApnsServicePluginTest, SyncCallsAreRefusedAndCancelIsForwardedOnTheCaller
     EXPECT_EQ(plugin->pluginName(), "ApnsService");
 }
 
-// Calls from several threads are answered in the order they were enqueued, one at a time, on
-// the plug-in's queue; the next operation starts only after the previous callback returned.
+// Calls are answered in the order they were enqueued, one at a time, on the plug-in's queue; the
+// next operation starts only after the previous callback returned.
 TEST_F(ApnsServicePluginTest, AnswersInEnqueueOrderOneAtATimeOnItsQueue) {
-    std::mutex mutex;
-    std::vector<int> operations;
-    std::vector<int> replies;
+    constexpr int kCalls = 500;
+    std::vector<int> operations, replies;  // touched on the plug-in's queue only
     std::atomic<bool> inCallback{false};
     std::atomic<int> violations{0};
+    std::promise<void> allAnswered;
     EXPECT_CALL(*adapter, setBadgeCount(_))
         .WillRepeatedly(Invoke([&](APNSServiceSetBadgeCountRequest request) {
-            if (inCallback.load() || !plugin->queue().isCurrent()) {
-                ++violations;
-            }
-            std::lock_guard lock(mutex);
+            violations += inCallback.load() || !plugin->queue().isCurrent();
             operations.push_back(request.count);
             return ApnsServiceSetBadgeCountResult::success({});
         }));
-
-    constexpr int kThreads = 4;
-    constexpr int kPerThread = 200;
-    std::vector<int> enqueued;
-    std::atomic<int> answered{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kPerThread; ++i) {
-                const int id = t * kPerThread + i;
-                // Enqueue under the lock so that `enqueued` records the true submission order.
-                std::lock_guard lock(mutex);
-                enqueued.push_back(id);
-                plugin->callAsync(
-                    "SetBadgeCount", "{\"count\":" + std::to_string(id) + "}",
-                    [&, id](std::string reply) {
-                        inCallback = true;
-                        if (reply != R"({"success":{}})" || !plugin->queue().isCurrent()) {
-                            ++violations;
-                        }
-                        {
-                            std::lock_guard inner(mutex);
-                            replies.push_back(id);
-                        }
-                        std::this_thread::yield();
-                        inCallback = false;
-                        ++answered;
-                    });
-            }
-        });
+    for (int id = 0; id < kCalls; ++id) {
+        plugin->callAsync(
+            "SetBadgeCount", "{\"count\":" + std::to_string(id) + "}", [&, id](std::string reply) {
+                inCallback = true;
+                violations += reply != R"({"success":{}})" || !plugin->queue().isCurrent();
+                replies.push_back(id);
+                std::this_thread::yield();
+                inCallback = false;
+                if (replies.size() == kCalls) {
+                    allAnswered.set_value();
+                }
+            });
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    for (int i = 0; i < 3000 && answered.load() < kThreads * kPerThread; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    std::lock_guard lock(mutex);
-    EXPECT_EQ(answered.load(), kThreads * kPerThread);
+    ASSERT_EQ(allAnswered.get_future().wait_for(std::chrono::seconds(30)),
+              std::future_status::ready);
     EXPECT_EQ(violations.load(), 0);
+    std::vector<int> enqueued(kCalls);
+    std::iota(enqueued.begin(), enqueued.end(), 0);
     EXPECT_EQ(operations, enqueued);
     EXPECT_EQ(replies, enqueued);
 }
 
-class ApnsServicePluginRegistration : public ::testing::Test {
-  protected:
-    void SetUp() override { core::OrraBridgeDispatcher::shared().resetForTesting(); }
-    void TearDown() override { core::OrraBridgeDispatcher::shared().resetForTesting(); }
+// A handler that fires twice must not race the waiter's read; a start that throws is taken as
+// never answered, unless it had answered already.
+TEST(WaitForCompletionTest, OnlyTheFirstAnswerCountsAndAFailedStartIsNotWaitedFor) {
+    std::thread answering;
+    EXPECT_EQ(waitForCompletion(0,
+                                [&](auto complete) {
+                                    answering = std::thread([complete] {
+                                        complete(1);
+                                        complete(2);
+                                    });
+                                }),
+              1);
+    answering.join();
+    EXPECT_EQ(waitForCompletion(7, [](auto) { throw std::runtime_error("no request"); }), 7);
+    EXPECT_EQ(waitForCompletion(7,
+                                [](auto complete) {
+                                    complete(8);
+                                    throw std::runtime_error("after the answer");
+                                }),
+              8);
+}
+
+using Event = std::pair<std::string, std::string>;
+
+class RecordingEmitter : public ApnsEventEmitting {
+  public:
+    void emit(const std::string& name, const std::string& payload) override {
+        events.emplace_back(name, payload);
+    }
+    std::vector<Event> events;
 };
 
-TEST_F(ApnsServicePluginRegistration, EachRegistrationBuildsAPluginWithItsOwnQueue) {
-    auto& dispatcher = core::OrraBridgeDispatcher::shared();
-    auto adapter = std::make_shared<StrictMock<MockAdapter>>();
-    ApnsServicePlugin::registerPlugin(adapter);
-    auto first = std::dynamic_pointer_cast<ApnsServicePlugin>(dispatcher.plugin("ApnsService"));
-    ApnsServicePlugin::registerPlugin(adapter);
-    auto second = std::dynamic_pointer_cast<ApnsServicePlugin>(dispatcher.plugin("ApnsService"));
-    ASSERT_TRUE(first && second);
-    EXPECT_NE(first, second);
-    EXPECT_NE(&first->queue(), &second->queue());
-    EXPECT_EQ(first->queue().label(), "com.nimborra.apns_service.plugin");
-    EXPECT_EQ(first->queue().qos(), platform::DispatchQoS::userInitiated);
-    EXPECT_EQ(first->adapter(), second->adapter());
-    static_assert(!std::is_default_constructible_v<ApnsServicePlugin>);
+// An event whose payload cannot be written is dropped with one error line under the add-on's
+// subsystem and category; the sink never sees it.
+TEST(ApnsEventEmission, UnencodableEventsAreDroppedWithOneErrorLine) {
+    ApnsNotification nan;
+    nan.relevanceScore = std::numeric_limits<double>::quiet_NaN();
+    ApnsNotification badTitle;
+    badTitle.title = "\xc3";
+    const struct {
+        const char* name;
+        ApnsNotification notification;
+        std::optional<std::string> identifier;
+    } cases[] = {
+        {apnsNotificationPresentedEventName, nan, std::nullopt},
+        {apnsNotificationOpenedEventName, nan, "open"},
+        {apnsNotificationPresentedEventName, badTitle, std::nullopt},
+        {apnsNotificationOpenedEventName, {}, std::string("op\xffn")},
+        {"OnTokenRefreshed", {}, std::nullopt},  // a token that is not UTF-8, below
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        platform::LogCapture capture;
+        RecordingEmitter emitter;
+        if (c.name == std::string("OnTokenRefreshed")) {
+            emitTokenRefreshed(emitter, "0a\xff");
+        } else {
+            emitNotificationEvent(emitter, c.name, c.notification, c.identifier);
+        }
+        EXPECT_TRUE(emitter.events.empty());
+        EXPECT_EQ(capture.records(),
+                  (std::vector<platform::LogRecord>{
+                      {platform::LogLevel::error, "com.nimborra.push.addon.apns", "apns",
+                       std::string(c.name) + " dropped: payload encoding failed"}}));
+    }
 }
 
 }  // namespace

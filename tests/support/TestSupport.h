@@ -18,6 +18,24 @@ std::string repeated(std::string_view piece, std::size_t count);
 // Reads a whole file; empty when it cannot be read.
 std::string readFile(const std::filesystem::path& path);
 
+// For one test, the main bundle reads its resources from a fresh temporary directory; on
+// destruction the previous directory comes back and the temporary one is removed.
+class TemporaryBundle {
+  public:
+    TemporaryBundle();
+    ~TemporaryBundle();
+    TemporaryBundle(const TemporaryBundle&) = delete;
+    TemporaryBundle& operator=(const TemporaryBundle&) = delete;
+
+    const std::filesystem::path& directory() const { return directory_; }
+    // Writes `bytes` as the bundle's provisioning profile, embedded.mobileprovision.
+    void writeProfile(std::string_view bytes) const;
+
+  private:
+    std::filesystem::path previous_;
+    std::filesystem::path directory_;
+};
+
 }  // namespace nimborra::testing
 
 // Skips the current test, saying why, when the shared corpora are not there.

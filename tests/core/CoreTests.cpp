@@ -1,0 +1,341 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "NimbOrraCore/NimbError.h"
+#include "NimbOrraCore/OrraBridgeDispatcher.h"
+#include "NimbOrraCore/OrraJSONCoding.h"
+#include "NimbOrraPlatform/JSONSerialization.h"
+#include "NimbOrraPlatform/Logger.h"
+
+namespace nimborra::core {
+namespace {
+
+enum class Colour : std::int64_t { unspecified, red, green };
+
+struct Inner {
+    std::int32_t n = 0;
+    static constexpr auto codingFields() { return std::tuple{CodingField{"n", &Inner::n}}; }
+    friend bool operator==(const Inner&, const Inner&) = default;
+};
+
+struct Sample {
+    std::string text;
+    std::int32_t small = 0;
+    std::int64_t big = 0;
+    double real = 0;
+    bool flag = false;
+    platform::Data bytes;
+    std::vector<Colour> colours;
+    Inner inner;
+    std::vector<Inner> inners;
+
+    static constexpr auto codingFields() {
+        return std::tuple{
+            CodingField{"text", &Sample::text},       CodingField{"small", &Sample::small},
+            CodingField{"big", &Sample::big},         CodingField{"real", &Sample::real},
+            CodingField{"flag", &Sample::flag},       CodingField{"bytes", &Sample::bytes},
+            CodingField{"colours", &Sample::colours}, CodingField{"inner", &Sample::inner},
+            CodingField{"inners", &Sample::inners}};
+    }
+    friend bool operator==(const Sample&, const Sample&) = default;
+};
+
+struct Empty {
+    static constexpr auto codingFields() { return std::tuple<>{}; }
+};
+
+}  // namespace
+
+template <>
+struct WireEnumTraits<Colour> {
+    static constexpr std::int64_t caseCount = 3;
+};
+
+namespace {
+
+const std::string kSampleJSON =
+    R"({"text":"a\/b","small":-3,"big":9007199254740993,"real":0.5,"flag":true,)"
+    R"("bytes":"AP8Q","colours":[1,2,0],"inner":{"n":7},"inners":[{"n":1},{"n":2}]})";
+
+Sample sample() {
+    return Sample{"a/b",
+                  -3,
+                  9007199254740993,
+                  0.5,
+                  true,
+                  platform::Data{{0x00, 0xff, 0x10}},
+                  {Colour::red, Colour::green, Colour::unspecified},
+                  Inner{7},
+                  {Inner{1}, Inner{2}}};
+}
+
+// Members are written in declaration order with the platform's JSON rules, and read back.
+TEST(OrraJSONCoding, EncodesMembersInDeclarationOrderAndRoundTrips) {
+    auto encoded = OrraJSONCoding::makeEncoder().encode(sample());
+    ASSERT_TRUE(encoded.ok()) << encoded.error().description();
+    EXPECT_EQ(encoded.value(), kSampleJSON);
+    EXPECT_EQ(OrraJSONCoding::makeEncoder().encode(Empty{}).value(), "{}");
+    auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(kSampleJSON);
+    ASSERT_TRUE(decoded.ok()) << decoded.error().description();
+    EXPECT_EQ(decoded.value(), sample());
+    EXPECT_EQ(OrraJSONCoding::makeDecoder()
+                  .decodeFromValue<Sample>(JSONDecoder::parse(kSampleJSON).value())
+                  .value(),
+              sample());
+
+    Sample notANumber = sample();
+    notANumber.real = std::numeric_limits<double>::quiet_NaN();
+    encoded = OrraJSONCoding::makeEncoder().encode(notANumber);
+    ASSERT_FALSE(encoded.ok());
+    EXPECT_EQ(encoded.error().kind(), CodingErrorKind::invalidValue);
+    EXPECT_EQ(encoded.error().description(),
+              "invalidValue at \"real\": the number nan cannot be written in JSON");
+}
+
+std::string replaced(std::string json, const std::string& from, const std::string& to) {
+    return json.replace(json.find(from), from.size(), to);
+}
+
+// Each failure names its kind, where it happened and what was found instead.
+TEST(OrraJSONCoding, DecodingFailuresReportKindPathAndWhatWasFound) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"{", "dataCorrupted at the top level: the data is not valid JSON ("},
+        {"[]", "typeMismatch at the top level: expected an object but found an array"},
+        {replaced(kSampleJSON, R"("small":-3,)", ""),
+         "keyNotFound at \"small\": no value for key \"small\""},
+        {replaced(kSampleJSON, "-3", "null"),
+         "valueNotFound at \"small\": expected an integer but found null"},
+        {replaced(kSampleJSON, "-3", "\"-3\""),
+         "typeMismatch at \"small\": expected an integer but found a string"},
+        {replaced(kSampleJSON, "-3", "true"),
+         "typeMismatch at \"small\": expected an integer but found a boolean"},
+        {replaced(kSampleJSON, "-3", "2147483648"),
+         "dataCorrupted at \"small\": the number 2147483648 does not fit in a 32-bit integer"},
+        {replaced(kSampleJSON, "-3", "1.5"),
+         "dataCorrupted at \"small\": the number 1.5 is not an integer"},
+        {replaced(kSampleJSON, "9007199254740993", "1e19"),
+         "dataCorrupted at \"big\": the number 1e+19 does not fit in a 64-bit integer"},
+        {replaced(kSampleJSON, "\"flag\":true", "\"flag\":1"),
+         "typeMismatch at \"flag\": expected a boolean but found an integer"},
+        {replaced(kSampleJSON, "AP8Q", "AP8"),
+         "dataCorrupted at \"bytes\": the string is not valid base64"},
+        {replaced(kSampleJSON, "[1,2,0]", "{}"),
+         "typeMismatch at \"colours\": expected an array but found an object"},
+        {replaced(kSampleJSON, "9007199254740993", "\"x\""),
+         "typeMismatch at \"big\": expected an integer but found a string"},
+        {replaced(kSampleJSON, "[1,2,0]", "[1,\"2\"]"),
+         "typeMismatch at \"colours[1]\": expected an integer but found a string"},
+        {replaced(kSampleJSON, "{\"n\":2}", "{}"),
+         "keyNotFound at \"inners[1].n\": no value for key \"n\""},
+    };
+    for (const auto& [json, description] : cases) {
+        auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(json);
+        ASSERT_FALSE(decoded.ok()) << json;
+        EXPECT_EQ(decoded.error().description().substr(0, description.size()), description);
+        // Decoding from the parsed Value tree reports the same failure.
+        if (const auto tree = JSONDecoder::parse(json); tree.ok()) {
+            const auto fromTree =
+                OrraJSONCoding::makeDecoder().decodeFromValue<Sample>(tree.value());
+            ASSERT_FALSE(fromTree.ok()) << json;
+            EXPECT_EQ(fromTree.error().description(), decoded.error().description());
+        }
+    }
+}
+
+TEST(OrraJSONCoding, IntegerReadsAcceptIntegralRealsAndEnumsFallBackToUnspecified) {
+    auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(
+        replaced(replaced(replaced(kSampleJSON, "-3", "1e2"), "[1,2,0]", "[3.0,-1,99,2]"), "0.5",
+                 "18446744073709551615"));
+    ASSERT_TRUE(decoded.ok()) << decoded.error().description();
+    EXPECT_EQ(decoded.value().small, 100);
+    EXPECT_EQ(decoded.value().real, 18446744073709551615.0);
+    EXPECT_EQ(decoded.value().colours, (std::vector{Colour::unspecified, Colour::unspecified,
+                                                    Colour::unspecified, Colour::green}));
+    EXPECT_EQ(fromRawValue<Colour>(2), Colour::green);
+    EXPECT_EQ(fromRawValue<Colour>(3), std::nullopt);
+    EXPECT_EQ(fromRawValue<Colour>(-1), std::nullopt);
+}
+
+TEST(NimbError, JSONObjectHasCodeMessageThenPresentFieldsInOrder) {
+    NimbError error(NimbErrorCode::failedPrecondition, "m/1");
+    error.instance = "inst";
+    error.details = platform::Value(platform::Dictionary{{"k", 1}});
+    error.externalCode = "EXT";
+    auto text = platform::JSONSerialization::data(error.toJSONObject());
+    ASSERT_TRUE(text.has_value());
+    EXPECT_EQ(*text, R"({"code":"FAILED_PRECONDITION","message":"m\/1","externalCode":"EXT",)"
+                     R"("details":{"k":1},"instance":"inst"})");
+    NimbError bare(NimbErrorCode::internal, "x");
+    EXPECT_EQ(platform::JSONSerialization::data(bare.toJSONObject()),
+              R"({"code":"INTERNAL","message":"x"})");
+}
+
+TEST(NimbErrorCode, WireTextsAreUpperSnakeCaseAndReversible) {
+    const std::pair<NimbErrorCode, const char*> cases[] = {
+        {NimbErrorCode::ok, "OK"},
+        {NimbErrorCode::invalidArgument, "INVALID_ARGUMENT"},
+        {NimbErrorCode::deadlineExceeded, "DEADLINE_EXCEEDED"},
+        {NimbErrorCode::unauthenticated, "UNAUTHENTICATED"},
+    };
+    for (const auto& [code, text] : cases) {
+        EXPECT_EQ(wireText(code), text);
+        EXPECT_EQ(nimbErrorCodeFromWireText(text), code);
+    }
+    for (int i = 0; i <= static_cast<int>(NimbErrorCode::unauthenticated); ++i) {
+        const auto code = static_cast<NimbErrorCode>(i);
+        EXPECT_EQ(nimbErrorCodeFromWireText(wireText(code)), code);
+    }
+    EXPECT_EQ(nimbErrorCodeFromWireText("internal"), std::nullopt);
+    EXPECT_EQ(wireText(static_cast<NimbErrorCode>(-1)), "UNKNOWN");
+}
+
+using Names = std::vector<std::string>;
+
+// A listener that appends "<tag><name>" (and "=<payload>" unless it is empty) for every event;
+// for tests whose events all come from one thread, so it needs no lock.
+OrraEventListener recordInto(Names& into, std::string tag = {}) {
+    return [&into, tag](const std::string& name, const std::string& payload) {
+        into.push_back(tag + name + (payload.empty() ? "" : "=" + payload));
+    };
+}
+
+// A listener that throws is logged, and the listeners after it still hear the event.
+TEST(OrraBridgeDispatcherTest, DeliversSynchronouslyToEveryListenerInSubscriptionOrder) {
+    OrraBridgeDispatcher dispatcher;
+    Names calls;
+    dispatcher.subscribe(recordInto(calls, "a:"));
+    dispatcher.subscribe(
+        [](const std::string&, const std::string&) { throw std::runtime_error("nope"); });
+    dispatcher.subscribe(recordInto(calls, "b:"));
+    EXPECT_EQ(dispatcher.subscribe(nullptr), 0u);
+    platform::LogCapture capture;
+    dispatcher.emitEvent("E", "{\"x\":1}");
+    // Seen before emitEvent returned.
+    EXPECT_EQ(calls, (Names{"a:E={\"x\":1}", "b:E={\"x\":1}"}));
+    const auto records = capture.records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_NE(records[0].message.find("nope"), std::string::npos) << records[0].message;
+}
+
+// Events emitted while nobody listens belong to the first subscriber alone, in order, even when
+// another listener joins while they are being delivered; once everybody has left, events are
+// kept again for the next first subscriber.
+TEST(OrraBridgeDispatcherTest, BacklogGoesOnlyToTheFirstSubscriberInOrder) {
+    OrraBridgeDispatcher dispatcher;
+    for (const char* name : {"a", "b", "c"}) {
+        dispatcher.emitEvent(name, "");
+    }
+    Names calls;
+    OrraBridgeDispatcher::SubscriptionId lateId = 0;
+    const auto firstId = dispatcher.subscribe([&](const std::string& name, const std::string&) {
+        calls.push_back("first:" + name);
+        if (name == "a") {
+            lateId = dispatcher.subscribe(recordInto(calls, "late:"));
+            dispatcher.emitEvent("d", "");
+        }
+    });
+    EXPECT_EQ(calls, (Names{"first:a", "first:b", "first:c", "first:d", "late:d"}));
+
+    dispatcher.unsubscribe(firstId);
+    dispatcher.unsubscribe(lateId);
+    dispatcher.emitEvent("e", "");
+    calls.clear();
+    dispatcher.subscribe(recordInto(calls, "next:"));
+    EXPECT_EQ(calls, (Names{"next:e"}));
+}
+
+TEST(OrraBridgeDispatcherTest, BacklogIsBoundedDroppingTheOldestWithAnError) {
+    OrraBridgeDispatcher dispatcher;
+    constexpr std::size_t extra = 6;
+    platform::LogCapture capture;
+    for (std::size_t i = 0; i < OrraBridgeDispatcher::maximumBacklog + extra; ++i) {
+        dispatcher.emitEvent("event-" + std::to_string(i), "");
+    }
+    const auto records = capture.records();
+    ASSERT_EQ(records.size(), extra);
+    for (std::size_t i = 0; i < extra; ++i) {
+        EXPECT_EQ(records[i].level, platform::LogLevel::error);
+        EXPECT_NE(records[i].message.find("\"event-" + std::to_string(i) + "\""), std::string::npos)
+            << records[i].message;
+    }
+
+    Names received;
+    dispatcher.subscribe(recordInto(received));
+    ASSERT_EQ(received.size(), OrraBridgeDispatcher::maximumBacklog);
+    for (std::size_t i = 0; i < received.size(); ++i) {
+        EXPECT_EQ(received[i], "event-" + std::to_string(i + extra));
+    }
+}
+
+TEST(OrraBridgeDispatcherTest, ListenersMayReenterTheDispatcher) {
+    OrraBridgeDispatcher dispatcher;
+    Names calls;
+    OrraBridgeDispatcher::SubscriptionId a = 0;
+    OrraBridgeDispatcher::SubscriptionId c = 0;
+    a = dispatcher.subscribe([&](const std::string& name, const std::string&) {
+        calls.push_back("A:" + name);
+        if (name == "ping") {
+            dispatcher.emitEvent("pong", "");  // queued behind "ping", delivered before we return
+        } else if (name == "leave") {
+            dispatcher.unsubscribe(c);  // C comes later in this very delivery: it is skipped
+            dispatcher.unsubscribe(a);
+        }
+    });
+    dispatcher.subscribe(recordInto(calls, "B:"));
+    c = dispatcher.subscribe(recordInto(calls, "C:"));
+
+    dispatcher.emitEvent("ping", "");
+    EXPECT_EQ(calls, (Names{"A:ping", "B:ping", "C:ping", "A:pong", "B:pong", "C:pong"}));
+    dispatcher.emitEvent("leave", "");
+    dispatcher.emitEvent("after", "");
+    EXPECT_EQ(std::vector(calls.begin() + 6, calls.end()),
+              (Names{"A:leave", "B:leave", "B:after"}));
+}
+
+TEST(OrraBridgeDispatcherTest, ConcurrentEmittersLoseNothingAndKeepTheirOwnOrder) {
+    OrraBridgeDispatcher dispatcher;
+    constexpr int emitters = 8;
+    constexpr int eventsEach = 500;
+    // Each emitter delivers its own events, so listeners are called from several threads.
+    std::mutex mutex;
+    Names first;
+    Names second;
+    for (Names* into : {&first, &second}) {
+        dispatcher.subscribe([&mutex, into](const std::string& name, const std::string&) {
+            std::lock_guard lock(mutex);
+            into->push_back(name);
+        });
+    }
+
+    std::vector<std::thread> threads;
+    for (int t = 0; t < emitters; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < eventsEach; ++i) {
+                dispatcher.emitEvent(std::to_string(t) + ":" + std::to_string(i), "");
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+
+    // Every emitEvent has returned, so every event has been delivered.
+    for (const Names* received : {&first, &second}) {
+        ASSERT_EQ(received->size(), std::size_t{emitters * eventsEach});
+        std::vector<int> next(emitters, 0);
+        for (const std::string& name : *received) {
+            const int t = std::stoi(name);
+            EXPECT_EQ(name, std::to_string(t) + ":" + std::to_string(next[t]++));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace nimborra::core
