@@ -178,22 +178,6 @@ TEST(Host, ReadAndWriteErrorsExitWithTwo) {
     fs::remove(errors);
 }
 
-// Every sample payload is delivered, except the one over the size limit.
-TEST(Host, SamplePushesRun) {
-    const fs::path pushes = kSource / "examples" / "pushes";
-    std::size_t files = 0;
-    for (const auto& entry : fs::directory_iterator(pushes)) {
-        SCOPED_TRACE(entry.path().string());
-        ++files;
-        const HostRun result = runHost("", {"--bundle", (kSource / "examples" / "bundle").string(),
-                                            "--status", "2", "--push", entry.path().string()});
-        const bool oversize = entry.path().filename() == "oversize.apns";
-        EXPECT_EQ(result.status, oversize ? 2 : 0) << result.standardError;
-        ASSERT_FALSE(oversize ? !result.lines.empty() : result.lines.empty());
-    }
-    EXPECT_EQ(files, 8u);
-}
-
 TEST(Host, RepliesAndEventsAreWrittenAsTheyArriveNotAtTheEndOfInput) {
     HostProcess host({});
     ASSERT_TRUE(host.started());
