@@ -7,7 +7,7 @@
 //   # args: ARG ...     the host's arguments, split at spaces
 //   # exit: N           the expected exit status (default 0)
 //   # stderr: TEXT      standard error must hold TEXT (repeatable)
-// @SOURCE@ stands for the source tree in the arguments, the input and the standard error.
+// @SOURCE@ stands for the source tree in the arguments, the commands and the standard error.
 // Run the tests with NIMBORRA_UPDATE_EXPECTED=1 to write the .out files afresh after a deliberate
 // change, then read the difference before committing it.
 
@@ -80,7 +80,14 @@ TEST_P(HostScript, WritesExactlyTheExpectedOutput) {
         }
     }
 
-    const HostRun result = runHost(withSource(input), arguments);
+    // Comment lines stay as written, so that an echoed header does not depend on where the
+    // source tree is.
+    std::string fed;
+    std::istringstream original(input);
+    for (std::string line; std::getline(original, line);) {
+        fed += (line.starts_with("#") ? line : withSource(line)) + "\n";
+    }
+    const HostRun result = runHost(fed, arguments);
     std::string output;
     for (const auto& line : result.lines) {
         output += line + "\n";
