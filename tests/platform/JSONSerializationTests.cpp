@@ -204,11 +204,7 @@ TEST(JSONReader, AgreesWithTheParsingTestSuite) {
 // replaces the value where it stands; 1 and 1.0 are one key, and text never equals a number.
 TEST(DictionaryTest, FindsEveryMemberWhereverItStands) {
     // Appended, not "k" + std::string: GCC 12 at -O3 reports a false -Wrestrict for that.
-    const auto keyNamed = [](int i) {
-        std::string key = "k";
-        key += std::to_string(i);
-        return key;
-    };
+    const auto keyNamed = [](int i) { return std::string("k").append(std::to_string(i)); };
     for (const int size : {3, 40}) {
         SCOPED_TRACE(size);
         Dictionary dictionary;
