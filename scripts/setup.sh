@@ -8,7 +8,8 @@ packages=(
   clang-14 libclang-rt-14-dev
   libsimdjson-dev libplist-dev libspdlog-dev
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  openssl
+  openssl libssl-dev libnghttp2-dev libevent-dev
+  curl libcurl4-openssl-dev python3-aioapns nghttp2-client nghttp2-server
 )
 
 missing=()

@@ -4,6 +4,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <utility>
 
 #include "NimbOrraPlatform/DispatchQueue.h"
 
@@ -14,6 +15,8 @@ struct UIApplication::State {
     mutable std::condition_variable registered;
     std::size_t registrations = 0;
     std::size_t mainThreadRegistrations = 0;
+    DeviceTokenIssuer issuer;
+    RegistrationCallback callback;
 };
 
 UIApplication::UIApplication() : state_(std::make_unique<State>()) {}
@@ -28,14 +31,38 @@ UIApplication& UIApplication::sharedApplication() {
 
 void UIApplication::registerForRemoteNotifications() {
     const bool onMainThread = isMainThread();
+    DeviceTokenIssuer issuer;
+    RegistrationCallback callback;
     {
         std::lock_guard<std::mutex> lock(state_->mutex);
         ++state_->registrations;
         if (onMainThread) {
             ++state_->mainThreadRegistrations;
         }
+        issuer = state_->issuer;
+        callback = state_->callback;
     }
     state_->registered.notify_all();
+    if (!issuer || !callback) {
+        return;
+    }
+    auto token = issuer();
+    if (!token) {
+        return;
+    }
+    // The system answers a registration later, never inside the call that asked for it.
+    DispatchQueue::main().async(
+        [callback = std::move(callback), token = std::move(*token)] { callback(token); });
+}
+
+void UIApplication::setDeviceTokenIssuer(DeviceTokenIssuer issuer) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->issuer = std::move(issuer);
+}
+
+void UIApplication::setRegistrationCallback(RegistrationCallback callback) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->callback = std::move(callback);
 }
 
 std::size_t UIApplication::registrationCount() const {
@@ -59,6 +86,8 @@ void UIApplication::reset() {
     std::lock_guard<std::mutex> lock(state_->mutex);
     state_->registrations = 0;
     state_->mainThreadRegistrations = 0;
+    state_->issuer = {};
+    state_->callback = {};
 }
 
 }  // namespace nimborra::platform

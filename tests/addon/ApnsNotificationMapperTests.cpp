@@ -108,6 +108,7 @@ TEST(ApnsNotificationMapper, BadgeIsAnyNumberSaturatedToInt32) {
         {std::int64_t{kInt32Min}, kInt32Min},
         {std::numeric_limits<std::uint64_t>::max(), kInt32Max},
         {true, 1},
+        {false, 0},
         {2.7, 2},
         {-2.7, -2},
         {-1e300, kInt32Min},

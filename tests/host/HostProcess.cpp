@@ -77,6 +77,12 @@ HostProcess::~HostProcess() {
     }
 }
 
+void HostProcess::signal(int signal) {
+    if (child_ > 0) {
+        kill(child_, signal);
+    }
+}
+
 void HostProcess::write(std::string_view text) {
     while (input_ >= 0 && !text.empty()) {
         const ssize_t written = ::write(input_, text.data(), text.size());

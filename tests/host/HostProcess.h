@@ -25,6 +25,9 @@ class HostProcess {
 
     bool started() const { return child_ > 0; }
 
+    // Sends `signal` to the host.
+    void signal(int signal);
+
     // Sends `text` to the host's standard input. Blocks while the pipe is full, which the small
     // inputs of the tests never make it: the host keeps reading while it answers.
     void write(std::string_view text);

@@ -148,6 +148,22 @@ TEST(Host, ExitStatusSaysWhetherEveryLineWasAccepted) {
          "oversize.apns: the payload is 4328 bytes of compact JSON; at most 4096 are delivered"},
         {{"--push", "/no/such.apns"}, "", 2, "/no/such.apns: No such file or directory"},
         {{"--push", sample + "/embedded.mobileprovision"}, "", 2, "not JSON"},
+        // The provider API's options go together, and it needs an application to serve.
+        {{"--provider-api", "65536"}, "", 2, "needs [HOST:]PORT"},
+        {{"--provider-api", "::1:80"}, "", 2, "needs [HOST:]PORT"},
+        {{"--tls-cert-out", "/tmp/x.pem"}, "", 2, "'--tls-cert-out' needs --provider-api"},
+        {{"--provider-api", "0", "--auth-key", "k.p8"}, "", 2, "needs --key-id and --team-id"},
+        {{"--provider-api", "0", "--key-id", "K"}, "", 2, "--auth-key, which is missing"},
+        {{"--provider-api", "0", "--cleartext", "--client-ca", "ca.pem"}, "", 2, "without TLS"},
+        {{"--provider-api", "0", "--device-token", "abc"}, "", 2, "64 hexadecimal digits"},
+        {{"--print-provider-token", "--auth-key", "k.p8"}, "", 2, "needs --auth-key, --key-id"},
+        {{"--provider-api", "0", "--bundle", "/"}, "", 2, "needs the application's bundle"},
+        {{"--provider-api", "0", "--bundle", sample, "--auth-key", "/no/key.p8", "--key-id", "K",
+          "--team-id", "T"},
+         "",
+         2,
+         "/no/key.p8"},
+        {{"--provider-api", "0", "--push", pushes + "order-shipped.apns"}, "", 2, "no --push"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(::testing::PrintToString(row.arguments) + " <<< " + row.input);

@@ -15,8 +15,11 @@ TEST(RefusedDelivery, CenterAnswersOnTheRequestingThread) {
     center.setDeliveryQueueForTesting(DispatchQueue::makeRefusingForTesting("test.refusing"));
     LogCapture quiet;
     int answers = 0;
+    // Each answer comes before its request returns.
     center.requestAuthorizationWithOptions(1, [&](bool, std::optional<NSError>) { ++answers; });
+    EXPECT_EQ(answers, 1);
     center.getNotificationSettingsWithCompletionHandler([&](UNNotificationSettings) { ++answers; });
+    EXPECT_EQ(answers, 2);
     center.setBadgeCount(3, [&](std::optional<NSError>) { ++answers; });
     EXPECT_EQ(answers, 3);
     center.setHoldsAnswers(true);

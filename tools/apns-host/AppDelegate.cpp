@@ -37,6 +37,11 @@ CallCommand didReceiveResponseCall(const platform::UNNotificationContent& conten
                        apns::ApnsNotificationMapper::map(content), actionIdentifier});
 }
 
+CallCommand didRegisterForRemoteNotificationsCall(const platform::Data& deviceToken) {
+    return callFor("NotifyDidRegisterForRemoteNotifications",
+                   apns::APNSServiceNotifyDidRegisterForRemoteNotificationsRequest{deviceToken});
+}
+
 void didFinishLaunching(const platform::Dictionary& remoteNotification) {
     apns::ApnsColdStartBuffer::shared()->capture(remoteNotification);
 }

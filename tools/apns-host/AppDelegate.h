@@ -23,6 +23,10 @@ CallCommand willPresentCall(const platform::UNNotificationContent& content);
 CallCommand didReceiveResponseCall(const platform::UNNotificationContent& content,
                                    const std::string& actionIdentifier);
 
+// The delegate's didRegisterForRemoteNotificationsWithDeviceToken: the
+// "NotifyDidRegisterForRemoteNotifications" call for the token the system issued.
+CallCommand didRegisterForRemoteNotificationsCall(const platform::Data& deviceToken);
+
 // The launch code: the application was launched by a remote notification.
 void didFinishLaunching(const platform::Dictionary& remoteNotification);
 

@@ -16,8 +16,8 @@ using platform::Value;
 // A reason for refusing a line; nothing when all is well.
 using Refusal = std::optional<std::string>;
 
-constexpr std::array<std::string_view, 7> kCommandNames{"call",     "callSync", "cancel", "launch",
-                                                        "platform", "inspect",  "push"};
+constexpr std::array<std::string_view, 8> kCommandNames{"call",     "callSync", "cancel", "launch",
+                                                        "platform", "inspect",  "push",   "tap"};
 
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f' || c == '\v';
@@ -235,10 +235,29 @@ Refusal readPlatform(const Dictionary& object, PlatformCommand& change) {
     if (settings == nullptr) {
         return std::string("\"platform\" must be an object");
     }
-    if (auto refusal =
-            onlyMembers(*settings, {"authorization", "authorizationStatus", "badgeError", "bundle"},
-                        "\"platform\"")) {
+    if (auto refusal = onlyMembers(*settings,
+                                   {"authorization", "authorizationStatus", "badgeError", "bundle",
+                                    "deviceRegistered", "deviceOnline", "app"},
+                                   "\"platform\"")) {
         return "platform: " + *refusal;
+    }
+    for (const auto& [name, target] : {std::pair{"deviceRegistered", &change.deviceRegistered},
+                                       std::pair{"deviceOnline", &change.deviceOnline}}) {
+        if (const Value* flag = settings->find(name)) {
+            if (flag->boolean() == nullptr) {
+                return "platform: " + inQuotes(name) + " must be true or false";
+            }
+            *target = *flag->boolean();
+        }
+    }
+    if (const Value* app = settings->find("app")) {
+        const auto state =
+            app->text() ? platform::applicationStateNamed(*app->text()) : std::nullopt;
+        if (!state) {
+            return std::string(
+                "platform: \"app\" must be \"foreground\", \"background\" or \"notRunning\"");
+        }
+        change.app = *state;
     }
     if (const Value* authorization = settings->find("authorization")) {
         AuthorizationAnswer answer;
@@ -274,13 +293,34 @@ Refusal readPlatform(const Dictionary& object, PlatformCommand& change) {
     return std::nullopt;
 }
 
-Refusal readInspect(const Dictionary& object) {
+Refusal readInspect(const Dictionary& object, InspectCommand& inspect) {
     if (auto refusal = onlyMembers(object, {"inspect"}, "an inspect command")) {
         return refusal;
     }
     const std::string* what = object.find("inspect")->text();
-    if (what == nullptr || *what != "platform") {
-        return std::string("\"inspect\" must be \"platform\"");
+    if (what != nullptr && *what == "notificationCenter") {
+        inspect.what = InspectCommand::What::notificationCenter;
+    } else if (what == nullptr || *what != "platform") {
+        return std::string("\"inspect\" must be \"platform\" or \"notificationCenter\"");
+    }
+    return std::nullopt;
+}
+
+Refusal readTap(const Dictionary& object, TapCommand& tap) {
+    if (auto refusal = onlyMembers(object, {"tap", "action"}, "a tap command")) {
+        return refusal;
+    }
+    const std::string* identifier = object.find("tap")->text();
+    if (identifier == nullptr || identifier->empty()) {
+        return std::string("\"tap\" must be a notification's apns-id or \"latest\"");
+    }
+    tap.identifier = *identifier;
+    tap.action = std::string(platform::UNNotificationDefaultActionIdentifier);
+    if (const Value* action = object.find("action")) {
+        if (action->text() == nullptr || action->text()->empty()) {
+            return std::string("tap: \"action\" must be an action identifier");
+        }
+        tap.action = *action->text();
     }
     return std::nullopt;
 }
@@ -318,7 +358,8 @@ Refusal readPush(const Dictionary& object, PushCommand& push) {
 Refusal readCommand(const Dictionary& object, Command& command) {
     std::optional<std::string> name;
     for (const auto candidate : kCommandNames) {
-        if (!object.contains(candidate)) {
+        // A push command's "tap" member is not a command of its own.
+        if (!object.contains(candidate) || (candidate == "tap" && object.contains("push"))) {
             continue;
         }
         if (name) {
@@ -330,7 +371,7 @@ Refusal readCommand(const Dictionary& object, Command& command) {
     if (!name) {
         return std::string(
             "not a command: expected one of \"call\", \"callSync\", \"cancel\", \"launch\", "
-            "\"platform\", \"inspect\", \"push\"");
+            "\"platform\", \"inspect\", \"push\", \"tap\"");
     }
     if (*name == "call" || *name == "callSync") {
         CallCommand call;
@@ -362,8 +403,16 @@ Refusal readCommand(const Dictionary& object, Command& command) {
         command = std::move(push);
         return refusal;
     }
-    command = InspectCommand{};
-    return readInspect(object);
+    if (*name == "tap") {
+        TapCommand tap;
+        auto refusal = readTap(object, tap);
+        command = std::move(tap);
+        return refusal;
+    }
+    InspectCommand inspect;
+    auto refusal = readInspect(object, inspect);
+    command = inspect;
+    return refusal;
 }
 
 }  // namespace

@@ -49,10 +49,23 @@ struct PlatformCommand {
     // Outer: whether "badgeError" was given; inner: the error, or none for null.
     std::optional<std::optional<platform::NSError>> badgeError;
     std::optional<std::filesystem::path> bundle;
+    // The provider API's device and application (with --provider-api only).
+    std::optional<bool> deviceRegistered;
+    std::optional<bool> deviceOnline;
+    std::optional<platform::ApplicationState> app;
 };
 
-// {"inspect": "platform"}
-struct InspectCommand {};
+// {"inspect": "platform"} or {"inspect": "notificationCenter"}
+struct InspectCommand {
+    enum class What { platform, notificationCenter };
+    What what = What::platform;
+};
+
+// {"tap": ID, "action": ACTION}: the user taps a shown notification, by apns-id or "latest".
+struct TapCommand {
+    std::string identifier;
+    std::string action;
+};
 
 // {"push": PAYLOAD, "app": STATE, "tap": ACTION}, or a --push file.
 struct PushCommand {
@@ -67,7 +80,7 @@ struct PushCommand {
 };
 
 using Command = std::variant<CallCommand, CancelCommand, LaunchCommand, PlatformCommand,
-                             InspectCommand, PushCommand>;
+                             InspectCommand, PushCommand, TapCommand>;
 
 // One input line, read.
 struct InputLine {

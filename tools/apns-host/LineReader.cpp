@@ -1,5 +1,6 @@
 #include "LineReader.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +27,21 @@ bool LineReader::fill() {
         text_.remove_prefix(count);
         ended_ = count == 0;
         return !ended_;
+    }
+    while (cancelled_ != nullptr) {
+        if (cancelled_->load()) {
+            ended_ = true;
+            return false;
+        }
+        pollfd ready{fd_, POLLIN, 0};
+        const int count = ::poll(&ready, 1, 100);
+        if (count > 0) {
+            break;
+        }
+        if (count < 0 && errno != EINTR) {
+            error_ = errno;
+            return false;
+        }
     }
     const std::size_t size = buffer_.size();
     buffer_.resize(size + kChunk);

@@ -5,6 +5,7 @@
 // Threads: one reader belongs to one thread.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -40,6 +41,12 @@ class LineReader {
     // The next line. A last line without a line break is a line too.
     Line next();
 
+    // From now on, a file descriptor is read only when it has data, and once `*cancelled` is true
+    // the input counts as ended (checked at least every 100 ms while waiting for data), so that
+    // a host that must stop is not held by a terminal nobody types into. The flag must outlive
+    // the reader.
+    void setCancellation(const std::atomic<bool>* cancelled) { cancelled_ = cancelled; }
+
   private:
     // Appends up to one chunk of input to buffer_; false at the end of input or on failure.
     bool fill();
@@ -50,6 +57,7 @@ class LineReader {
     // Where the unread part of buffer_ starts.
     std::size_t start_ = 0;
     bool ended_ = false;
+    const std::atomic<bool>* cancelled_ = nullptr;
     int error_ = 0;
 };
 

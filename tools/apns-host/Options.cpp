@@ -47,6 +47,35 @@ Options:
                      starts with "-"); --no-tap ends it
   -h, --help         print this text and exit
 
+Provider API (a push server's requests reach the application; see "Provider API" below):
+  --provider-api [HOST:]PORT
+                     serve APNs's provider API (HTTP/2, POST /3/device/TOKEN) on PORT (0: a
+                     free one) of HOST (default 127.0.0.1; an IPv6 address in brackets).
+                     The host then goes on serving after its input ends, until SIGINT or
+                     SIGTERM, and exits once every request and call has been answered
+  --cleartext        serve HTTP/2 without TLS (prior knowledge), e.g. for
+                     curl --http2-prior-knowledge or h2load
+  --tls-cert FILE --tls-key FILE
+                     the server's certificate (chain) and key in PEM; default: a self-signed
+                     certificate made at start for localhost, 127.0.0.1, ::1,
+                     api.push.apple.com, api.sandbox.push.apple.com and
+                     api.development.push.apple.com
+  --tls-cert-out FILE
+                     write the certificate in use (PEM) to FILE, for clients to trust
+  --auth-key FILE    check provider tokens against this key: the .p8 file (PKCS#8) as
+                     downloaded, or its public key; needs --key-id and --team-id. Without
+                     it, any well-formed ES256 token is accepted unverified
+  --key-id ID        the key identifier tokens must name ("kid")
+  --team-id ID       the team tokens must name ("iss")
+  --client-ca FILE   authenticate connections by client certificates issued by this CA
+                     (PEM) instead of tokens; a certificate's subject UID is its topic
+  --device-token HEX the device's token, 64 hexadecimal digits (default: 32 random bytes)
+  --app STATE        also: the application's state when a notification arrives, until
+                     {"platform":{"app":STATE}} changes it
+  --print-provider-token
+                     print a provider token signed now with --auth-key, --key-id and
+                     --team-id, and exit: the token for curl's "authorization: bearer" header
+
 Commands:
   {"call": M, "payload": P, "id": N}
       Calls method M asynchronously and goes on at once. The payload text is P itself when
@@ -70,6 +99,12 @@ Commands:
                                          2 authorized, 3 provisional, 4 ephemeral, or any)
         "badgeError": null or {"domain": TEXT, "code": INT}
         "bundle": DIR                   (where the provisioning profile is looked up)
+        "app": STATE                    (--provider-api: the application's state)
+        "deviceOnline": BOOL            (--provider-api: false takes the device offline)
+        "deviceRegistered": BOOL        (--provider-api: false removes the application;
+                                         true installs it again: it registers at launch,
+                                         gets a new token, and the far side sees
+                                         "APNSService.OnTokenRefreshed")
       Writes nothing. At start the system grants authorization, reports status 0 (or
       --status) and has no badge error. It remembers the answer to "RequestAuthorization":
       a grant makes the status 2 (authorized), or 3 (provisional) when the provisional
@@ -84,6 +119,15 @@ Commands:
       custom action identifier. The calls the callbacks make are numbered like "call"
       commands. A "Simulator Target Bundle" member is taken out of PAYLOAD and must name
       this application.
+  {"tap": ID, "action": ACTION}
+      (--provider-api) The user taps a notification the system shows: ID is its apns-id
+      or "latest"; ACTION defaults to the plain tap. The tap runs for the application's
+      state at that moment: a "system" line, then the callbacks (didFinishLaunching when
+      not running, didReceiveResponse). The notification leaves the notification centre.
+  {"inspect": "notificationCenter"}
+      (--provider-api) Writes {"notificationCenter":[{"apnsId":ID,"collapseId":ID|null,
+      "payload":P}...]}: the notifications the system shows, oldest first (at most 64; the
+      oldest is dropped first).
   {"inspect": "platform"}
       Waits until every earlier call has been answered, then writes
       {"platform":{"authorizationOptions":MASK|null,"badgeCount":INT|null,
@@ -121,6 +165,28 @@ Push rules (what the simulated system does with a push):
     (didFinishLaunching: the launch code hands the payload to the cold-start buffer, as
     "launch" does), then didReceiveResponse runs.
 
+Provider API:
+  At start the application registers for remote notifications (as at launch), the system
+  issues the device token and the delegate forwards it with
+  "NotifyDidRegisterForRemoteNotifications": the far side sees
+  "APNSService.OnTokenRefreshed" with the token in lower-case hex, the token a push server
+  sends to. Each request is checked by APNs's rules, in this order, and the first that
+  fails answers it with its status and {"reason":...}:
+    405 MethodNotAllowed, 404 BadPath, 400 DuplicateHeaders, 400 BadMessageId,
+    403 MissingProviderToken / InvalidProviderToken / ExpiredProviderToken,
+    429 TooManyProviderTokenUpdates, 400 MissingDeviceToken / BadDeviceToken,
+    400 MissingTopic / BadTopic, 400 InvalidPushType, 400 TopicDisallowed,
+    400 BadPriority, 400 BadExpirationDate, 400 BadCollapseId,
+    413 PayloadTooLarge (4096 bytes, 5120 for VoIP), 400 PayloadEmpty, 400 BadPayload,
+    then against the device: 400 BadDeviceToken, 400 TopicDisallowed,
+    400 DeviceTokenNotForTopic, 410 Unregistered
+  (the README has the whole table). An accepted request is answered 200 once the device
+  has taken it: online, it goes down the push road ("alert" and "background" pushes; other
+  push types are accepted as "not handled by this add-on"); offline, only the newest
+  notification with an apns-expiration still to come is kept, and delivered when the
+  device comes back online. A notification with an apns-collapse-id replaces the shown one
+  with the same identifier.
+
 Output:
   {"id":N,"reply":REPLY}          a call's reply text, as the plug-in gave it
   {"event":NAME,"payload":P}      a bridge event, written when it is emitted, so an event
@@ -137,6 +203,18 @@ Output:
                                   badge count the system set, or null), "tap" (the action
                                   the user took, or null), "callbacks" (in order, from
                                   "didFinishLaunching", "willPresent", "didReceiveResponse")
+  {"providerApi":{...}}           (--provider-api) where it listens: "listening",
+                                  "port" (the actual one), "tls", "fingerprint" (SHA-256
+                                  of the certificate, or null), "environment" (the
+                                  profile's aps-environment), "topic", "deviceToken",
+                                  "authentication" (what is checked)
+  {"provider":{...}}              one per request, before the "system" line it causes:
+                                  "apnsId", "status", "reason" (null for 200), "topic",
+                                  "pushType", "priority" (null when unreadable), "outcome":
+                                  "delivered", "replaced", "kept while offline",
+                                  "discarded", "not handled by this add-on" or "refused"
+  {"error":TEXT,"apnsId":ID}      the system refused an accepted payload ("aps" not an
+                                  object)
   {"command":C} {"comment":T}     echoed input (--echo, --demo); a line that is not JSON is
                                   echoed as a string, bytes that are not UTF-8 replaced
                                   by U+FFFD
@@ -145,12 +223,31 @@ Exit status (once every call has been answered at the end of the input):
   0  every line was accepted
   1  a line was refused
   2  the script, standard input or a --push file cannot be read (or a file is refused),
-     standard output cannot be written, or an option is wrong; one line on standard
-     error says why
+     standard output cannot be written, an option is wrong, or the provider API cannot
+     start (port taken, certificate or key unreadable); one line on standard error says
+     why
+  With --provider-api, the host exits once SIGINT or SIGTERM has ended the session: 0, or 2
+  as above; refused lines were answered on standard output and do not count.
 )";
 
 // The options that take a value.
-enum class ValueOption { script, bundle, logLevel, push, app, status };
+enum class ValueOption {
+    script,
+    bundle,
+    logLevel,
+    push,
+    app,
+    status,
+    providerApi,
+    tlsCert,
+    tlsKey,
+    tlsCertOut,
+    clientCa,
+    authKey,
+    keyId,
+    teamId,
+    deviceToken,
+};
 
 std::optional<ValueOption> valueOption(std::string_view name) {
     if (name == "--script") {
@@ -171,6 +268,119 @@ std::optional<ValueOption> valueOption(std::string_view name) {
     if (name == "--status") {
         return ValueOption::status;
     }
+    static constexpr std::array<std::pair<std::string_view, ValueOption>, 9> kProviderOptions{{
+        {"--provider-api", ValueOption::providerApi},
+        {"--tls-cert", ValueOption::tlsCert},
+        {"--tls-key", ValueOption::tlsKey},
+        {"--tls-cert-out", ValueOption::tlsCertOut},
+        {"--client-ca", ValueOption::clientCa},
+        {"--auth-key", ValueOption::authKey},
+        {"--key-id", ValueOption::keyId},
+        {"--team-id", ValueOption::teamId},
+        {"--device-token", ValueOption::deviceToken},
+    }};
+    for (const auto& [known, option] : kProviderOptions) {
+        if (name == known) {
+            return option;
+        }
+    }
+    return std::nullopt;
+}
+
+// "[HOST:]PORT", HOST an IPv6 address in brackets or anything without ":"; false when it is
+// not.
+bool readListenAddress(std::string_view text, ProviderApiOptions& provider) {
+    std::string_view port = text;
+    const auto colon = text.rfind(':');
+    if (colon != std::string_view::npos) {
+        std::string_view host = text.substr(0, colon);
+        port = text.substr(colon + 1);
+        if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+            host = host.substr(1, host.size() - 2);
+        } else if (host.find(':') != std::string_view::npos) {
+            return false;
+        }
+        if (host.empty()) {
+            return false;
+        }
+        provider.host = std::string(host);
+    }
+    unsigned value = 0;
+    const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), value);
+    if (port.empty() || error != std::errc() || end != port.data() + port.size() || value > 65535) {
+        return false;
+    }
+    provider.port = static_cast<std::uint16_t>(value);
+    return true;
+}
+
+// Exactly 64 hexadecimal digits: a 32-byte device token.
+std::optional<std::vector<std::uint8_t>> readDeviceToken(std::string_view text) {
+    if (text.size() != 64) {
+        return std::nullopt;
+    }
+    const auto digit = [](char c) -> int {
+        if (c >= '0' && c <= '9') {
+            return c - '0';
+        }
+        if (c >= 'a' && c <= 'f') {
+            return c - 'a' + 10;
+        }
+        if (c >= 'A' && c <= 'F') {
+            return c - 'A' + 10;
+        }
+        return -1;
+    };
+    std::vector<std::uint8_t> bytes;
+    for (std::size_t index = 0; index < text.size(); index += 2) {
+        const int high = digit(text[index]);
+        const int low = digit(text[index + 1]);
+        if (high < 0 || low < 0) {
+            return std::nullopt;
+        }
+        bytes.push_back(static_cast<std::uint8_t>(high * 16 + low));
+    }
+    return bytes;
+}
+
+// The provider options that only make sense together; the reason when they do not.
+std::optional<std::string> checkProviderOptions(
+    const HostOptions& options, bool providerApi, const ProviderApiOptions& provider,
+    std::optional<std::string_view> firstProviderOption) {
+    if (options.printProviderToken) {
+        if (!provider.authKey || !provider.keyId || !provider.teamId) {
+            return "--print-provider-token needs --auth-key, --key-id and --team-id";
+        }
+        return std::nullopt;
+    }
+    if (!providerApi) {
+        if (firstProviderOption) {
+            return "option '" + std::string(*firstProviderOption) + "' needs --provider-api";
+        }
+        return std::nullopt;
+    }
+    if (options.demo || !options.pushes.empty()) {
+        return "--provider-api serves a session: it takes no " +
+               std::string(options.demo ? "--demo" : "--push");
+    }
+    if (provider.tlsCertificate.has_value() != provider.tlsKey.has_value()) {
+        return "--tls-cert and --tls-key go together";
+    }
+    if (provider.cleartext &&
+        (provider.tlsCertificate || provider.clientCa || provider.tlsCertificateOut)) {
+        return "--cleartext serves without TLS: it takes no --tls-cert, --tls-key, "
+               "--tls-cert-out or --client-ca";
+    }
+    if (provider.clientCa && (provider.authKey || provider.keyId || provider.teamId)) {
+        return "--client-ca authenticates with certificates: it takes no --auth-key, --key-id "
+               "or --team-id";
+    }
+    if ((provider.keyId || provider.teamId) && !provider.authKey) {
+        return "--key-id and --team-id name the key of --auth-key, which is missing";
+    }
+    if (provider.authKey && (!provider.keyId || !provider.teamId)) {
+        return "--auth-key needs --key-id and --team-id";
+    }
     return std::nullopt;
 }
 
@@ -190,9 +400,14 @@ std::optional<platform::LogLevel> logLevelNamed(std::string_view name) {
 ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
     HostOptions options;
     // What --app and --tap set for the --push files after them, and the option that set it last
-    // when no file has used it yet.
+    // when no file has used it yet (empty when none). A plain view, not an optional: GCC 12 at -O2
+    // reports a false maybe-uninitialized for an optional view.
     PushFile next;
-    std::optional<std::string_view> unusedPushSetting;
+    std::string_view unusedPushSetting;
+    ProviderApiOptions provider;
+    bool providerApi = false;
+    // The first option given that needs --provider-api, for the message when it is missing.
+    std::optional<std::string_view> firstProviderOption;
     for (std::size_t index = 0; index < arguments.size(); ++index) {
         const std::string_view argument = arguments[index];
         if (argument == "-h" || argument == "--help") {
@@ -225,6 +440,15 @@ ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
         }
         if (argument == "--echo") {
             options.echo = true;
+            continue;
+        }
+        if (argument == "--cleartext") {
+            provider.cleartext = true;
+            firstProviderOption = firstProviderOption.value_or("--cleartext");
+            continue;
+        }
+        if (argument == "--print-provider-token") {
+            options.printProviderToken = true;
             continue;
         }
 
@@ -266,7 +490,7 @@ ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
             case ValueOption::push:
                 next.path = std::filesystem::path(value);
                 options.pushes.push_back(next);
-                unusedPushSetting.reset();
+                unusedPushSetting = {};
                 break;
             case ValueOption::app: {
                 const auto state = platform::applicationStateNamed(value);
@@ -291,7 +515,63 @@ ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
                 options.authorizationStatus = status;
                 break;
             }
+            case ValueOption::providerApi:
+                if (!readListenAddress(value, provider)) {
+                    return OptionError{
+                        "option '--provider-api' needs [HOST:]PORT with PORT 0 to "
+                        "65535 (an IPv6 HOST in brackets), not '" +
+                        std::string(value) + "'"};
+                }
+                providerApi = true;
+                break;
+            case ValueOption::deviceToken: {
+                auto token = readDeviceToken(value);
+                if (!token) {
+                    return OptionError{
+                        "option '--device-token' needs 64 hexadecimal digits, not '" +
+                        std::string(value) + "'"};
+                }
+                provider.deviceToken = std::move(*token);
+                break;
+            }
+            case ValueOption::tlsCert:
+                provider.tlsCertificate = std::filesystem::path(value);
+                break;
+            case ValueOption::tlsKey:
+                provider.tlsKey = std::filesystem::path(value);
+                break;
+            case ValueOption::tlsCertOut:
+                provider.tlsCertificateOut = std::filesystem::path(value);
+                break;
+            case ValueOption::clientCa:
+                provider.clientCa = std::filesystem::path(value);
+                break;
+            case ValueOption::authKey:
+                provider.authKey = std::filesystem::path(value);
+                break;
+            case ValueOption::keyId:
+                provider.keyId = std::string(value);
+                break;
+            case ValueOption::teamId:
+                provider.teamId = std::string(value);
+                break;
         }
+        if (*option >= ValueOption::tlsCert) {
+            firstProviderOption = firstProviderOption.value_or(name);
+        }
+    }
+    if (auto problem = checkProviderOptions(options, providerApi, provider, firstProviderOption)) {
+        return OptionError{std::move(*problem)};
+    }
+    if (options.printProviderToken) {
+        options.providerApi = std::move(provider);
+    } else if (providerApi) {
+        // --app without a --push file after it sets the state provider pushes find.
+        provider.app = next.app;
+        if (unusedPushSetting == "--app") {
+            unusedPushSetting = {};
+        }
+        options.providerApi = std::move(provider);
     }
     if (options.demo && options.script) {
         return OptionError{"--demo runs its own session and takes no --script"};
@@ -300,8 +580,8 @@ ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
         return OptionError{"--push delivers its files instead of a session: it takes no " +
                            std::string(options.demo ? "--demo" : "--script")};
     }
-    if (unusedPushSetting) {
-        return OptionError{"option '" + std::string(*unusedPushSetting) +
+    if (!unusedPushSetting.empty()) {
+        return OptionError{"option '" + std::string(unusedPushSetting) +
                            "' applies to the --push files after it, and none follows"};
     }
     return options;

@@ -24,6 +24,25 @@ struct PushFile {
     std::optional<std::string> tap;
 };
 
+// The provider API (--provider-api and the options that go with it).
+struct ProviderApiOptions {
+    // Loopback unless the user names an address.
+    std::string host = "127.0.0.1";
+    std::uint16_t port = 0;
+    bool cleartext = false;
+    std::optional<std::filesystem::path> tlsCertificate;
+    std::optional<std::filesystem::path> tlsKey;
+    std::optional<std::filesystem::path> tlsCertificateOut;
+    std::optional<std::filesystem::path> clientCa;
+    std::optional<std::filesystem::path> authKey;
+    std::optional<std::string> keyId;
+    std::optional<std::string> teamId;
+    // 32 bytes; nothing for random ones.
+    std::optional<std::vector<std::uint8_t>> deviceToken;
+    // The application's state when a notification arrives, until a command changes it.
+    platform::ApplicationState app = platform::ApplicationState::foreground;
+};
+
 struct HostOptions {
     // Read commands from this file instead of standard input.
     std::optional<std::filesystem::path> script;
@@ -40,6 +59,11 @@ struct HostOptions {
     std::optional<std::int64_t> authorizationStatus;
     // Deliver these payload files, in order, instead of reading commands.
     std::vector<PushFile> pushes;
+    // Serve the provider API while the session runs, and after its input has ended until
+    // SIGINT or SIGTERM.
+    std::optional<ProviderApiOptions> providerApi;
+    // Print a provider token made from --auth-key, --key-id and --team-id, and exit.
+    bool printProviderToken = false;
 };
 
 // Asked for the help text.

@@ -56,7 +56,8 @@ std::size_t utf8SequenceLength(std::string_view bytes) {
     return length;
 }
 
-// `text` with every byte that does not belong to well-formed UTF-8 replaced by U+FFFD.
+}  // namespace
+
 std::string validUTF8(std::string_view text) {
     std::string out;
     out.reserve(text.size());
@@ -72,8 +73,6 @@ std::string validUTF8(std::string_view text) {
     }
     return out;
 }
-
-}  // namespace
 
 std::string replyLine(std::int64_t id, std::string_view reply) {
     std::string line = "{\"id\":";

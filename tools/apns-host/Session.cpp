@@ -9,7 +9,11 @@
 #include "NimbOrraPlatform/Application.h"
 #include "NimbOrraPlatform/Bundle.h"
 #include "NimbOrraPlatform/UserNotificationCenter.h"
+#include "NimbOrraProviderApi/ProviderService.h"
 #include "NimbOrraPushAddonApns/ApnsColdStartBuffer.h"
+#include "NimbOrraPushAddonApns/ApnsServiceNativeAdapterDefault.h"
+#include "ProviderLines.h"
+#include "SimulatedDevice.h"
 
 namespace nimborra::host {
 
@@ -57,6 +61,7 @@ bool Session::runLine(std::string_view line, std::size_t lineNumber) {
         output_.writeLine(input.kind == InputLine::Kind::comment ? commentLine(input.text)
                                                                  : commandLine(input.json, line));
     }
+    const std::lock_guard commandLock(commandMutex_);
     switch (input.kind) {
         case InputLine::Kind::blank:
         case InputLine::Kind::comment:
@@ -78,11 +83,13 @@ bool Session::runLine(std::string_view line, std::size_t lineNumber) {
             } else if constexpr (std::is_same_v<T, LaunchCommand>) {
                 launch(command);
             } else if constexpr (std::is_same_v<T, PlatformCommand>) {
-                changePlatform(command);
+                return changePlatform(command, lineNumber);
             } else if constexpr (std::is_same_v<T, PushCommand>) {
                 return push(command, lineNumber);
+            } else if constexpr (std::is_same_v<T, TapCommand>) {
+                return tap(command, lineNumber);
             } else {
-                inspect();
+                inspect(command);
             }
             return true;
         },
@@ -95,8 +102,8 @@ void Session::waitForReplies() {
 }
 
 void Session::call(const CallCommand& command) {
-    ++callCount_;
-    const std::int64_t id = command.id.value_or(callCount_);
+    const std::int64_t count = ++callCount_;
+    const std::int64_t id = command.id.value_or(count);
     if (command.synchronous) {
         output_.writeLine(replyLine(id, plugin_->callSync(command.method, command.payload)));
         return;
@@ -124,6 +131,7 @@ void Session::call(const CallCommand& command) {
 }
 
 bool Session::push(const PushCommand& command, std::size_t lineNumber) {
+    const std::lock_guard commandLock(commandMutex_);
     waitForReplies();
     if (command.targetBundle) {
         if (auto wrong = wrongTargetBundle(*command.targetBundle)) {
@@ -131,17 +139,31 @@ bool Session::push(const PushCommand& command, std::size_t lineNumber) {
             return false;
         }
     }
+    runPushRoad(command.payload, command.app, command.tap, false);
+    return true;
+}
+
+platform::RemoteNotificationDelivery Session::runPushRoad(const platform::Dictionary& payload,
+                                                          platform::ApplicationState app,
+                                                          const std::optional<std::string>& tap,
+                                                          bool tapOnly) {
+    waitForReplies();
     auto& center = platform::UNUserNotificationCenter::currentNotificationCenter();
-    const auto delivery = platform::deliverRemoteNotification(
-        command.payload, command.app, center.authorizationStatus(), command.tap);
+    auto delivery =
+        platform::deliverRemoteNotification(payload, app, center.authorizationStatus(), tap);
+    if (tapOnly) {
+        // The notification is on screen already: only what the tap causes runs again.
+        std::erase(delivery.callbacks, platform::RemoteNotificationCallback::willPresent);
+        delivery.badge.reset();
+    }
     if (delivery.badge) {
         center.setBadgeCountFromNotification(*delivery.badge);
     }
-    output_.writeLine(systemLine(command.app, delivery));
+    output_.writeLine(systemLine(app, delivery));
     for (const auto callback : delivery.callbacks) {
         switch (callback) {
             case platform::RemoteNotificationCallback::didFinishLaunching:
-                didFinishLaunching(command.payload);
+                didFinishLaunching(payload);
                 break;
             case platform::RemoteNotificationCallback::willPresent:
                 call(willPresentCall(delivery.content));
@@ -152,7 +174,67 @@ bool Session::push(const PushCommand& command, std::size_t lineNumber) {
         }
         waitForReplies();
     }
+    return delivery;
+}
+
+std::optional<bool> Session::presentRemoteNotification(
+    const platform::IncomingRemoteNotification& notification, platform::ApplicationState app) {
+    const std::lock_guard commandLock(commandMutex_);
+    PushCommand push;
+    if (auto refusal = readPushPayload(platform::Value(notification.payload), push)) {
+        output_.writeLine(notificationRefusalLine("push: " + *refusal, notification.identifier));
+        return std::nullopt;
+    }
+    return runPushRoad(push.payload, app, std::nullopt, false).shown;
+}
+
+bool Session::tap(const TapCommand& command, std::size_t lineNumber) {
+    waitForReplies();
+    if (device_ == nullptr) {
+        output_.writeLine(refusalLine("tap: needs --provider-api", lineNumber));
+        return false;
+    }
+    const auto notification = device_->takeShown(command.identifier);
+    if (!notification) {
+        output_.writeLine(refusalLine(
+            "tap: no notification \"" + command.identifier + "\" is shown", lineNumber));
+        return false;
+    }
+    runPushRoad(notification->payload, device_->applicationState(), command.action, true);
     return true;
+}
+
+void Session::attachProviderApi(SimulatedDevice& device, provider::ProviderService& service) {
+    device_ = &device;
+    service_ = &service;
+}
+
+bool Session::registerForRemoteNotifications() {
+    std::size_t before = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        before = tokensForwarded_;
+    }
+    // As an application does at launch: the add-on's own registration callback, which hops to
+    // the main queue.
+    const auto registerCallback =
+        apns::ApnsServiceNativeAdapterDefault().registerForRemoteNotifications();
+    registerCallback();
+    bool forwarded = false;
+    {
+        std::unique_lock lock(mutex_);
+        forwarded = answered_.wait_for(lock, std::chrono::seconds(10),
+                                       [&] { return tokensForwarded_ > before; });
+    }
+    waitForReplies();
+    return forwarded;
+}
+
+void Session::didRegisterForRemoteNotifications(const platform::Data& deviceToken) {
+    call(didRegisterForRemoteNotificationsCall(deviceToken));
+    const std::lock_guard lock(mutex_);
+    ++tokensForwarded_;
+    answered_.notify_all();
 }
 
 void Session::launch(const LaunchCommand& command) {
@@ -160,8 +242,14 @@ void Session::launch(const LaunchCommand& command) {
     apns::ApnsColdStartBuffer::shared()->capture(command.payload);
 }
 
-void Session::changePlatform(const PlatformCommand& command) {
+bool Session::changePlatform(const PlatformCommand& command, std::size_t lineNumber) {
     waitForReplies();
+    if ((command.deviceRegistered || command.deviceOnline || command.app) && device_ == nullptr) {
+        output_.writeLine(refusalLine(
+            "platform: \"deviceRegistered\", \"deviceOnline\" and \"app\" need --provider-api",
+            lineNumber));
+        return false;
+    }
     auto& center = platform::UNUserNotificationCenter::currentNotificationCenter();
     if (command.authorization) {
         center.setAuthorizationAnswer(command.authorization->granted, command.authorization->error);
@@ -177,10 +265,30 @@ void Session::changePlatform(const PlatformCommand& command) {
         auto directory = std::filesystem::absolute(*command.bundle, error);
         platform::Bundle::mainBundle().setResourceDirectory(error ? *command.bundle : directory);
     }
+    if (command.app) {
+        device_->setApplicationState(*command.app);
+    }
+    if (command.deviceOnline) {
+        service_->setDeviceOnline(*command.deviceOnline);
+    }
+    if (command.deviceRegistered) {
+        const bool wasRegistered = service_->deviceToken().has_value();
+        service_->setDeviceRegistered(*command.deviceRegistered);
+        if (*command.deviceRegistered && !wasRegistered) {
+            // The application is installed again: it registers at launch and gets a new token.
+            registerForRemoteNotifications();
+        }
+    }
+    return true;
 }
 
-void Session::inspect() {
+void Session::inspect(const InspectCommand& command) {
     waitForReplies();
+    if (command.what == InspectCommand::What::notificationCenter) {
+        output_.writeLine(device_ != nullptr ? device_->notificationCenterLine()
+                                             : std::string("{\"notificationCenter\":[]}"));
+        return;
+    }
     const auto& center = platform::UNUserNotificationCenter::currentNotificationCenter();
     output_.writeLine(
         platformLine(center.lastAuthorizationOptions(), center.lastBadgeCount(),

@@ -4,10 +4,17 @@
 //
 // Threads: the main thread registers the plug-in and then drains the main queue for as long as
 // the session lasts, as an application's main thread does; a second thread reads and runs the
-// commands and stops the main loop once every call has been answered.
+// commands and stops the main loop once every call has been answered. With the provider API, a
+// third thread waits for SIGINT or SIGTERM (blocked in every other thread), which end the
+// session; the end of the input alone does not.
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 
 #include <cerrno>
 #include <csignal>
@@ -38,6 +45,7 @@
 #include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
 #include "Options.h"
 #include "Output.h"
+#include "ProviderApi.h"
 #include "Session.h"
 
 namespace {
@@ -188,8 +196,50 @@ int runHost(const host::HostOptions& options) {
 
     host::Session session(output, std::move(plugin), options.echo || options.demo);
     host::SessionStatus status = host::SessionStatus::accepted;
+
+    std::unique_ptr<host::ProviderApi> providerApi;
+    if (options.providerApi) {
+        auto started = host::ProviderApi::start(*options.providerApi, session, output);
+        if (auto* reason = std::get_if<std::string>(&started)) {
+            dispatcher.unsubscribe(subscription);
+            platform::setLogSink({});
+            return fail(*reason);
+        }
+        providerApi = std::move(std::get<std::unique_ptr<host::ProviderApi>>(started));
+    }
+    // Set once SIGINT or SIGTERM has come (provider API only); the input then counts as ended.
+    std::atomic<bool> stopRequested = false;
+    std::mutex stopMutex;
+    std::condition_variable stopSignalled;
+    std::thread signalWaiter;
+    if (providerApi) {
+        input.reader->setCancellation(&stopRequested);
+        signalWaiter = std::thread([&] {
+            sigset_t signals;
+            sigemptyset(&signals);
+            sigaddset(&signals, SIGINT);
+            sigaddset(&signals, SIGTERM);
+            int signal = 0;
+            sigwait(&signals, &signal);
+            const std::lock_guard lock(stopMutex);
+            stopRequested = true;
+            stopSignalled.notify_all();
+        });
+    }
+
     std::thread reader([&] {
-        if (pushes.empty()) {
+        if (providerApi) {
+            // The application registers for remote notifications at launch.
+            session.registerForRemoteNotifications();
+            status = session.run(*input.reader);
+            if (!output.failed()) {
+                // The push server may go on sending after the input has ended.
+                std::unique_lock lock(stopMutex);
+                stopSignalled.wait(lock, [&] { return stopRequested.load(); });
+            }
+            providerApi->stop();
+            session.waitForReplies();
+        } else if (pushes.empty()) {
             status = session.run(*input.reader);
         } else {
             // Standard input is not read: the files are the whole session.
@@ -202,6 +252,14 @@ int runHost(const host::HostOptions& options) {
     });
     platform::DispatchQueue::runMainLoop();
     reader.join();
+    if (signalWaiter.joinable()) {
+        if (!stopRequested) {
+            // The session ended without a signal (its output failed): end the waiter with one.
+            pthread_kill(signalWaiter.native_handle(), SIGTERM);
+        }
+        signalWaiter.join();
+    }
+    providerApi.reset();
 
     // Nothing may reach this function's objects once it returns.
     dispatcher.unsubscribe(subscription);
@@ -212,6 +270,11 @@ int runHost(const host::HostOptions& options) {
     if (output.failed()) {
         return fail(std::string("writing standard output failed: ") +
                     std::strerror(output.error()));
+    }
+    if (options.providerApi && status == host::SessionStatus::refused) {
+        // A provider session ends by a signal, not by its input: refused lines have been
+        // answered on the output and do not make the ending a failure.
+        return 0;
     }
     return static_cast<int>(status);
 }
@@ -234,7 +297,25 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "Try 'apns-host --help'.\n");
             return kStatusBadInvocation;
         }
-        return runHost(std::get<nimborra::host::HostOptions>(parsed));
+        const auto& options = std::get<nimborra::host::HostOptions>(parsed);
+        if (options.printProviderToken) {
+            const auto token = nimborra::host::printableProviderToken(*options.providerApi);
+            if (token.index() == 1) {
+                return fail(std::get<1>(token));
+            }
+            std::printf("%s\n", std::get<0>(token).c_str());
+            return 0;
+        }
+        if (options.providerApi) {
+            // SIGINT and SIGTERM end a provider session: they are taken by one thread with
+            // sigwait, so every thread started from here on must have them blocked.
+            sigset_t signals;
+            sigemptyset(&signals);
+            sigaddset(&signals, SIGINT);
+            sigaddset(&signals, SIGTERM);
+            pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        }
+        return runHost(options);
     } catch (const std::exception& error) {
         return fail(error.what());
     }

@@ -1,9 +1,11 @@
 // The application object: the process's one UIApplication, through which the application asks
 // the system to register it for remote notifications.
 //
-// Linux has no push service, so a registration is only recorded: hosts and tests can count the
+// Linux has no push service, so a registration is recorded: hosts and tests can count the
 // registrations, see how many of them were made on the main thread (where the platform requires
-// them), and wait for one to happen.
+// them), and wait for one to happen. When a host connects a push service (a device-token issuer),
+// a registration also asks it for the device token and hands the token to the application
+// delegate's registration callback on the main queue, as the system does.
 //
 // Threads: every member function may be called from any thread; the state is guarded by one lock.
 // registerForRemoteNotifications() belongs on the main thread; a call from elsewhere is recorded
@@ -12,9 +14,12 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
+#include <optional>
 
 #include "NimbOrraPlatform/Export.h"
+#include "NimbOrraPlatform/Value.h"
 
 namespace nimborra::platform {
 
@@ -26,8 +31,18 @@ class NIMBORRA_PLATFORM_EXPORT UIApplication {
     UIApplication(const UIApplication&) = delete;
     UIApplication& operator=(const UIApplication&) = delete;
 
-    // Records one registration and wakes the threads waiting for it.
+    // Records one registration and wakes the threads waiting for it. With a push service
+    // connected, the token it issues reaches the registration callback on the main queue.
     void registerForRemoteNotifications();
+
+    // The push service the device is connected to: asked for the device token at each
+    // registration, on the registering thread, outside every lock. Nothing when it issues none.
+    using DeviceTokenIssuer = std::function<std::optional<Data>()>;
+    void setDeviceTokenIssuer(DeviceTokenIssuer issuer);
+    // The application delegate's didRegisterForRemoteNotificationsWithDeviceToken: runs on the
+    // main queue with each token issued.
+    using RegistrationCallback = std::function<void(const Data& deviceToken)>;
+    void setRegistrationCallback(RegistrationCallback callback);
 
     // Registrations since the start or the last reset(), and how many of them ran on the main
     // thread.
@@ -39,7 +54,7 @@ class NIMBORRA_PLATFORM_EXPORT UIApplication {
     // that should register, to wait for the next registration.
     bool waitForRegistrationCount(std::size_t count, std::chrono::milliseconds timeout) const;
 
-    // Forgets every registration.
+    // Forgets every registration, the issuer and the callback.
     void reset();
 
   private:

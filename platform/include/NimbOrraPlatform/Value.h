@@ -189,9 +189,15 @@ class NIMBORRA_PLATFORM_EXPORT Value {
 };
 
 // Defined here, where Value is complete, so that the entry type can be instantiated.
-inline std::size_t Dictionary::size() const { return entries_.size(); }
-inline bool Dictionary::empty() const { return entries_.empty(); }
-inline void Dictionary::reserve(std::size_t count) { entries_.reserve(count); }
+inline std::size_t Dictionary::size() const {
+    return entries_.size();
+}
+inline bool Dictionary::empty() const {
+    return entries_.empty();
+}
+inline void Dictionary::reserve(std::size_t count) {
+    entries_.reserve(count);
+}
 inline std::vector<Dictionary::Entry>::const_iterator Dictionary::begin() const {
     return entries_.begin();
 }

@@ -1,0 +1,45 @@
+// The device's end of its connection to the push service: how a remote notification that the
+// service sends reaches the system. The push service stand-in calls it; the host implements it
+// with the system's rules (RemoteNotification.h).
+//
+// Threads: the push service calls one receiver from one delivery thread, one notification at a
+// time; implementations must not throw.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "NimbOrraPlatform/Value.h"
+
+namespace nimborra::platform {
+
+// A notification as the push service hands it to the device.
+struct IncomingRemoteNotification {
+    // The notification's identifier (its apns-id).
+    std::string identifier;
+    // Notifications with the same collapse identifier replace each other on the device.
+    std::optional<std::string> collapseIdentifier;
+    // The push type the provider sent ("alert", "background", ...).
+    std::string pushType;
+    Dictionary payload;
+};
+
+class RemoteNotificationReceiver {
+  public:
+    virtual ~RemoteNotificationReceiver() = default;
+
+    // What became of a notification the device took.
+    enum class Taken {
+        delivered,
+        // It replaced a shown notification with the same collapse identifier.
+        replaced,
+    };
+
+    // The device takes the notification: quick, never blocks on the application.
+    virtual Taken take(const IncomingRemoteNotification& notification) = 0;
+    // The system then runs its rules for it: shows it, runs the application's callbacks. May
+    // block until the application has handled it.
+    virtual void present(const IncomingRemoteNotification& notification) = 0;
+};
+
+}  // namespace nimborra::platform

@@ -1,0 +1,429 @@
+#include "NimbOrraProviderApi/ProviderServer.h"
+
+#include <arpa/inet.h>
+#include <event2/event.h>
+#include <event2/listener.h>
+#include <event2/thread.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "ProviderConnection.h"
+
+namespace nimborra::provider {
+namespace {
+
+const platform::Logger& transportLogger() {
+    static const platform::Logger* instance =
+        new platform::Logger("com.nimborra.provider", "transport");
+    return *instance;
+}
+
+}  // namespace
+
+namespace detail {
+
+struct Answer {
+    std::uint64_t connection = 0;
+    std::int32_t stream = 0;
+    ProviderResponse response;
+};
+
+// Where answers from any thread meet the event loop: a queue the loop empties when woken. Once
+// the loop has gone, `wake` is null and answers are dropped.
+struct Mailbox {
+    std::mutex mutex;
+    std::vector<Answer> answers;
+    bool stopRequested = false;
+    event* wake = nullptr;
+
+    void post(Answer answer) {
+        const std::lock_guard lock(mutex);
+        if (wake != nullptr) {
+            answers.push_back(std::move(answer));
+            event_active(wake, 0, 0);
+        }
+    }
+};
+
+}  // namespace detail
+
+using detail::Answer;
+using detail::Mailbox;
+
+struct ProviderResponder::State {
+    State(std::shared_ptr<Mailbox> box, std::uint64_t connectionId, std::int32_t streamId)
+        : mailbox(std::move(box)), connection(connectionId), stream(streamId) {}
+    std::shared_ptr<Mailbox> mailbox;
+    const std::uint64_t connection;
+    const std::int32_t stream;
+    std::atomic<bool> answered{false};
+
+    void answer(ProviderResponse response) {
+        if (!answered.exchange(true)) {
+            mailbox->post({connection, stream, std::move(response)});
+        }
+    }
+};
+
+ProviderResponder::ProviderResponder(std::shared_ptr<State> state) : state_(std::move(state)) {}
+ProviderResponder::ProviderResponder(ProviderResponder&&) noexcept = default;
+
+ProviderResponder& ProviderResponder::operator=(ProviderResponder&& other) noexcept {
+    if (this != &other) {
+        ProviderResponder dropped(std::move(*this));
+        state_ = std::move(other.state_);
+    }
+    return *this;
+}
+
+ProviderResponder::~ProviderResponder() {
+    if (state_) {
+        try {
+            state_->answer({500, {}, R"({"reason":"InternalServerError"})"});
+        } catch (...) {
+            // Out of memory in a destructor: the request stays unanswered rather than the
+            // process ending; its connection's idle timeout still applies.
+        }
+    }
+}
+
+void ProviderResponder::operator()(ProviderResponse response) {
+    if (state_) {
+        state_->answer(std::move(response));
+    }
+}
+
+struct ProviderServer::Impl final : detail::ConnectionHost {
+    Impl(ProviderServerOptions opts, ProviderRequestHandler& requestHandler)
+        : options_(std::move(opts)), handler_(requestHandler) {}
+    ~Impl() { release(); }
+
+    const ProviderServerOptions& options() const override { return options_; }
+    bool readingPaused() const override { return paused_; }
+    const platform::Logger& log() const override { return transportLogger(); }
+
+    std::optional<std::string> listen();
+    void run();
+    void stop();
+    void release();
+
+    void requestsReady(std::uint64_t id) override;
+    void connectionClosed(std::uint64_t id) override;
+    void accepted(evutil_socket_t fd);
+    void woken();
+    void dispatch();
+    void updatePause();
+    void finishIfDone();
+    detail::ProviderConnection* find(std::uint64_t id) {
+        const auto it = connections_.find(id);
+        return it == connections_.end() || it->second->closed() ? nullptr : it->second.get();
+    }
+
+    ProviderServerOptions options_;
+    ProviderRequestHandler& handler_;
+    std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>();
+    event_base* base_ = nullptr;
+    evconnlistener* listener_ = nullptr;
+    event* wake_ = nullptr;
+    event* reap_ = nullptr;
+    event* resumeAccepting_ = nullptr;
+    std::thread thread_;
+    std::uint16_t port_ = 0;
+
+    // Loop thread only from here on.
+    std::unordered_map<std::uint64_t, std::unique_ptr<detail::ProviderConnection>> connections_;
+    std::vector<std::uint64_t> closed_;
+    // Connections with complete requests the handler has not had yet, served in turn.
+    std::deque<std::uint64_t> ready_;
+    std::uint64_t nextId_ = 0;
+    std::size_t open_ = 0;
+    std::size_t pending_ = 0;
+    bool paused_ = false;
+    bool stopping_ = false;
+};
+
+std::optional<std::string> ProviderServer::Impl::listen() {
+    const std::string where = options_.host + ":" + std::to_string(options_.port);
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    const std::string service = std::to_string(options_.port);
+    if (const int error = getaddrinfo(options_.host.c_str(), service.c_str(), &hints, &found);
+        error != 0) {
+        return "cannot listen on " + where + ": the host is unknown (" + gai_strerror(error) + ")";
+    }
+    std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> addresses(found, freeaddrinfo);
+    const int fd = socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return "cannot listen on " + where + ": " + std::strerror(errno);
+    }
+    // A restarted server may take its port back while old connections linger in TIME_WAIT;
+    // a port another program listens on still fails.
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(fd, found->ai_addr, found->ai_addrlen) != 0 || ::listen(fd, SOMAXCONN) != 0) {
+        const int error = errno;
+        close(fd);
+        return "cannot listen on " + where + ": " + std::strerror(error);
+    }
+    sockaddr_storage bound{};
+    socklen_t length = sizeof bound;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &length);
+    port_ =
+        ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<const sockaddr_in6*>(&bound)->sin6_port
+                                          : reinterpret_cast<const sockaddr_in*>(&bound)->sin_port);
+
+    // Answers arrive from other threads through event_active(), which needs libevent's locks.
+    static std::once_flag threads;
+    std::call_once(threads, [] { evthread_use_pthreads(); });
+    base_ = event_base_new();
+    if (base_ == nullptr) {
+        close(fd);
+        return std::string("cannot make an event loop");
+    }
+    listener_ = evconnlistener_new(
+        base_,
+        [](evconnlistener*, evutil_socket_t client, sockaddr*, int, void* impl) {
+            static_cast<Impl*>(impl)->accepted(client);
+        },
+        this, LEV_OPT_CLOSE_ON_FREE, 0, fd);
+    if (listener_ == nullptr) {
+        close(fd);
+        return std::string("cannot listen on ") + where;
+    }
+    // Out of file descriptors: accepting would fail again at once, so it pauses briefly.
+    evconnlistener_set_error_cb(listener_, [](evconnlistener* listener, void* impl) {
+        auto* self = static_cast<Impl*>(impl);
+        self->log().error(std::string("cannot accept a connection: ") + std::strerror(errno));
+        evconnlistener_disable(listener);
+        const timeval pause{0, 200000};
+        evtimer_add(self->resumeAccepting_, &pause);
+    });
+    resumeAccepting_ = evtimer_new(
+        base_,
+        [](evutil_socket_t, short, void* impl) {
+            auto* self = static_cast<Impl*>(impl);
+            if (self->listener_ != nullptr) {
+                evconnlistener_enable(self->listener_);
+            }
+        },
+        this);
+    wake_ = event_new(
+        base_, -1, 0, [](evutil_socket_t, short, void* impl) { static_cast<Impl*>(impl)->woken(); },
+        this);
+    reap_ = event_new(
+        base_, -1, 0,
+        [](evutil_socket_t, short, void* impl) {
+            auto* self = static_cast<Impl*>(impl);
+            for (const std::uint64_t id : std::exchange(self->closed_, {})) {
+                self->connections_.erase(id);
+            }
+            self->finishIfDone();
+        },
+        this);
+    if (resumeAccepting_ == nullptr || wake_ == nullptr || reap_ == nullptr) {
+        return std::string("cannot make an event loop");
+    }
+    const std::lock_guard lock(mailbox_->mutex);
+    mailbox_->wake = wake_;
+    return std::nullopt;
+}
+
+void ProviderServer::Impl::run() {
+    // A peer that has gone makes a write raise SIGPIPE; blocked on this thread, which does all
+    // the writing, it only turns into EPIPE and leaves the host's signal handling alone.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    event_base_loop(base_, EVLOOP_NO_EXIT_ON_EMPTY);
+}
+
+void ProviderServer::Impl::accepted(evutil_socket_t fd) {
+    if (stopping_ || open_ >= options_.maximumConnections) {
+        log().info([&] {
+            return "refused a connection: " + std::to_string(open_) + " are open, the most allowed";
+        });
+        evutil_closesocket(fd);
+        return;
+    }
+    const std::uint64_t id = ++nextId_;
+    auto connection = detail::ProviderConnection::open(*this, base_, fd, id);
+    if (connection) {
+        connections_.emplace(id, std::move(connection));
+        ++open_;
+    }
+}
+
+void ProviderServer::Impl::requestsReady(std::uint64_t id) {
+    if (auto* connection = find(id); connection != nullptr && !connection->queued) {
+        connection->queued = true;
+        ready_.push_back(id);
+    }
+    dispatch();
+    updatePause();
+}
+
+void ProviderServer::Impl::dispatch() {
+    const std::size_t limit = std::max<std::size_t>(options_.maximumPendingRequests, 1);
+    while (pending_ < limit && !ready_.empty()) {
+        const std::uint64_t id = ready_.front();
+        ready_.pop_front();
+        auto* connection = find(id);
+        if (connection == nullptr) {
+            continue;
+        }
+        connection->queued = false;
+        auto taken = connection->takeRequest();
+        if (connection->hasReadyRequests()) {
+            connection->queued = true;
+            ready_.push_back(id);
+        }
+        if (!taken) {
+            continue;
+        }
+        ++pending_;
+        ProviderResponder responder(
+            std::make_shared<ProviderResponder::State>(mailbox_, id, taken->first));
+        try {
+            handler_.handle(std::move(taken->second), connection->authentication(),
+                            std::move(responder));
+        } catch (const std::exception& error) {
+            // The responder, dropped on the way out, has answered 500.
+            log().error(std::string("the request handler failed: ") + error.what());
+        } catch (...) {
+            log().error("the request handler failed");
+        }
+    }
+}
+
+void ProviderServer::Impl::updatePause() {
+    const bool paused = pending_ >= std::max<std::size_t>(options_.maximumPendingRequests, 1);
+    if (paused != paused_) {
+        paused_ = paused;
+        for (auto& [id, connection] : connections_) {
+            connection->updateReading();
+        }
+    }
+}
+
+void ProviderServer::Impl::woken() {
+    std::vector<Answer> answers;
+    bool stopRequested = false;
+    {
+        const std::lock_guard lock(mailbox_->mutex);
+        answers.swap(mailbox_->answers);
+        stopRequested = mailbox_->stopRequested;
+    }
+    if (stopRequested && !stopping_) {
+        stopping_ = true;
+        evconnlistener_free(listener_);
+        listener_ = nullptr;
+        for (auto& [id, connection] : connections_) {
+            connection->shutDown();
+        }
+    }
+    for (Answer& answer : answers) {
+        --pending_;
+        if (auto* connection = find(answer.connection)) {
+            connection->answer(answer.stream, answer.response);
+        }
+    }
+    dispatch();
+    updatePause();
+    finishIfDone();
+}
+
+void ProviderServer::Impl::connectionClosed(std::uint64_t id) {
+    --open_;
+    closed_.push_back(id);
+    event_active(reap_, 0, 0);
+}
+
+void ProviderServer::Impl::finishIfDone() {
+    // Stopped once every request handed out has its answer written and every connection has
+    // closed after its GOAWAY.
+    if (stopping_ && pending_ == 0 && open_ == 0) {
+        event_base_loopbreak(base_);
+    }
+}
+
+void ProviderServer::Impl::stop() {
+    if (!thread_.joinable()) {
+        return;
+    }
+    {
+        const std::lock_guard lock(mailbox_->mutex);
+        mailbox_->stopRequested = true;
+        event_active(wake_, 0, 0);
+    }
+    thread_.join();
+    release();
+}
+
+void ProviderServer::Impl::release() {
+    if (base_ == nullptr) {
+        return;
+    }
+    {
+        const std::lock_guard lock(mailbox_->mutex);
+        mailbox_->wake = nullptr;
+        mailbox_->answers.clear();
+    }
+    connections_.clear();
+    if (listener_ != nullptr) {
+        evconnlistener_free(listener_);
+    }
+    for (event* e : {wake_, reap_, resumeAccepting_}) {
+        if (e != nullptr) {
+            event_free(e);
+        }
+    }
+    event_base_free(base_);
+    base_ = nullptr;
+}
+
+std::variant<std::unique_ptr<ProviderServer>, std::string> ProviderServer::start(
+    ProviderServerOptions options, ProviderRequestHandler& handler) {
+    auto impl = std::make_unique<Impl>(std::move(options), handler);
+    if (auto error = impl->listen()) {
+        return std::move(*error);
+    }
+    try {
+        impl->thread_ = std::thread([raw = impl.get()] { raw->run(); });
+    } catch (const std::system_error& error) {
+        return std::string("cannot start the server's thread: ") + error.what();
+    }
+    transportLogger().info([&] {
+        return "provider API listening on " + impl->options_.host + ":" +
+               std::to_string(impl->port_) + (impl->options_.tls ? " (TLS)" : " (cleartext)");
+    });
+    return std::unique_ptr<ProviderServer>(new ProviderServer(std::move(impl)));
+}
+
+ProviderServer::ProviderServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+ProviderServer::~ProviderServer() {
+    stop();
+}
+std::uint16_t ProviderServer::port() const {
+    return impl_->port_;
+}
+void ProviderServer::stop() {
+    impl_->stop();
+}
+
+}  // namespace nimborra::provider

@@ -1,0 +1,374 @@
+// apns-host's provider API driven by real HTTP/2 clients (libcurl here, the asyncio APNs client
+// in a child process), as a push server would drive it: every request is answered with APNs's
+// status and reason, and what is accepted travels through the simulated system to the far side.
+
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "HostProcess.h"
+#include "NimbOrraProviderApi/ProviderToken.h"
+
+namespace nimborra::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path kSource = NIMBORRA_SOURCE_DIR;
+const std::string kTopic = "com.nimborra.sample";
+const std::string kKeyId = "KEY1234567";
+const std::string kTeamId = "TEAM123456";
+
+std::int64_t now() {
+    return std::chrono::duration_cast<std::chrono::seconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+// The text of member `name` in a flat JSON line ("..." or a number), or "".
+std::string member(const std::string& line, const std::string& name) {
+    const auto at = line.find("\"" + name + "\":");
+    if (at == std::string::npos) {
+        return "";
+    }
+    auto start = at + name.size() + 3;
+    if (line[start] == '"') {
+        return line.substr(start + 1, line.find('"', start + 1) - start - 1);
+    }
+    return line.substr(start, line.find_first_of(",}", start) - start);
+}
+
+struct Request {
+    std::string method = "POST";
+    std::string path;  // default: /3/device/<the device's token>
+    std::vector<std::string> headers;
+    std::string body = R"({"aps":{"alert":"Hello"}})";
+};
+
+struct Reply {
+    long status = 0;
+    std::string apnsId;
+    std::string body;
+};
+
+size_t collect(char* data, size_t size, size_t count, void* target) {
+    static_cast<std::string*>(target)->append(data, size * count);
+    return size * count;
+}
+
+size_t collectApnsId(char* data, size_t size, size_t count, void* target) {
+    const std::string header(data, size * count);
+    if (header.rfind("apns-id:", 0) == 0) {
+        *static_cast<std::string*>(target) = header.substr(9, header.find_last_not_of("\r\n") - 8);
+    }
+    return size * count;
+}
+
+class ProviderApi : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        key_ = std::make_unique<provider::AuthKey>(provider::AuthKey::generate());
+        std::ofstream(keyFile()) << key_->pem();
+    }
+    // Per process: ctest runs the tests of this suite at once.
+    static fs::path keyFile() {
+        return fs::temp_directory_path() / ("apns-host-test-" + std::to_string(getpid()) + ".p8");
+    }
+    static fs::path certFile() {
+        return fs::temp_directory_path() / ("apns-host-test-" + std::to_string(getpid()) + ".pem");
+    }
+    static void TearDownTestSuite() {
+        fs::remove(keyFile());
+        fs::remove(certFile());
+    }
+
+    void SetUp() override {
+        host_ = std::make_unique<HostProcess>(std::vector<std::string>{
+            "--bundle", (kSource / "examples" / "bundle").string(), "--status", "2",
+            "--provider-api", "0", "--auth-key", keyFile().string(), "--key-id", kKeyId,
+            "--team-id", kTeamId, "--tls-cert-out", certFile().string()});
+        const auto start = host_->readLine();
+        ASSERT_TRUE(start && start->starts_with("{\"providerApi\":")) << host_->standardError();
+        port_ = member(*start, "port");
+        token_ = member(*start, "deviceToken");
+        // The application registered at launch: the far side learns the token.
+        const auto event = host_->readLine();
+        ASSERT_TRUE(event);
+        EXPECT_NE(event->find("APNSService.OnTokenRefreshed"), std::string::npos) << *event;
+        EXPECT_NE(event->find(token_), std::string::npos) << *event;
+        ASSERT_TRUE(host_->readLine());  // its reply
+    }
+
+    void TearDown() override {
+        host_->signal(SIGTERM);
+        EXPECT_EQ(host_->finish(), 0) << host_->standardError();
+    }
+
+    static std::string token(std::int64_t issuedAt, const provider::AuthKey& key = *key_) {
+        return *provider::makeProviderToken(key, kKeyId, kTeamId, issuedAt);
+    }
+
+    // Sends one request on `curl` (a new connection unless one is given) and returns the answer.
+    Reply send(const Request& request, CURL* curl = nullptr) {
+        std::unique_ptr<CURL, void (*)(CURL*)> owned(curl ? nullptr : curl_easy_init(),
+                                                     curl_easy_cleanup);
+        CURL* handle = curl ? curl : owned.get();
+        const std::string url = "https://localhost:" + port_ +
+                                (request.path.empty() ? "/3/device/" + token_ : request.path);
+        curl_slist* headers = nullptr;
+        for (const auto& header : request.headers) {
+            headers = curl_slist_append(headers, header.c_str());
+        }
+        Reply reply;
+        curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_2TLS);
+        curl_easy_setopt(handle, CURLOPT_CAINFO, certFile().c_str());
+        curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request.body.c_str());
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
+        curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
+        curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, collect);
+        curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply.body);
+        curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, collectApnsId);
+        curl_easy_setopt(handle, CURLOPT_HEADERDATA, &reply.apnsId);
+        curl_easy_setopt(handle, CURLOPT_TIMEOUT, 30L);
+        const CURLcode result = curl_easy_perform(handle);
+        EXPECT_EQ(result, CURLE_OK) << curl_easy_strerror(result);
+        curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &reply.status);
+        curl_slist_free_all(headers);
+        return reply;
+    }
+
+    Request push(std::string body = R"({"aps":{"alert":"Hello"}})") {
+        Request request;
+        request.headers = {"apns-topic: " + kTopic, "authorization: bearer " + token(now())};
+        request.body = std::move(body);
+        return request;
+    }
+
+    // Output lines up to and including the first that `last` accepts.
+    std::vector<std::string> linesThrough(const std::function<bool(const std::string&)>& last) {
+        std::vector<std::string> lines;
+        while (auto line = host_->readLine()) {
+            lines.push_back(*line);
+            if (last(*line)) {
+                break;
+            }
+        }
+        return lines;
+    }
+    // Runs session commands and returns what they wrote, once they have all run.
+    std::vector<std::string> command(const std::string& lines) {
+        host_->write(lines + "{\"inspect\":\"platform\"}\n");
+        auto written =
+            linesThrough([](const auto& line) { return line.starts_with("{\"platform\":"); });
+        if (!written.empty()) {
+            written.pop_back();
+        }
+        return written;
+    }
+    std::string providerLine() {
+        const auto lines =
+            linesThrough([](const auto& line) { return line.starts_with("{\"provider\":"); });
+        return lines.empty() ? std::string() : lines.back();
+    }
+
+    static inline std::unique_ptr<provider::AuthKey> key_;
+    std::unique_ptr<HostProcess> host_;
+    std::string port_;
+    std::string token_;
+};
+
+TEST_F(ProviderApi, RefusesWhatApnsRefusesWithItsStatusAndReason) {
+    const auto other = provider::AuthKey::generate();
+    const struct {
+        const char* what;
+        std::function<void(Request&)> change;
+        long status;
+        std::string reason;
+    } rows[] = {
+        {"GET", [](Request& r) { r.method = "GET"; }, 405, "MethodNotAllowed"},
+        {"path", [](Request& r) { r.path = "/3/devices/x"; }, 404, "BadPath"},
+        {"repeated topic", [](Request& r) { r.headers.push_back("apns-topic: " + kTopic); }, 400,
+         "DuplicateHeaders"},
+        {"apns-id", [](Request& r) { r.headers.push_back("apns-id: 123"); }, 400, "BadMessageId"},
+        {"no token", [](Request& r) { r.headers.erase(r.headers.begin() + 1); }, 403,
+         "MissingProviderToken"},
+        {"other key",
+         [&](Request& r) { r.headers[1] = "authorization: bearer " + token(now(), other); }, 403,
+         "InvalidProviderToken"},
+        {"an hour and a second old",
+         [](Request& r) { r.headers[1] = "authorization: bearer " + token(now() - 3601); }, 403,
+         "ExpiredProviderToken"},
+        {"short token", [](Request& r) { r.path = "/3/device/abc"; }, 400, "BadDeviceToken"},
+        {"no topic", [](Request& r) { r.headers.erase(r.headers.begin()); }, 400, "MissingTopic"},
+        {"push type", [](Request& r) { r.headers.push_back("apns-push-type: bogus"); }, 400,
+         "InvalidPushType"},
+        {"priority", [](Request& r) { r.headers.push_back("apns-priority: 7"); }, 400,
+         "BadPriority"},
+        {"expiration", [](Request& r) { r.headers.push_back("apns-expiration: soon"); }, 400,
+         "BadExpirationDate"},
+        {"collapse-id",
+         [](Request& r) { r.headers.push_back("apns-collapse-id: " + std::string(65, 'c')); }, 400,
+         "BadCollapseId"},
+        {"empty", [](Request& r) { r.body.clear(); }, 400, "PayloadEmpty"},
+        {"4097 bytes",
+         [](Request& r) { r.body = R"({"aps":{"alert":")" + std::string(4097 - 20, 'x') + "\"}}"; },
+         413, "PayloadTooLarge"},
+    };
+    for (const auto& row : rows) {
+        Request request = push();
+        row.change(request);
+        const Reply reply = send(request);
+        EXPECT_EQ(reply.status, row.status) << row.what;
+        EXPECT_EQ(reply.body, "{\"reason\":\"" + row.reason + "\"}") << row.what;
+        EXPECT_EQ(reply.apnsId.size(), 36u) << row.what;
+        EXPECT_EQ(member(providerLine(), "reason"), row.reason) << row.what;
+    }
+    // The largest payload is delivered, and an hour-old token still holds.
+    Request largest = push(R"({"aps":{"alert":")" + std::string(4096 - 20, 'x') + "\"}}");
+    largest.headers[1] = "authorization: bearer " + token(now() - 3600);
+    EXPECT_EQ(send(largest).status, 200);
+}
+
+TEST_F(ProviderApi, AcceptedPushReachesTheFarSideAsThePushCommandDoes) {
+    const std::string payload = R"({"aps":{"alert":{"title":"Order","body":"Shipped"},"badge":3}})";
+    Request request = push(payload);
+    request.headers.push_back("apns-id: 8F1B5B6C-6D4A-4F6B-9B1E-2C3D4E5F6A7B");
+    const Reply reply = send(request);
+    EXPECT_EQ(reply.status, 200);
+    EXPECT_EQ(reply.apnsId, "8F1B5B6C-6D4A-4F6B-9B1E-2C3D4E5F6A7B");
+    EXPECT_EQ(reply.body, "");
+    auto lines = linesThrough([](const auto& line) { return line.starts_with("{\"id\":"); });
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(member(lines[0], "outcome"), "delivered") << lines[0];
+    EXPECT_EQ(member(lines[0], "pushType"), "alert") << lines[0];
+
+    const HostRun pushed = runHost("{\"push\":" + payload + "}\n", {"--status", "2"});
+    ASSERT_GE(pushed.lines.size(), 2u);
+    // The system line and the events are the same; only the reply's number differs.
+    EXPECT_EQ(std::vector(lines.begin() + 1, lines.end() - 1),
+              std::vector(pushed.lines.begin(), pushed.lines.end() - 1));
+}
+
+TEST_F(ProviderApi, ANewTokenWithinTwentyMinutesOnOneConnectionIsRefused) {
+    std::unique_ptr<CURL, void (*)(CURL*)> connection(curl_easy_init(), curl_easy_cleanup);
+    Request first = push();
+    first.headers[1] = "authorization: bearer " + token(now() - 60);
+    EXPECT_EQ(send(first, connection.get()).status, 200);
+    // The same token again is fine; a new one is an update too soon.
+    EXPECT_EQ(send(first, connection.get()).status, 200);
+    const Reply second = send(push(), connection.get());
+    EXPECT_EQ(second.status, 429);
+    EXPECT_EQ(second.body, R"({"reason":"TooManyProviderTokenUpdates"})");
+}
+
+TEST_F(ProviderApi, UnregisteredAndOfflineDevicesAreTreatedAsApnsDoes) {
+    command(R"({"platform":{"deviceRegistered":false}})"
+            "\n");
+    const Reply gone = send(push());
+    EXPECT_EQ(gone.status, 410);
+    EXPECT_TRUE(gone.body.starts_with(R"({"reason":"Unregistered","timestamp":)")) << gone.body;
+    EXPECT_EQ(member(providerLine(), "outcome"), "refused");
+
+    // Installed again: a new token, announced to the far side.
+    const auto registered = command(R"({"platform":{"deviceRegistered":true}})"
+                                    "\n");
+    ASSERT_EQ(registered.size(), 2u);
+    EXPECT_NE(registered[0].find("OnTokenRefreshed"), std::string::npos);
+    const std::string oldToken = token_;
+    token_ = member(registered[0], "newToken");
+    EXPECT_NE(token_, oldToken);
+
+    command(R"({"platform":{"deviceOnline":false}})"
+            "\n");
+    const auto later = std::to_string(now() + 600);
+    const struct {
+        std::string expiration;
+        std::string text;
+        std::string outcome;
+    } offline[] = {{"0", "never", "discarded"},
+                   {later, "older", "kept while offline"},
+                   {later, "newest", "kept while offline"}};
+    for (const auto& row : offline) {
+        Request request = push(R"({"aps":{"alert":")" + row.text + "\"}}");
+        request.headers.push_back("apns-expiration: " + row.expiration);
+        EXPECT_EQ(send(request).status, 200);
+        EXPECT_EQ(member(providerLine(), "outcome"), row.outcome) << row.text;
+    }
+    // Online again: only the newest kept notification arrives, and is shown.
+    command(R"({"platform":{"deviceOnline":true}})"
+            "\n");
+    EXPECT_EQ(member(providerLine(), "outcome"), "delivered");
+    const auto online = command("{\"inspect\":\"notificationCenter\"}\n");
+    ASSERT_FALSE(online.empty());
+    EXPECT_NE(online.back().find("newest"), std::string::npos) << online.back();
+    EXPECT_EQ(online.back().find("older"), std::string::npos) << online.back();
+    EXPECT_EQ(online.back().find("never"), std::string::npos) << online.back();
+}
+
+TEST_F(ProviderApi, CollapseIdReplacesAndTapReachesThePlugin) {
+    command(R"({"platform":{"app":"background"}})"
+            "\n");
+    std::string firstId;
+    for (const char* body :
+         {R"({"aps":{"alert":"Score 1-0"}})", R"({"aps":{"alert":"Score 2-0"}})"}) {
+        Request request = push(body);
+        request.headers.push_back("apns-collapse-id: score");
+        const Reply reply = send(request);
+        firstId = firstId.empty() ? reply.apnsId : firstId;
+        EXPECT_EQ(member(providerLine(), "outcome"),
+                  firstId == reply.apnsId ? "delivered" : "replaced");
+    }
+    // The replaced notification is gone; the one in its place opens the application.
+    const auto lines =
+        command("{\"tap\":\"" + firstId + "\"}\n{\"tap\":\"latest\",\"action\":\"OPEN\"}\n");
+    ASSERT_EQ(lines.size(), 5u);
+    EXPECT_TRUE(lines[0].starts_with("{\"system\":")) << lines[0];  // the second push's
+    EXPECT_TRUE(lines[1].starts_with("{\"error\":\"tap: no notification")) << lines[1];
+    EXPECT_NE(lines[2].find("\"tap\":\"OPEN\""), std::string::npos) << lines[2];
+    EXPECT_NE(lines[3].find("APNSService.OnNotificationOpened"), std::string::npos) << lines[3];
+    EXPECT_NE(lines[3].find("Score 2-0"), std::string::npos) << lines[3];
+}
+
+// The asyncio APNs client Debian packages: its own HTTP/2, no ALPN, the "host" header. Only its
+// address is changed, to this host's.
+TEST_F(ProviderApi, TheAsyncioClientSendsAndSeesRefusals) {
+    if (std::system("/usr/bin/python3 -c 'import aioapns' 2>/dev/null") != 0) {
+        GTEST_SKIP() << "python3-aioapns is not installed (scripts/setup.sh installs it)";
+    }
+    const std::string command = "/usr/bin/python3 " +
+                                (kSource / "tests" / "host" / "aioapns-send.py").string() + " " +
+                                port_ + " " + certFile().string() + " " + keyFile().string() + " " +
+                                kKeyId + " " + kTeamId + " " + kTopic + " " + token_;
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    std::string output;
+    char buffer[256];
+    while (std::fgets(buffer, sizeof buffer, pipe.get()) != nullptr) {
+        output += buffer;
+    }
+    EXPECT_EQ(output, "200 None\n400 BadDeviceToken\n");
+    // The refusal may be written while the first notification is still on its way.
+    bool refused = false;
+    bool presented = false;
+    linesThrough([&](const auto& line) {
+        refused = refused || line.find("\"reason\":\"BadDeviceToken\"") != std::string::npos;
+        presented =
+            presented || line.find("APNSService.OnNotificationPresented") != std::string::npos;
+        return refused && presented;
+    });
+    EXPECT_TRUE(refused && presented);
+}
+
+}  // namespace
+}  // namespace nimborra::testing

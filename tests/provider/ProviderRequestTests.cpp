@@ -1,0 +1,345 @@
+#include <gtest/gtest.h>
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "NimbOrraPlatform/Base64.h"
+#include "NimbOrraProviderApi/ProviderRequest.h"
+#include "NimbOrraProviderApi/ProviderToken.h"
+
+namespace nimborra::provider {
+namespace {
+
+constexpr std::int64_t kNow = 1'700'000'000;
+const std::string kKeyId = "KEY1234567";
+const std::string kTeam = "TEAM123456";
+const std::string kBundle = "com.example.app";
+const std::string kDevice(64, 'a');
+const std::string kAlert = R"({"aps":{"alert":"hi"}})";
+
+const AuthKey& testKey() {
+    static const AuthKey key = AuthKey::generate();
+    return key;
+}
+
+std::string token(std::int64_t issuedAt, const std::string& keyId = kKeyId,
+                  const std::string& team = kTeam) {
+    return makeProviderToken(testKey(), keyId, team, issuedAt).value_or("<unsigned>");
+}
+
+std::string base64Url(std::string_view text) {
+    auto out = platform::base64EncodedString(
+        std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
+    std::erase(out, '=');
+    std::replace(out.begin(), out.end(), '+', '-');
+    std::replace(out.begin(), out.end(), '/', '_');
+    return out;
+}
+
+std::shared_ptr<ProviderTokenVerifier> verifier(bool withKey = true) {
+    return std::make_shared<ProviderTokenVerifier>(
+        withKey ? std::optional<AuthKey>(testKey()) : std::nullopt, kKeyId, kTeam);
+}
+
+TEST(ProviderToken, KeysRoundTripThroughPemAndRefuseOtherText) {
+    const auto privateKey = AuthKey::fromPem(testKey().pem());
+    ASSERT_TRUE(std::holds_alternative<AuthKey>(privateKey));
+    EXPECT_TRUE(std::get<AuthKey>(privateKey).canSign());
+    const auto publicKey = AuthKey::fromPem(testKey().publicKeyPem());
+    ASSERT_TRUE(std::holds_alternative<AuthKey>(publicKey));
+    EXPECT_FALSE(std::get<AuthKey>(publicKey).canSign());
+    EXPECT_FALSE(makeProviderToken(std::get<AuthKey>(publicKey), kKeyId, kTeam, kNow));
+    // The public half verifies what the private half signed.
+    ProviderTokenVerifier publicVerifier(std::get<AuthKey>(publicKey), kKeyId, kTeam);
+    EXPECT_EQ(publicVerifier.check(token(kNow)).outcome, ProviderTokenCheck::Outcome::valid);
+    EXPECT_TRUE(std::holds_alternative<std::string>(AuthKey::fromPem("not a key")));
+    EXPECT_TRUE(std::holds_alternative<std::string>(AuthKey::load("/nonexistent/key.p8")));
+}
+
+TEST(ProviderToken, ChecksHeaderClaimsAndSignature) {
+    const std::string good = token(kNow);
+    const auto check = verifier()->check(good);
+    EXPECT_EQ(check.outcome, ProviderTokenCheck::Outcome::valid) << check.detail;
+    EXPECT_EQ(check.keyId, kKeyId);
+    EXPECT_EQ(check.teamId, kTeam);
+    EXPECT_EQ(check.issuedAt, kNow);
+
+    const auto dot = good.rfind('.');
+    const std::string claims = good.substr(good.find('.') + 1, dot - good.find('.') - 1);
+    const std::string signature = good.substr(dot + 1);
+    std::string flipped = good;
+    flipped[dot + 5] = flipped[dot + 5] == 'A' ? 'B' : 'A';
+    const auto other = makeProviderToken(AuthKey::generate(), kKeyId, kTeam, kNow).value();
+    struct Case {
+        const char* label;
+        std::string token;
+        bool validWithoutKey;
+    };
+    const Case cases[] = {
+        {"tampered signature", flipped, true},
+        {"another key's signature", other, true},
+        {"wrong kid", token(kNow, "OTHERKEY00"), true},
+        {"wrong team", token(kNow, kKeyId, "OTHERTEAM0"), true},
+        {"alg HS256",
+         base64Url(R"({"alg":"HS256","kid":"KEY1234567"})") + "." + claims + "." + signature,
+         false},
+        {"iat as text",
+         good.substr(0, good.find('.') + 1) +
+             base64Url(R"({"iss":"TEAM123456","iat":"1700000000"})") + "." + signature,
+         false},
+        {"padding", good + "=", false},
+        {"four parts", good + ".e30", false},
+        {"not base64url", "e30.e30.a+b/", false},
+        {"over 8 KiB", good + std::string(8192, 'A'), false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(verifier()->check(c.token).outcome, ProviderTokenCheck::Outcome::invalid)
+            << c.label;
+        EXPECT_EQ(verifier(false)->check(c.token).outcome == ProviderTokenCheck::Outcome::valid,
+                  c.validWithoutKey)
+            << c.label;
+    }
+}
+
+// One connection's token over time: verified once, stale after 3600 s, replaced at most every
+// 20 minutes; a refused replacement is not verified again.
+TEST(ProviderTokenSession, FollowsTheConnectionRules) {
+    struct Step {
+        std::optional<std::string> authorization;
+        std::int64_t at;
+        std::string_view reason;  // empty: allowed
+        std::size_t verified;
+    };
+    const std::string first = "bearer " + token(kNow);
+    const std::string second = "BEARER " + token(kNow + 600);
+    const Step steps[] = {
+        {std::nullopt, kNow, "MissingProviderToken", 0},
+        {"Basic abc", kNow, "MissingProviderToken", 0},
+        {"bearer " + token(kNow + 301), kNow, "InvalidProviderToken", 1},
+        {"bearer " + token(kNow - 3601), kNow, "ExpiredProviderToken", 2},
+        {first, kNow, "", 3},
+        {first, kNow + 3600, "", 3},
+        {second, kNow + 600, "TooManyProviderTokenUpdates", 4},
+        {second, kNow + 1199, "TooManyProviderTokenUpdates", 4},
+        {first, kNow + 1199, "", 4},
+        {"bearer x.y.z", kNow + 1199, "InvalidProviderToken", 5},
+        {second, kNow + 1200, "", 5},
+        {second, kNow + 600 + 3600, "", 5},
+        {second, kNow + 600 + 3601, "ExpiredProviderToken", 5},
+    };
+    ProviderTokenSession session(verifier());
+    for (std::size_t i = 0; i < std::size(steps); ++i) {
+        const auto& step = steps[i];
+        const auto refusal = session.authorize(step.authorization, step.at);
+        EXPECT_EQ(refusal ? refusal->reason : "", step.reason) << "step " << i;
+        if (refusal) {
+            EXPECT_EQ(refusal->status, step.reason == "TooManyProviderTokenUpdates" ? 429 : 403);
+        }
+        EXPECT_EQ(session.verifiedCount(), step.verified) << "step " << i;
+    }
+}
+
+// The payload of exactly `size` bytes: an alert padded out.
+std::string payloadOf(std::size_t size) {
+    const std::string frame = R"({"aps":{"alert":""}})";
+    return R"({"aps":{"alert":")" + std::string(size - frame.size(), 'x') + "\"}}";
+}
+
+struct Edit {
+    std::string name;
+    std::string value;  // "-" removes the header; a name starting with "+" adds one more
+};
+
+ProviderRefusal refusalOf(const ProviderVerdict& verdict) {
+    if (const auto* refusal = std::get_if<ProviderRefusal>(&verdict)) {
+        return *refusal;
+    }
+    ProviderRefusal accepted;
+    accepted.status = 200;
+    return accepted;
+}
+
+struct RequestCase {
+    const char* label;
+    std::vector<Edit> edits;
+    std::string body = kAlert;
+    bool certificate = false;
+    std::string method = "POST";
+    std::string path = "/3/device/" + kDevice;
+    bool unregistered = false;
+    bool bodyTooLarge = false;
+};
+
+ProviderVerdict run(const RequestCase& c) {
+    ProviderRequest request{c.method, c.path, "localhost", {}, c.body, c.bodyTooLarge};
+    request.headers = {{"authorization", "bearer " + token(kNow)}, {"apns-topic", kBundle}};
+    for (const auto& edit : c.edits) {
+        std::erase_if(request.headers, [&](const auto& h) { return h.first == edit.name; });
+        if (edit.name.starts_with('+')) {
+            request.headers.emplace_back(edit.name.substr(1), edit.value);
+        } else if (edit.value != "-") {
+            request.headers.emplace_back(edit.name, edit.value);
+        }
+    }
+    ProviderTokenSession fresh(verifier());
+    ConnectionAuthentication authentication;
+    if (c.certificate) {
+        authentication.certificateTopic = kBundle;
+    } else {
+        authentication.tokens = &fresh;
+    }
+    ProviderDestination destination{kBundle, kDevice, std::nullopt};
+    if (c.unregistered) {
+        destination.unregisteredAt = 1'650'000'000'000;
+    }
+    return checkProviderRequest(request, destination, authentication, kNow,
+                                [] { return std::string("00000000-0000-4000-8000-000000000000"); });
+}
+
+TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {
+    struct Row {
+        RequestCase request;
+        int status;
+        std::string_view reason;
+    };
+    const std::string path = "/3/device/" + kDevice, voip = kBundle + ".voip";
+    const std::string live = kBundle + ".push-type.liveactivity";
+    // clang-format off
+    const Row rows[] = {
+        {{"GET, and a bad path too", {}, kAlert, false, "GET", "/3/x"}, 405, "MethodNotAllowed"},
+        {{"not /3/device", {}, kAlert, false, "POST", "/3/devices/" + kDevice}, 404, "BadPath"},
+        {{"repeated topic", {{"+apns-topic", kBundle}}}, 400, "DuplicateHeaders"},
+        {{"repeated authorization", {{"+authorization", "bearer x"}}}, 400, "DuplicateHeaders"},
+        {{"apns-id not a UUID", {{"apns-id", "1234"}}}, 400, "BadMessageId"},
+        {{"no authorization, and no device token", {{"authorization", "-"}}, kAlert, false, "POST",
+          "/3/device/"}, 403, "MissingProviderToken"},
+        {{"bad token", {{"authorization", "bearer e30.e30.e30"}}}, 403, "InvalidProviderToken"},
+        {{"no device token", {}, kAlert, false, "POST", "/3/device/"}, 400, "MissingDeviceToken"},
+        {{"odd device token", {}, kAlert, false, "POST", path + "a"}, 400, "BadDeviceToken"},
+        {{"token with a query", {}, kAlert, false, "POST", path + "?a=b"}, 400, "BadDeviceToken"},
+        {{"no topic with a token", {{"apns-topic", "-"}}}, 400, "MissingTopic"},
+        {{"topic with a space", {{"apns-topic", "com.example app"}}}, 400, "BadTopic"},
+        {{"unknown push type", {{"apns-push-type", "banner"}}}, 400, "InvalidPushType"},
+        {{"certificate for another topic", {{"apns-topic", "com.other.app"}}, kAlert, true}, 400,
+         "TopicDisallowed"},
+        {{"liveactivity by certificate", {{"apns-topic", live}, {"apns-push-type", "liveactivity"}},
+          kAlert, true}, 400, "TopicDisallowed"},
+        {{"priority 7", {{"apns-priority", "7"}}}, 400, "BadPriority"},
+        {{"background at priority 10", {{"apns-push-type", "background"}, {"apns-priority", "10"}}},
+         400, "BadPriority"},
+        {{"priority 7, and an empty payload", {{"apns-priority", "7"}}, ""}, 400, "BadPriority"},
+        {{"negative expiration", {{"apns-expiration", "-1"}}}, 400, "BadExpirationDate"},
+        {{"expiration past 64 bits", {{"apns-expiration", "9223372036854775808"}}}, 400,
+         "BadExpirationDate"},
+        {{"65-byte collapse id", {{"apns-collapse-id", std::string(65, 'c')}}}, 400,
+         "BadCollapseId"},
+        {{"4097-byte alert", {}, payloadOf(4097)}, 413, "PayloadTooLarge"},
+        {{"5121-byte voip", {{"apns-topic", voip}, {"apns-push-type", "voip"}}, payloadOf(5121)},
+         413, "PayloadTooLarge"},
+        {{"body cut off", {}, payloadOf(100), false, "POST", path, false, true}, 413,
+         "PayloadTooLarge"},
+        {{"empty payload", {}, ""}, 400, "PayloadEmpty"},
+        {{"payload an array", {}, "[1]"}, 400, "BadPayload"},
+        {{"payload not JSON", {}, R"({"aps":)"}, 400, "BadPayload"},
+        {{"another device's token", {}, kAlert, false, "POST", "/3/device/" + std::string(64, 'b')},
+         400, "BadDeviceToken"},
+        {{"voip to the app topic", {{"apns-push-type", "voip"}}}, 400, "TopicDisallowed"},
+        {{"liveactivity topic, no type", {{"apns-topic", live}}}, 400, "TopicDisallowed"},
+        {{"another app's topic", {{"apns-topic", "com.other.app"}}}, 400, "DeviceTokenNotForTopic"},
+        {{"unregistered device", {}, kAlert, false, "POST", path, true}, 410, "Unregistered"},
+    };
+    // clang-format on
+    for (const auto& row : rows) {
+        const auto refusal = refusalOf(run(row.request));
+        EXPECT_EQ(refusal.status, row.status) << row.request.label;
+        EXPECT_EQ(refusal.reason, row.reason) << row.request.label << ": " << refusal.detail;
+    }
+    const auto gone = refusalOf(run({"gone", {}, kAlert, false, "POST", path, true}));
+    EXPECT_EQ(refusalBody(gone), R"({"reason":"Unregistered","timestamp":1650000000000})");
+    const auto bad = refusalOf(run({"bad", {{"apns-priority", "7"}, {"apns-push-type", "voip"}}}));
+    EXPECT_EQ(bad.apnsId, "00000000-0000-4000-8000-000000000000");
+    EXPECT_EQ(bad.topic, kBundle);
+    EXPECT_EQ(bad.pushType, PushType::voip);
+    EXPECT_EQ(refusalBody(bad), R"({"reason":"BadPriority"})");
+}
+
+TEST(ProviderRequest, AcceptsAndInfersWhatHeadersLeaveOut) {
+    struct Row {
+        RequestCase request;
+        PushType type;
+        int priority;
+        std::string topic;
+    };
+    const std::string available = R"({"aps":{"content-available":1}})";
+    const Row rows[] = {
+        {{"4096-byte alert", {}, payloadOf(4096)}, PushType::alert, 10, kBundle},
+        {{"5120-byte voip", {{"apns-topic", kBundle + ".voip"}}, payloadOf(5120)},
+         PushType::voip,
+         10,
+         kBundle + ".voip"},
+        {{"content-available only", {}, available}, PushType::background, 5, kBundle},
+        {{"content-available and an alert", {}, R"({"aps":{"content-available":1,"alert":"a"}})"},
+         PushType::alert,
+         10,
+         kBundle},
+        {{"complication topic", {{"apns-topic", kBundle + ".complication"}}},
+         PushType::complication,
+         10,
+         kBundle + ".complication"},
+        {{"certificate, no topic", {{"apns-topic", "-"}, {"apns-priority", "1"}}, kAlert, true},
+         PushType::alert,
+         1,
+         kBundle},
+        {{"certificate, voip topic", {{"apns-topic", kBundle + ".voip"}}, kAlert, true},
+         PushType::voip,
+         10,
+         kBundle + ".voip"},
+        {{"widgets",
+          {{"apns-topic", kBundle + ".push-type.widgets"}, {"apns-push-type", "widgets"}},
+          R"({"aps":{"content-changed":true}})"},
+         PushType::widgets,
+         10,
+         kBundle + ".push-type.widgets"},
+    };
+    for (const auto& row : rows) {
+        const auto outcome = run(row.request);
+        const auto* accepted = std::get_if<PushNotificationRequest>(&outcome);
+        ASSERT_NE(accepted, nullptr) << row.request.label << ": " << refusalOf(outcome).reason;
+        EXPECT_EQ(accepted->pushType, row.type) << row.request.label;
+        EXPECT_EQ(accepted->priority, row.priority) << row.request.label;
+        EXPECT_EQ(accepted->topic, row.topic) << row.request.label;
+    }
+    const auto outcome = run({"all headers",
+                              {{"apns-id", "123e4567-e89b-12d3-a456-4266554400a0"},
+                               {"apns-expiration", "1700003600"},
+                               {"apns-collapse-id", std::string(64, 'c')}},
+                              kAlert,
+                              false,
+                              "POST",
+                              "/3/device/" + std::string(64, 'A')});
+    const auto& accepted = std::get<PushNotificationRequest>(outcome);
+    EXPECT_EQ(accepted.apnsId, "123e4567-e89b-12d3-a456-4266554400a0");
+    EXPECT_EQ(accepted.expiration, 1700003600);
+    EXPECT_EQ(accepted.collapseId, std::string(64, 'c'));
+    EXPECT_EQ(accepted.deviceToken, kDevice);
+    EXPECT_EQ(*accepted.payload.find("aps")->find("alert")->text(), "hi");
+}
+
+TEST(ProviderRequest, NamesPushTypesAndMakesUuids) {
+    for (int i = 0; i <= static_cast<int>(PushType::controls); ++i) {
+        const auto type = static_cast<PushType>(i);
+        EXPECT_EQ(pushTypeNamed(pushTypeName(type)), type);
+    }
+    EXPECT_EQ(topicSuffix(PushType::pushtotalk), ".voip-ptt");
+    EXPECT_EQ(topicSuffix(PushType::fileprovider), ".pushkit.fileprovider");
+    EXPECT_FALSE(pushTypeNamed("Alert"));
+    const std::string uuid = makeUuid();
+    EXPECT_NE(uuid, makeUuid());
+    const auto outcome = run({"uuid", {{"apns-id", uuid}}});
+    EXPECT_EQ(std::get<PushNotificationRequest>(outcome).apnsId, uuid);
+    EXPECT_EQ(uuid[14], '4');
+}
+
+}  // namespace
+}  // namespace nimborra::provider

@@ -1,0 +1,47 @@
+// apns-host's provider API: wires the push service stand-in (server, request rules, device) to
+// the session, so that a push server's request reaches the application through the simulated
+// system.
+//
+// Threads: start() and stop() belong to the host's main flow; in between, the server's and the
+// service's threads run (see ProviderServer.h and ProviderService.h).
+#pragma once
+
+#include <memory>
+#include <string>
+#include <variant>
+
+#include "NimbOrraProviderApi/ProviderServer.h"
+#include "NimbOrraProviderApi/ProviderService.h"
+#include "Options.h"
+#include "Output.h"
+#include "Session.h"
+#include "SimulatedDevice.h"
+
+namespace nimborra::host {
+
+class ProviderApi {
+  public:
+    // Reads the certificate and keys, starts serving and writes the start line; the reason when
+    // it cannot (the application's identifier unknown, a file unreadable, the port taken).
+    static std::variant<std::unique_ptr<ProviderApi>, std::string> start(
+        const ProviderApiOptions& options, Session& session, OutputWriter& output);
+    ~ProviderApi();
+    ProviderApi(const ProviderApi&) = delete;
+    ProviderApi& operator=(const ProviderApi&) = delete;
+
+    // Stops accepting, answers every request received, says goodbye to each connection and lets
+    // the device take what was accepted. Once only; the destructor calls it too.
+    void stop();
+
+  private:
+    ProviderApi(Session& session, OutputWriter& output, platform::ApplicationState app);
+
+    SimulatedDevice device_;
+    std::unique_ptr<provider::ProviderService> service_;
+    std::unique_ptr<provider::ProviderServer> server_;
+};
+
+// --print-provider-token: a token signed now with the key of `options`, or why there is none.
+std::variant<std::string, std::string> printableProviderToken(const ProviderApiOptions& options);
+
+}  // namespace nimborra::host

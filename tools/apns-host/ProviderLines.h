@@ -1,0 +1,42 @@
+// The output lines of the provider API: where it listens, what became of each request, and the
+// notifications the system shows. Texts that come from clients are written as valid UTF-8.
+#pragma once
+
+#include <deque>
+#include <optional>
+#include <string>
+
+#include "NimbOrraPlatform/RemoteNotificationReceiver.h"
+#include "NimbOrraProviderApi/ProviderService.h"
+
+namespace nimborra::host {
+
+// What the start line reports.
+struct ProviderApiStart {
+    std::string address;
+    unsigned port = 0;
+    bool tls = false;
+    // The certificate's SHA-256 fingerprint; nothing in cleartext.
+    std::optional<std::string> fingerprint;
+    // "development" or "production" from the profile; nothing when it has no such entitlement.
+    std::optional<std::string> environment;
+    std::string topic;
+    std::string deviceToken;
+    std::string authentication;
+};
+
+// {"providerApi":{"listening":"HOST:PORT","port":N,"tls":BOOL,"fingerprint":TEXT|null,
+// "environment":TEXT|null,"topic":TEXT,"deviceToken":HEX,"authentication":TEXT}}
+std::string providerStartLine(const ProviderApiStart& start);
+
+// {"provider":{"apnsId":ID,"status":N,"reason":TEXT|null,"topic":TEXT|null,
+// "pushType":TEXT|null,"priority":N|null,"outcome":TEXT}}
+std::string providerLine(const provider::ProviderRecord& record);
+
+// {"notificationCenter":[{"apnsId":ID,"collapseId":ID|null,"payload":P}...]}
+std::string notificationCenterLine(const std::deque<platform::IncomingRemoteNotification>& shown);
+
+// {"error":TEXT,"apnsId":ID}: the system could not take a notification the service accepted.
+std::string notificationRefusalLine(std::string_view reason, std::string_view apnsId);
+
+}  // namespace nimborra::host
