@@ -125,12 +125,17 @@ void ProviderService::setDeviceRegistered(bool registered) {
 }
 
 void ProviderService::setDeviceOnline(bool online) {
-    const std::lock_guard lock(mutex_);
-    online_ = online;
-    if (online && kept_) {
-        queue_.push_back({std::move(*kept_), std::nullopt});
-        kept_.reset();
-        wake_.notify_one();
+    std::optional<PushNotificationRequest> kept;
+    {
+        const std::lock_guard lock(mutex_);
+        online_ = online;
+        if (online && kept_) {
+            kept = std::move(kept_);
+            kept_.reset();
+        }
+    }
+    if (kept) {
+        deliver({std::move(*kept), std::nullopt});
     }
 }
 

@@ -9,8 +9,9 @@
 // application has seen it). The queue is bounded by the server's limit on unanswered requests,
 // plus the one notification kept while offline. The device controls (setDeviceRegistered,
 // setDeviceOnline) and the token may be used from any thread. The observer is called on the
-// server's thread (refusals, answers that need no device) and on the delivery thread (the rest),
-// never at once. Nothing here throws except std::bad_alloc.
+// server's thread (refusals, answers that need no device), on the delivery thread (the rest) and
+// on the thread that brings the device online (the kept notification), possibly at once: it
+// guards what it shares. Nothing here throws except std::bad_alloc.
 #pragma once
 
 #include <condition_variable>
@@ -90,7 +91,8 @@ class ProviderService final : public ProviderRequestHandler {
 
     // Unregistering remembers when, for the 410 answers; registering again issues a new token.
     void setDeviceRegistered(bool registered);
-    // Coming online delivers the kept notification if it has not expired meanwhile.
+    // Coming online delivers the kept notification, if it has not expired meanwhile, on the
+    // calling thread before returning, so that what the caller does next comes after it.
     void setDeviceOnline(bool online);
 
     // Delivers what is queued, then stops the delivery thread. Call once the server has stopped;
