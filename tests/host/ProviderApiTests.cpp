@@ -2,7 +2,6 @@
 // in a child process), as a push server would drive it: every request is answered with APNs's
 // status and reason, and what is accepted travels through the simulated system to the far side.
 
-#include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "CurlExchange.h"
 #include "HostProcess.h"
 #include "NimbOrraProviderApi/ProviderToken.h"
 
@@ -46,32 +46,6 @@ std::string member(const std::string& line, const std::string& name) {
         return line.substr(start + 1, line.find('"', start + 1) - start - 1);
     }
     return line.substr(start, line.find_first_of(",}", start) - start);
-}
-
-struct Request {
-    std::string method = "POST";
-    std::string path;  // default: /3/device/<the device's token>
-    std::vector<std::string> headers;
-    std::string body = R"({"aps":{"alert":"Hello"}})";
-};
-
-struct Reply {
-    long status = 0;
-    std::string apnsId;
-    std::string body;
-};
-
-size_t collect(char* data, size_t size, size_t count, void* target) {
-    static_cast<std::string*>(target)->append(data, size * count);
-    return size * count;
-}
-
-size_t collectApnsId(char* data, size_t size, size_t count, void* target) {
-    const std::string header(data, size * count);
-    if (header.rfind("apns-id:", 0) == 0) {
-        *static_cast<std::string*>(target) = header.substr(9, header.find_last_not_of("\r\n") - 8);
-    }
-    return size * count;
 }
 
 class ProviderApi : public ::testing::Test {
@@ -118,41 +92,19 @@ class ProviderApi : public ::testing::Test {
         return *provider::makeProviderToken(key, kKeyId, kTeamId, issuedAt);
     }
 
-    // Sends one request on `curl` (a new connection unless one is given) and returns the answer.
-    Reply send(const Request& request, CURL* curl = nullptr) {
-        std::unique_ptr<CURL, void (*)(CURL*)> owned(curl ? nullptr : curl_easy_init(),
-                                                     curl_easy_cleanup);
-        CURL* handle = curl ? curl : owned.get();
-        const std::string url = "https://localhost:" + port_ +
-                                (request.path.empty() ? "/3/device/" + token_ : request.path);
-        curl_slist* headers = nullptr;
-        for (const auto& header : request.headers) {
-            headers = curl_slist_append(headers, header.c_str());
-        }
-        Reply reply;
-        curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_2TLS);
-        curl_easy_setopt(handle, CURLOPT_CAINFO, certFile().c_str());
-        curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, request.method.c_str());
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request.body.c_str());
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
-        curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
-        curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, collect);
-        curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply.body);
-        curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, collectApnsId);
-        curl_easy_setopt(handle, CURLOPT_HEADERDATA, &reply.apnsId);
-        curl_easy_setopt(handle, CURLOPT_TIMEOUT, 30L);
-        const CURLcode result = curl_easy_perform(handle);
-        EXPECT_EQ(result, CURLE_OK) << curl_easy_strerror(result);
-        curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &reply.status);
-        curl_slist_free_all(headers);
+    // Sends one request on `connection` (a new connection unless one is given).
+    static HttpReply send(const HttpRequest& request, CURL* connection = nullptr) {
+        const HttpReply reply = sendHttp2(request, connection);
+        EXPECT_EQ(reply.code, CURLE_OK) << curl_easy_strerror(reply.code);
         return reply;
     }
-
-    Request push(std::string body = R"({"aps":{"alert":"Hello"}})") {
-        Request request;
+    // A valid alert push to the device, over TLS with a fresh token.
+    HttpRequest push(std::string body = R"({"aps":{"alert":"Hello"}})") {
+        HttpRequest request;
+        request.url = "https://localhost:" + port_ + "/3/device/" + token_;
         request.headers = {"apns-topic: " + kTopic, "authorization: bearer " + token(now())};
         request.body = std::move(body);
+        request.caFile = certFile().string();
         return request;
     }
 
@@ -193,59 +145,59 @@ TEST_F(ProviderApi, RefusesWhatApnsRefusesWithItsStatusAndReason) {
     const auto other = provider::AuthKey::generate();
     const struct {
         const char* what;
-        std::function<void(Request&)> change;
+        std::function<void(HttpRequest&)> change;
         long status;
         std::string reason;
     } rows[] = {
-        {"GET", [](Request& r) { r.method = "GET"; }, 405, "MethodNotAllowed"},
-        {"path", [](Request& r) { r.path = "/3/devices/x"; }, 404, "BadPath"},
-        {"repeated topic", [](Request& r) { r.headers.push_back("apns-topic: " + kTopic); }, 400,
+        {"GET", [](auto& r) { r.method = "GET"; }, 405, "MethodNotAllowed"},
+        {"path", [](auto& r) { r.url.replace(r.url.find("/3/"), 10, "/3/devices/"); }, 404,
+         "BadPath"},
+        {"repeated topic", [](auto& r) { r.headers.push_back("apns-topic: " + kTopic); }, 400,
          "DuplicateHeaders"},
-        {"apns-id", [](Request& r) { r.headers.push_back("apns-id: 123"); }, 400, "BadMessageId"},
-        {"no token", [](Request& r) { r.headers.erase(r.headers.begin() + 1); }, 403,
+        {"apns-id", [](auto& r) { r.headers.push_back("apns-id: 123"); }, 400, "BadMessageId"},
+        {"no token", [](auto& r) { r.headers.erase(r.headers.begin() + 1); }, 403,
          "MissingProviderToken"},
         {"other key",
-         [&](Request& r) { r.headers[1] = "authorization: bearer " + token(now(), other); }, 403,
+         [&](auto& r) { r.headers[1] = "authorization: bearer " + token(now(), other); }, 403,
          "InvalidProviderToken"},
         {"an hour and a second old",
-         [](Request& r) { r.headers[1] = "authorization: bearer " + token(now() - 3601); }, 403,
+         [](auto& r) { r.headers[1] = "authorization: bearer " + token(now() - 3601); }, 403,
          "ExpiredProviderToken"},
-        {"short token", [](Request& r) { r.path = "/3/device/abc"; }, 400, "BadDeviceToken"},
-        {"no topic", [](Request& r) { r.headers.erase(r.headers.begin()); }, 400, "MissingTopic"},
-        {"push type", [](Request& r) { r.headers.push_back("apns-push-type: bogus"); }, 400,
+        {"short token", [](auto& r) { r.url.resize(r.url.size() - 61); }, 400, "BadDeviceToken"},
+        {"no topic", [](auto& r) { r.headers.erase(r.headers.begin()); }, 400, "MissingTopic"},
+        {"push type", [](auto& r) { r.headers.push_back("apns-push-type: bogus"); }, 400,
          "InvalidPushType"},
-        {"priority", [](Request& r) { r.headers.push_back("apns-priority: 7"); }, 400,
-         "BadPriority"},
-        {"expiration", [](Request& r) { r.headers.push_back("apns-expiration: soon"); }, 400,
+        {"priority", [](auto& r) { r.headers.push_back("apns-priority: 7"); }, 400, "BadPriority"},
+        {"expiration", [](auto& r) { r.headers.push_back("apns-expiration: soon"); }, 400,
          "BadExpirationDate"},
         {"collapse-id",
-         [](Request& r) { r.headers.push_back("apns-collapse-id: " + std::string(65, 'c')); }, 400,
+         [](auto& r) { r.headers.push_back("apns-collapse-id: " + std::string(65, 'c')); }, 400,
          "BadCollapseId"},
-        {"empty", [](Request& r) { r.body.clear(); }, 400, "PayloadEmpty"},
+        {"empty", [](auto& r) { r.body.clear(); }, 400, "PayloadEmpty"},
         {"4097 bytes",
-         [](Request& r) { r.body = R"({"aps":{"alert":")" + std::string(4097 - 20, 'x') + "\"}}"; },
+         [](auto& r) { r.body = R"({"aps":{"alert":")" + std::string(4097 - 20, 'x') + "\"}}"; },
          413, "PayloadTooLarge"},
     };
     for (const auto& row : rows) {
-        Request request = push();
+        HttpRequest request = push();
         row.change(request);
-        const Reply reply = send(request);
+        const HttpReply reply = send(request);
         EXPECT_EQ(reply.status, row.status) << row.what;
         EXPECT_EQ(reply.body, "{\"reason\":\"" + row.reason + "\"}") << row.what;
         EXPECT_EQ(reply.apnsId.size(), 36u) << row.what;
         EXPECT_EQ(member(providerLine(), "reason"), row.reason) << row.what;
     }
     // The largest payload is delivered, and an hour-old token still holds.
-    Request largest = push(R"({"aps":{"alert":")" + std::string(4096 - 20, 'x') + "\"}}");
+    HttpRequest largest = push(R"({"aps":{"alert":")" + std::string(4096 - 20, 'x') + "\"}}");
     largest.headers[1] = "authorization: bearer " + token(now() - 3600);
     EXPECT_EQ(send(largest).status, 200);
 }
 
 TEST_F(ProviderApi, AcceptedPushReachesTheFarSideAsThePushCommandDoes) {
     const std::string payload = R"({"aps":{"alert":{"title":"Order","body":"Shipped"},"badge":3}})";
-    Request request = push(payload);
+    HttpRequest request = push(payload);
     request.headers.push_back("apns-id: 8F1B5B6C-6D4A-4F6B-9B1E-2C3D4E5F6A7B");
-    const Reply reply = send(request);
+    const HttpReply reply = send(request);
     EXPECT_EQ(reply.status, 200);
     EXPECT_EQ(reply.apnsId, "8F1B5B6C-6D4A-4F6B-9B1E-2C3D4E5F6A7B");
     EXPECT_EQ(reply.body, "");
@@ -263,12 +215,12 @@ TEST_F(ProviderApi, AcceptedPushReachesTheFarSideAsThePushCommandDoes) {
 
 TEST_F(ProviderApi, ANewTokenWithinTwentyMinutesOnOneConnectionIsRefused) {
     std::unique_ptr<CURL, void (*)(CURL*)> connection(curl_easy_init(), curl_easy_cleanup);
-    Request first = push();
+    HttpRequest first = push();
     first.headers[1] = "authorization: bearer " + token(now() - 60);
     EXPECT_EQ(send(first, connection.get()).status, 200);
     // The same token again is fine; a new one is an update too soon.
     EXPECT_EQ(send(first, connection.get()).status, 200);
-    const Reply second = send(push(), connection.get());
+    const HttpReply second = send(push(), connection.get());
     EXPECT_EQ(second.status, 429);
     EXPECT_EQ(second.body, R"({"reason":"TooManyProviderTokenUpdates"})");
 }
@@ -276,7 +228,7 @@ TEST_F(ProviderApi, ANewTokenWithinTwentyMinutesOnOneConnectionIsRefused) {
 TEST_F(ProviderApi, UnregisteredAndOfflineDevicesAreTreatedAsApnsDoes) {
     command(R"({"platform":{"deviceRegistered":false}})"
             "\n");
-    const Reply gone = send(push());
+    const HttpReply gone = send(push());
     EXPECT_EQ(gone.status, 410);
     EXPECT_TRUE(gone.body.starts_with(R"({"reason":"Unregistered","timestamp":)")) << gone.body;
     EXPECT_EQ(member(providerLine(), "outcome"), "refused");
@@ -301,7 +253,7 @@ TEST_F(ProviderApi, UnregisteredAndOfflineDevicesAreTreatedAsApnsDoes) {
                    {later, "older", "kept while offline"},
                    {later, "newest", "kept while offline"}};
     for (const auto& row : offline) {
-        Request request = push(R"({"aps":{"alert":")" + row.text + "\"}}");
+        HttpRequest request = push(R"({"aps":{"alert":")" + row.text + "\"}}");
         request.headers.push_back("apns-expiration: " + row.expiration);
         EXPECT_EQ(send(request).status, 200);
         EXPECT_EQ(member(providerLine(), "outcome"), row.outcome) << row.text;
@@ -323,9 +275,9 @@ TEST_F(ProviderApi, CollapseIdReplacesAndTapReachesThePlugin) {
     std::string firstId;
     for (const char* body :
          {R"({"aps":{"alert":"Score 1-0"}})", R"({"aps":{"alert":"Score 2-0"}})"}) {
-        Request request = push(body);
+        HttpRequest request = push(body);
         request.headers.push_back("apns-collapse-id: score");
-        const Reply reply = send(request);
+        const HttpReply reply = send(request);
         firstId = firstId.empty() ? reply.apnsId : firstId;
         EXPECT_EQ(member(providerLine(), "outcome"),
                   firstId == reply.apnsId ? "delivered" : "replaced");

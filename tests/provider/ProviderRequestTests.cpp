@@ -205,41 +205,33 @@ TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {
     };
     const std::string path = "/3/device/" + kDevice, voip = kBundle + ".voip";
     const std::string live = kBundle + ".push-type.liveactivity";
+    // The rules the host's tests send through curl are not repeated here; these are the orders
+    // between rules and the cases a client cannot easily send.
     // clang-format off
     const Row rows[] = {
         {{"GET, and a bad path too", {}, kAlert, false, "GET", "/3/x"}, 405, "MethodNotAllowed"},
-        {{"not /3/device", {}, kAlert, false, "POST", "/3/devices/" + kDevice}, 404, "BadPath"},
-        {{"repeated topic", {{"+apns-topic", kBundle}}}, 400, "DuplicateHeaders"},
         {{"repeated authorization", {{"+authorization", "bearer x"}}}, 400, "DuplicateHeaders"},
-        {{"apns-id not a UUID", {{"apns-id", "1234"}}}, 400, "BadMessageId"},
         {{"no authorization, and no device token", {{"authorization", "-"}}, kAlert, false, "POST",
           "/3/device/"}, 403, "MissingProviderToken"},
         {{"bad token", {{"authorization", "bearer e30.e30.e30"}}}, 403, "InvalidProviderToken"},
         {{"no device token", {}, kAlert, false, "POST", "/3/device/"}, 400, "MissingDeviceToken"},
         {{"odd device token", {}, kAlert, false, "POST", path + "a"}, 400, "BadDeviceToken"},
         {{"token with a query", {}, kAlert, false, "POST", path + "?a=b"}, 400, "BadDeviceToken"},
-        {{"no topic with a token", {{"apns-topic", "-"}}}, 400, "MissingTopic"},
         {{"topic with a space", {{"apns-topic", "com.example app"}}}, 400, "BadTopic"},
-        {{"unknown push type", {{"apns-push-type", "banner"}}}, 400, "InvalidPushType"},
         {{"certificate for another topic", {{"apns-topic", "com.other.app"}}, kAlert, true}, 400,
          "TopicDisallowed"},
         {{"liveactivity by certificate", {{"apns-topic", live}, {"apns-push-type", "liveactivity"}},
           kAlert, true}, 400, "TopicDisallowed"},
-        {{"priority 7", {{"apns-priority", "7"}}}, 400, "BadPriority"},
         {{"background at priority 10", {{"apns-push-type", "background"}, {"apns-priority", "10"}}},
          400, "BadPriority"},
         {{"priority 7, and an empty payload", {{"apns-priority", "7"}}, ""}, 400, "BadPriority"},
         {{"negative expiration", {{"apns-expiration", "-1"}}}, 400, "BadExpirationDate"},
         {{"expiration past 64 bits", {{"apns-expiration", "9223372036854775808"}}}, 400,
          "BadExpirationDate"},
-        {{"65-byte collapse id", {{"apns-collapse-id", std::string(65, 'c')}}}, 400,
-         "BadCollapseId"},
-        {{"4097-byte alert", {}, payloadOf(4097)}, 413, "PayloadTooLarge"},
         {{"5121-byte voip", {{"apns-topic", voip}, {"apns-push-type", "voip"}}, payloadOf(5121)},
          413, "PayloadTooLarge"},
         {{"body cut off", {}, payloadOf(100), false, "POST", path, false, true}, 413,
          "PayloadTooLarge"},
-        {{"empty payload", {}, ""}, 400, "PayloadEmpty"},
         {{"payload an array", {}, "[1]"}, 400, "BadPayload"},
         {{"payload not JSON", {}, R"({"aps":)"}, 400, "BadPayload"},
         {{"another device's token", {}, kAlert, false, "POST", "/3/device/" + std::string(64, 'b')},
@@ -324,21 +316,9 @@ TEST(ProviderRequest, AcceptsAndInfersWhatHeadersLeaveOut) {
     EXPECT_EQ(accepted.collapseId, std::string(64, 'c'));
     EXPECT_EQ(accepted.deviceToken, kDevice);
     EXPECT_EQ(*accepted.payload.find("aps")->find("alert")->text(), "hi");
-}
-
-TEST(ProviderRequest, NamesPushTypesAndMakesUuids) {
-    for (int i = 0; i <= static_cast<int>(PushType::controls); ++i) {
-        const auto type = static_cast<PushType>(i);
-        EXPECT_EQ(pushTypeNamed(pushTypeName(type)), type);
-    }
-    EXPECT_EQ(topicSuffix(PushType::pushtotalk), ".voip-ptt");
-    EXPECT_EQ(topicSuffix(PushType::fileprovider), ".pushkit.fileprovider");
-    EXPECT_FALSE(pushTypeNamed("Alert"));
     const std::string uuid = makeUuid();
     EXPECT_NE(uuid, makeUuid());
-    const auto outcome = run({"uuid", {{"apns-id", uuid}}});
-    EXPECT_EQ(std::get<PushNotificationRequest>(outcome).apnsId, uuid);
-    EXPECT_EQ(uuid[14], '4');
+    EXPECT_EQ(std::get<PushNotificationRequest>(run({"uuid", {{"apns-id", uuid}}})).apnsId, uuid);
 }
 
 }  // namespace
