@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <future>
 #include <limits>
 #include <mutex>
 #include <stdexcept>
@@ -272,6 +273,31 @@ TEST(OrraBridgeDispatcherTest, BacklogIsBoundedDroppingTheOldestWithAnError) {
     for (std::size_t i = 0; i < received.size(); ++i) {
         EXPECT_EQ(received[i], "event-" + std::to_string(i + extra));
     }
+}
+
+// An emitter's new event waits for every one of its kept events, not only the first, even when
+// it emits while another thread hands them over. The pauses make a wrong order likely to show.
+TEST(OrraBridgeDispatcherTest, NewEventsWaitForAllOfTheirEmittersKeptEvents) {
+    OrraBridgeDispatcher dispatcher;
+    std::promise<void> kept, go;
+    std::thread emitter([&] {
+        dispatcher.emitEvent("kept 1", ""), dispatcher.emitEvent("kept 2", "");
+        kept.set_value(), go.get_future().wait();
+        dispatcher.emitEvent("new", "");
+    });
+    kept.get_future().wait();
+    std::mutex mutex;
+    Names calls;
+    dispatcher.subscribe([&](const std::string& name, const std::string&) {
+        if (name != "new") {
+            name == "kept 1" ? go.set_value() : void();
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        const std::lock_guard lock(mutex);
+        calls.push_back(name);
+    });
+    emitter.join();
+    EXPECT_EQ(calls, (Names{"kept 1", "kept 2", "new"}));
 }
 
 TEST(OrraBridgeDispatcherTest, ListenersMayReenterTheDispatcher) {

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "HostProcess.h"
+#include "support/TestSupport.h"
 
 namespace nimborra::testing {
 namespace {
@@ -33,11 +34,6 @@ namespace fs = std::filesystem;
 
 const fs::path kSource = NIMBORRA_SOURCE_DIR;
 const fs::path kScripts = kSource / "tests" / "host" / "scripts";
-
-std::string readFile(const fs::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
 
 std::string withSource(std::string text) {
     for (auto at = text.find("@SOURCE@"); at != std::string::npos; at = text.find("@SOURCE@")) {

@@ -18,6 +18,7 @@
 #include "CurlExchange.h"
 #include "HostProcess.h"
 #include "NimbOrraProviderApi/ProviderToken.h"
+#include "support/TestSupport.h"
 
 namespace nimborra::testing {
 namespace {
@@ -55,15 +56,14 @@ class ProviderApi : public ::testing::Test {
         std::ofstream(keyFile()) << key_->pem();
     }
     // Per process: ctest runs the tests of this suite at once.
-    static fs::path keyFile() {
-        return fs::temp_directory_path() / ("apns-host-test-" + std::to_string(getpid()) + ".p8");
+    static fs::path file(const char* extension) {
+        return fs::temp_directory_path() /
+               ("apns-host-test-" + std::to_string(getpid()) + extension);
     }
-    static fs::path certFile() {
-        return fs::temp_directory_path() / ("apns-host-test-" + std::to_string(getpid()) + ".pem");
-    }
+    static fs::path keyFile() { return file(".p8"); }
+    static fs::path certFile() { return file(".pem"); }
     static void TearDownTestSuite() {
-        fs::remove(keyFile());
-        fs::remove(certFile());
+        fs::remove(keyFile()), fs::remove(certFile()), fs::remove(file(".out"));
     }
 
     void SetUp() override {
@@ -303,12 +303,8 @@ TEST_F(ProviderApi, TheAsyncioClientSendsAndSeesRefusals) {
                                 (kSource / "tests" / "host" / "aioapns-send.py").string() + " " +
                                 port_ + " " + certFile().string() + " " + keyFile().string() + " " +
                                 kKeyId + " " + kTeamId + " " + kTopic + " " + token_;
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    std::string output;
-    char buffer[256];
-    while (std::fgets(buffer, sizeof buffer, pipe.get()) != nullptr) {
-        output += buffer;
-    }
+    ASSERT_EQ(std::system((command + " > " + file(".out").string()).c_str()), 0);
+    const std::string output = readFile(file(".out"));
     EXPECT_EQ(output, "200 None\n400 BadDeviceToken\n");
     // The refusal may be written while the first notification is still on its way.
     bool refused = false;
