@@ -27,14 +27,16 @@ void require(bool condition) {
     }
 }
 
-bool isUpperUuid(std::string_view id) {
+// 8-4-4-4-12 hexadecimal digits: as the client sent it, or generated in lower case.
+bool isUuid(std::string_view id) {
     if (id.size() != 36) {
         return false;
     }
     for (std::size_t i = 0; i < id.size(); ++i) {
         const char c = id[i];
         const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-        if (dash ? c != '-' : !((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) {
+        if (dash ? c != '-'
+                 : !((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f'))) {
             return false;
         }
     }
@@ -72,7 +74,7 @@ void checkVerdict(const ProviderVerdict& verdict) {
                                                        "DeviceTokenNotForTopic",
                                                        "Unregistered"};
     if (const auto* accepted = std::get_if<PushNotificationRequest>(&verdict)) {
-        require(isUpperUuid(accepted->apnsId));
+        require(isUuid(accepted->apnsId));
         require(accepted->priority == 10 || accepted->priority == 5 || accepted->priority == 1);
         require(accepted->expiration >= 0);
         require(!accepted->collapseId || accepted->collapseId->size() <= kCollapseIdLimit);
@@ -81,7 +83,7 @@ void checkVerdict(const ProviderVerdict& verdict) {
         return;
     }
     const auto& refusal = std::get<ProviderRefusal>(verdict);
-    require(isUpperUuid(refusal.apnsId));
+    require(isUuid(refusal.apnsId));
     require(reasons.count(refusal.reason) == 1);
     static const std::set<int> statuses = {400, 403, 404, 405, 410, 413, 429};
     require(statuses.count(refusal.status) == 1);
