@@ -66,6 +66,7 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
         {"<date>2001-01-01T00:00:00Z</date>", Value(Date{978307200})},
         {"<date>1900-01-01T00:00:00Z</date>", Value(Date{-2208988800})},
         {"<date>2100-01-01T00:00:00Z</date>", Value(Date{4102444800})},
+        {"<date>2096-02-29T12:34:56Z</date>", Value(Date{3981357296})},
         // The last moment of a year, leap second included, inside and outside libplist's window.
         {"<date>2001-12-31T23:59:60Z</date>", Value(Date{1009843200})},
         {"<date>2100-12-31T23:59:60Z</date>", Value(Date{4133980800})},
