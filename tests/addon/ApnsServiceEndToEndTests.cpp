@@ -116,11 +116,13 @@ TEST_F(ApnsServiceEndToEnd, UnknownMethodsAndUndecodablePayloadsAreRefused) {
     }
     const std::pair<std::string, std::string> undecodable[] = {
         {"GetToken", "not json"},
+        {"SetBadgeCount", ""},
         {"SetBadgeCount", R"({"count":1.5})"},
         {"RequestAuthorization", R"({"options":["alert"]})"},
         {"NotifyDidReceiveResponse", R"({"actionIdentifier":"open"})"}};
     const std::string messages[] = {
         R"(dataCorrupted at the top level: the data is not valid JSON ()",
+        R"x(dataCorrupted at the top level: the data is not valid JSON (the text is empty)"}})x",
         R"(dataCorrupted at \"count\": the number 1.5 is not an integer"}})",
         R"(typeMismatch at \"options[0]\": expected an integer but found a string"}})",
         R"(keyNotFound at \"notification\": no value for key \"notification\""}})"};

@@ -22,6 +22,7 @@ TEST(BigNumbers, ParseAsTheNearestDoubleWhileWhatIsNotJSONStaysRefused) {
         {"[" + big + "]", Value(Array{Value(bigAsDouble)})},
         {"[-" + big + "]", Value(Array{Value(-bigAsDouble)})},
         {"[18446744073709551616]", Value(Array{Value(18446744073709551616.0)})},
+        {"[" + big + ",1e5]", Value(Array{Value(bigAsDouble), Value(100000.0)})},
         {"[18446744073709551615]", Value(Array{Value(std::uint64_t{18446744073709551615u})})},
         {"[-9223372036854775809]", Value(Array{Value(-9223372036854775809.0)})},
         {"[-9223372036854775808]", Value(Array{Value(INT64_MIN)})},

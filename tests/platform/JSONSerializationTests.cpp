@@ -24,8 +24,8 @@ std::string write(const Value& value, JSONWritingOptions options = {.fragmentsAl
     return text.value_or("<failed>");
 }
 
-Value nested(std::size_t depth) {
-    Value value = Array{};
+Value nested(std::size_t depth, Value innermost = Array{}) {
+    Value value = std::move(innermost);
     for (std::size_t i = 1; i < depth; ++i) {
         value = Array{value};
     }
@@ -94,6 +94,7 @@ TEST(JSONWriter, RefusesWhatJSONCannotExpress) {
         Value(Dictionary{{"when", Date{0}}}),
         Value(Dictionary{{Key(1), "number key"}}),
         nested(JSONSerialization::maximumDepth + 1),
+        nested(JSONSerialization::maximumDepth + 1, Dictionary{}),
     };
     for (const auto& value : invalid) {
         EXPECT_FALSE(JSONSerialization::isValidJSONObject(value));

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <clocale>
 #include <cmath>
 #include <cstdint>
 #include <functional>
@@ -45,6 +46,8 @@ Data bytes(std::initializer_list<std::uint8_t> list) {
 // and negative integers, dates outside its 32-bit window, lenient <data>) the reader must side
 // with the platform.
 TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
+    // Numbers are read in the C locale, and the thread gets its own locale back.
+    const locale_t locale = uselocale(nullptr);
     using int64 = std::numeric_limits<std::int64_t>;
     const std::pair<std::string, Value> cases[] = {
         {"<string>a &amp; b &lt;c&gt; &#65;&#x1F600;</string>",
@@ -85,6 +88,7 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
         EXPECT_EQ(*value, expected) << body;
     }
     const auto nan = parse(plist("<real>nan</real>"));
+    EXPECT_EQ(uselocale(nullptr), locale);
     ASSERT_TRUE(nan.has_value() && nan->real() != nullptr);
     EXPECT_TRUE(std::isnan(*nan->real()));
 }
@@ -137,6 +141,7 @@ TEST(PropertyListSerializationTest, MalformedInputYieldsNothing) {
                                   "<real>1.5x</real>",
                                   "<real> </real>",
                                   "<date>2001-00-01T00:00:00Z</date>",
+                                  "<date>2001-001-01T00:00:00Z</date>",
                                   "<date>2001-13-01T00:00:00Z</date>",
                                   "<date>2001-01-00T00:00:00Z</date>",
                                   "<date>2001-01-32T00:00:00Z</date>",

@@ -491,26 +491,13 @@ TEST(ProviderServerCleartext, StopAnswersHeldRequestsThenSaysGoawayAndCloses) {
     EXPECT_EQ(stopped.wait_for(3s), std::future_status::ready);
 }
 
-TEST(ProviderServer, StartExplainsWhyItCannotListen) {
+// An unknown host is among apns-host's start-up errors, tested through the program.
+TEST(ProviderServer, StartExplainsThatThePortIsInUse) {
     Recorder handler;
     auto taken = startServer(handler);
-    const struct {
-        std::string host;
-        std::uint16_t port;
-        const char* error;
-    } rows[] = {
-        {"no-such-host.invalid", 0, "host is unknown"},
-        {"127.0.0.1", taken->port(), "in use"},
-    };
-    for (const auto& row : rows) {
-        auto started = ProviderServer::start(with([&](auto& o) {
-                                                 o.host = row.host;
-                                                 o.port = row.port;
-                                             }),
-                                             handler);
-        ASSERT_EQ(started.index(), 1u);
-        EXPECT_NE(std::get<1>(started).find(row.error), std::string::npos) << std::get<1>(started);
-    }
+    auto started = ProviderServer::start(with([&](auto& o) { o.port = taken->port(); }), handler);
+    ASSERT_EQ(started.index(), 1u);
+    EXPECT_NE(std::get<1>(started).find("in use"), std::string::npos) << std::get<1>(started);
 }
 
 }  // namespace
