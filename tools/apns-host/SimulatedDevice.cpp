@@ -30,7 +30,8 @@ platform::RemoteNotificationReceiver::Taken SimulatedDevice::take(
 }
 
 void SimulatedDevice::present(const platform::IncomingRemoteNotification& notification) {
-    // The notification is in the centre before the next command can look.
+    // Under the command lock: a command runs before or after the whole presentation, never
+    // during it.
     const auto commandLock = session_.commandLock();
     const auto shown = session_.presentRemoteNotification(notification, applicationState());
     if (!shown) {
