@@ -140,11 +140,11 @@ export interface StartOptions {
   /** The authorization status at start: a system status number or its name. */
   status?: number | SystemAuthorizationStatusName;
   /** The foreground presentation options the host application hands the system. */
-  present?: PresentationName[];
+  present?: readonly PresentationName[];
   /** Serve APNs's provider API too (true for the defaults). */
   providerApi?: boolean | ProviderApiOptions;
   /** The host's log level on standard error. */
   logLevel?: "debug" | "info" | "error" | "off";
   /** Further command-line arguments, added after the others. */
-  args?: string[];
+  args?: readonly string[];
 }
