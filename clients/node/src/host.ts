@@ -92,24 +92,21 @@ function providerArguments(options: ProviderApiOptions, certificateOut: string |
 export class ApnsHost {
   /** The plug-in's eleven methods, each a promise of its response record. */
   readonly apnsService: ApnsService;
-  /** Where the provider API listens, when the host was started with one. */
-  providerApi: ProviderApi | undefined;
 
   readonly #child: ChildProcessWithoutNullStreams;
   readonly #pending = new Map<string, Pending>();
   readonly #listeners = new Map<ApnsServiceEventName, Set<(payload: never) => void>>();
   readonly #waiters = new Set<Waiter>();
   readonly #exit: Promise<number>;
-  readonly #temporary: string | undefined;
   #nextId = 0;
   #stderr = "";
   #ended: ApnsHostError | undefined;
   #closing = false;
+  #providerApi: ProviderApi | undefined;
   #startLine: { resolve: (line: Json) => void; reject: (error: Error) => void } | undefined;
 
   private constructor(child: ChildProcessWithoutNullStreams, temporary: string | undefined) {
     this.#child = child;
-    this.#temporary = temporary;
     this.apnsService = bindApnsService((method, request) => this.#call(method, request));
 
     child.stdin.on("error", () => {
@@ -122,10 +119,14 @@ export class ApnsHost {
     const lines = createInterface({ input: child.stdout, crlfDelay: Infinity });
     lines.on("line", (line) => this.#onLine(line));
 
+    const removeTemporary = () => {
+      if (temporary !== undefined) rm(temporary, { recursive: true, force: true }).catch(() => {});
+    };
     this.#exit = new Promise((resolveExit) => {
       child.on("error", (error) => {
         this.#end(new ApnsHostError("start", `apns-host could not be run: ${error.message}`));
         resolveExit(-1);
+        removeTemporary();
       });
       child.on("close", (code, signal) => {
         const stderr = this.#stderr.trim();
@@ -135,9 +136,7 @@ export class ApnsHost {
         this.#end(new ApnsHostError("exited", message, { exitCode: code, signal, stderr }));
         const signalNumber = signal === null ? 0 : (constants.signals[signal] ?? 0);
         resolveExit(code ?? 128 + signalNumber);
-        if (this.#temporary !== undefined) {
-          rm(this.#temporary, { recursive: true, force: true }).catch(() => {});
-        }
+        removeTemporary();
       });
     });
   }
@@ -172,7 +171,7 @@ export class ApnsHost {
     try {
       if (provider !== undefined) {
         const line = await host.#awaitStartLine();
-        host.providerApi = await ApnsHost.#describeProvider(line, certificatePath);
+        host.#providerApi = await ApnsHost.#describeProvider(line, certificatePath);
       }
       // A first answer shows the host has read its options and its bundle.
       await host.inspect("platform");
@@ -210,6 +209,11 @@ export class ApnsHost {
       }
       this.#startLine = { resolve: resolveLine, reject: rejectLine };
     });
+  }
+
+  /** Where the provider API listens, when the host was started with one. */
+  get providerApi(): ProviderApi | undefined {
+    return this.#providerApi;
   }
 
   /** The host's process id. */
@@ -345,7 +349,7 @@ export class ApnsHost {
         await Promise.race([this.#exit, ...[...this.#pending.values()].map((p) => p.settled)]);
       }
       this.#child.stdin.end();
-      if (this.providerApi !== undefined) this.#child.kill("SIGTERM");
+      if (this.#providerApi !== undefined) this.#child.kill("SIGTERM");
     }
     return this.#exit;
   }
