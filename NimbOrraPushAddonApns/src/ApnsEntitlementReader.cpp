@@ -67,33 +67,51 @@ std::optional<platform::Dictionary> extractEntitlements(
     }
 }
 
-std::optional<std::string> ApnsEntitlementReader::readApsEnvironment() const {
+ApnsEmbeddedProfile readEmbeddedProfile() noexcept {
+    ApnsEmbeddedProfile profile;
     try {
         const auto url =
             platform::Bundle::mainBundle().urlForResource("embedded", "mobileprovision");
         if (!url) {
-            return "production";
+            return profile;
         }
         // The property-list size limit applies to the whole profile, so a huge file costs no
         // more than the limit: one longer than that answers like a property list over the
-        // limit does, with nothing.
+        // limit does, with no entitlements.
         constexpr std::size_t limit = platform::PropertyListSerialization::maximumLength;
         const auto bytes = platform::Bundle::contentsOfFile(*url, limit);
         if (!bytes) {
-            return "production";
+            return profile;
         }
+        profile.present = true;
         if (bytes->size() > limit) {
-            return std::nullopt;
+            return profile;
         }
-        const auto entitlements = extractEntitlements(*bytes);
-        if (!entitlements || entitlements->empty()) {
-            return std::nullopt;
-        }
-        const platform::Value* value = entitlements->find("aps-environment");
-        if (value == nullptr || value->text() == nullptr || value->text()->empty()) {
-            return std::nullopt;
-        }
-        return *value->text();
+        profile.entitlements = extractEntitlements(*bytes);
+    } catch (...) {
+        // Only allocation can fail here; treat it like a profile without entitlements.
+        profile.entitlements.reset();
+    }
+    return profile;
+}
+
+std::optional<std::string> apsEnvironmentOf(const ApnsEmbeddedProfile& profile) {
+    if (!profile.present) {
+        return "production";
+    }
+    if (!profile.entitlements || profile.entitlements->empty()) {
+        return std::nullopt;
+    }
+    const platform::Value* value = profile.entitlements->find("aps-environment");
+    if (value == nullptr || value->text() == nullptr || value->text()->empty()) {
+        return std::nullopt;
+    }
+    return *value->text();
+}
+
+std::optional<std::string> ApnsEntitlementReader::readApsEnvironment() const {
+    try {
+        return apsEnvironmentOf(readEmbeddedProfile());
     } catch (...) {
         // Only allocation can fail here; treat it like a profile without the entitlement.
         return std::nullopt;

@@ -3,12 +3,15 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <tuple>
 #include <utility>
 
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
 #include "NimbOrraCore/OrraJSONCoding.h"
 #include "NimbOrraPushAddonApns/ApnsLogger.h"
 #include "NimbOrraPushAddonApns/ApnsOutcomeEnvelope.h"
+#include "NimbOrraPushAddonApns/ApnsServiceMethods.h"
 
 namespace nimborra::apns {
 
@@ -78,35 +81,23 @@ void ApnsServicePlugin::cancel(std::int64_t callbackId) {
 }
 
 std::string ApnsServicePlugin::handle(std::string_view method, std::string_view payload) {
-    using A = ApnsServiceNativeAdapter;
     if (!adapter_) {
         return ApnsOutcomeEnvelope::errorReply("INTERNAL", "ApnsService has no adapter");
     }
-    A& adapter = *adapter_;
+    ApnsServiceNativeAdapter& adapter = *adapter_;
     try {
-        // The method table, tested in this order; the first equal name wins.
-        if (method == "GetToken")
-            return runOperation(adapter, &A::getToken, payload);
-        if (method == "GetProviderEnvironment")
-            return runOperation(adapter, &A::getProviderEnvironment, payload);
-        if (method == "GetColdStartNotification")
-            return runOperation(adapter, &A::getColdStartNotification, payload);
-        if (method == "RequestAuthorization")
-            return runOperation(adapter, &A::requestAuthorization, payload);
-        if (method == "SetBadgeCount")
-            return runOperation(adapter, &A::setBadgeCount, payload);
-        if (method == "GetNotificationSettings")
-            return runOperation(adapter, &A::getNotificationSettings, payload);
-        if (method == "NotifyDidRegisterForRemoteNotifications")
-            return runOperation(adapter, &A::notifyDidRegisterForRemoteNotifications, payload);
-        if (method == "NotifyDidFailToRegister")
-            return runOperation(adapter, &A::notifyDidFailToRegister, payload);
-        if (method == "NotifyWillPresentNotification")
-            return runOperation(adapter, &A::notifyWillPresentNotification, payload);
-        if (method == "NotifyDidReceiveResponse")
-            return runOperation(adapter, &A::notifyDidReceiveResponse, payload);
-        if (method == "NotifyColdStartNotification")
-            return runOperation(adapter, &A::notifyColdStartNotification, payload);
+        // The method table, tested in its order; the first equal name wins.
+        std::optional<std::string> reply;
+        std::apply(
+            [&](const auto&... entry) {
+                (void)((entry.name == method &&
+                        (reply = runOperation(adapter, entry.operation, payload), true)) ||
+                       ...);
+            },
+            apnsServiceMethods());
+        if (reply) {
+            return std::move(*reply);
+        }
         std::string message(kUnknownMethodPrefix);
         message += method;
         return ApnsOutcomeEnvelope::errorReply("UNIMPLEMENTED", message);

@@ -209,8 +209,10 @@ TEST(Host, RepliesAndEventsAreWrittenAsTheyArriveNotAtTheEndOfInput) {
               R"({"event":"APNSService.OnTokenRefreshed","payload":{"newToken":"00ff10"}})");
     EXPECT_EQ(host.readLine(), R"({"id":1,"reply":{"success":{}}})");
     host.write("{\"push\":{\"aps\":{\"content-available\":1}}}\n");
-    EXPECT_EQ(host.readLine(), R"({"system":{"app":"foreground","visible":false,"shown":false,)"
-                               R"("reason":"silent","badge":null,"tap":null,"callbacks":[]}})");
+    EXPECT_EQ(host.readLine(), R"({"system":{"apnsId":"00000000-0000-4000-8000-000000000001",)"
+                               R"("app":"foreground","visible":false,"shown":false,"listed":false,)"
+                               R"("presentation":null,"reason":"silent","badge":null,"tap":null,)"
+                               R"("callbacks":[]}})");
     EXPECT_EQ(host.finish(), 0);
     EXPECT_TRUE(host.remainingLines().empty());
 }

@@ -201,16 +201,20 @@ TEST_F(ProviderApi, AcceptedPushReachesTheFarSideAsThePushCommandDoes) {
     EXPECT_EQ(reply.status, 200);
     EXPECT_EQ(reply.apnsId, "8F1B5B6C-6D4A-4F6B-9B1E-2C3D4E5F6A7B");
     EXPECT_EQ(reply.body, "");
-    auto lines = linesThrough([](const auto& line) { return line.starts_with("{\"id\":"); });
+    auto lines = linesThrough([](const auto& line) { return line.starts_with("{\"system\":"); });
     ASSERT_GE(lines.size(), 3u);
     EXPECT_EQ(member(lines[0], "outcome"), "delivered") << lines[0];
     EXPECT_EQ(member(lines[0], "pushType"), "alert") << lines[0];
 
-    const HostRun pushed = runHost("{\"push\":" + payload + "}\n", {"--status", "2"});
-    ASSERT_GE(pushed.lines.size(), 2u);
-    // The system line and the events are the same; only the reply's number differs.
-    EXPECT_EQ(std::vector(lines.begin() + 1, lines.end() - 1),
-              std::vector(pushed.lines.begin(), pushed.lines.end() - 1));
+    // The push command with the same apns-id goes down the same road: the same lines.
+    const HostRun pushed =
+        runHost("{\"push\":" + payload + ",\"apnsId\":\"8F1B5B6C-6D4A-4F6B-9B1E-2C3D4E5F6A7B\"}\n",
+                {"--status", "2"});
+    EXPECT_EQ(std::vector(lines.begin() + 1, lines.end()), pushed.lines);
+    // The far side's ids are its own: the application's calls took none.
+    EXPECT_EQ(
+        command("{\"call\":\"GetNotificationSettings\",\"id\":3}\n"),
+        std::vector<std::string>{R"({"id":3,"reply":{"success":{"authorizationStatus":3}}})"});
 }
 
 TEST_F(ProviderApi, ANewTokenWithinTwentyMinutesOnOneConnectionIsRefused) {
@@ -237,6 +241,8 @@ TEST_F(ProviderApi, UnregisteredAndOfflineDevicesAreTreatedAsApnsDoes) {
     const auto registered = command(R"({"platform":{"deviceRegistered":true}})"
                                     "\n");
     ASSERT_EQ(registered.size(), 2u);
+    EXPECT_TRUE(registered[1].starts_with(R"({"app":"NotifyDidRegisterForRemoteNotifications")"))
+        << registered[1];
     EXPECT_NE(registered[0].find("OnTokenRefreshed"), std::string::npos);
     const std::string oldToken = token_;
     token_ = member(registered[0], "newToken");
@@ -260,7 +266,7 @@ TEST_F(ProviderApi, UnregisteredAndOfflineDevicesAreTreatedAsApnsDoes) {
     }
     // Online again: only the newest kept notification arrives, and is shown, before the next
     // command runs.
-    const auto online = command(R"({"platform":{"deviceOnline":true}})"
+    const auto online = command(R"({"platform":{"app":"background","deviceOnline":true}})"
                                 "\n{\"inspect\":\"notificationCenter\"}\n");
     ASSERT_GE(online.size(), 2u);
     EXPECT_EQ(member(online.front(), "outcome"), "delivered") << online.front();
@@ -284,14 +290,19 @@ TEST_F(ProviderApi, CollapseIdReplacesAndTapReachesThePlugin) {
         // The answer comes once the system has the notification, maybe before it is shown.
         linesThrough([](const auto& line) { return line.starts_with("{\"system\":"); });
     }
-    // The replaced notification is gone; the one in its place opens the application.
-    const auto lines =
-        command("{\"tap\":\"" + firstId + "\"}\n{\"tap\":\"latest\",\"action\":\"OPEN\"}\n");
-    ASSERT_EQ(lines.size(), 4u);
+    // The replaced notification is gone; the one in its place opens the application and
+    // leaves the list.
+    const auto lines = command("{\"tap\":\"" + firstId +
+                               "\",\"id\":1}\n{\"tap\":\"latest\",\"action\":\"OPEN\",\"id\":2}\n"
+                               "{\"inspect\":\"notificationCenter\"}\n");
+    ASSERT_EQ(lines.size(), 6u);
     EXPECT_TRUE(lines[0].starts_with("{\"error\":\"tap: no notification")) << lines[0];
-    EXPECT_NE(lines[1].find("\"tap\":\"OPEN\""), std::string::npos) << lines[1];
-    EXPECT_NE(lines[2].find("APNSService.OnNotificationOpened"), std::string::npos) << lines[2];
-    EXPECT_NE(lines[2].find("Score 2-0"), std::string::npos) << lines[2];
+    EXPECT_TRUE(lines[0].ends_with(",\"id\":1}")) << lines[0];
+    EXPECT_NE(lines[1].find("APNSService.OnNotificationOpened"), std::string::npos) << lines[1];
+    EXPECT_NE(lines[1].find("Score 2-0"), std::string::npos) << lines[1];
+    EXPECT_NE(lines[3].find("\"tap\":\"OPEN\""), std::string::npos) << lines[3];
+    EXPECT_EQ(lines[4], R"({"id":2,"done":"tap"})");
+    EXPECT_EQ(lines[5], R"({"notificationCenter":[]})");
 }
 
 // The asyncio APNs client Debian packages: its own HTTP/2, no ALPN, the "host" header. Only its

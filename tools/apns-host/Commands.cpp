@@ -1,6 +1,7 @@
 #include "Commands.h"
 
 #include <array>
+#include <cctype>
 #include <utility>
 
 #include "NimbOrraPlatform/Base64.h"
@@ -16,8 +17,38 @@ using platform::Value;
 // A reason for refusing a line; nothing when all is well.
 using Refusal = std::optional<std::string>;
 
-constexpr std::array<std::string_view, 8> kCommandNames{"call",     "callSync", "cancel", "launch",
-                                                        "platform", "inspect",  "push",   "tap"};
+constexpr std::string_view kCallMembers[] = {"call", "payload", "id"};
+constexpr std::string_view kCallSyncMembers[] = {"callSync", "payload", "id"};
+constexpr std::string_view kCancelMembers[] = {"cancel", "id"};
+constexpr std::string_view kLaunchMembers[] = {"launch", "id"};
+constexpr std::string_view kPlatformMembers[] = {"platform", "id"};
+constexpr std::string_view kPlatformSettings[] = {
+    "authorization", "authorizationStatus", "badgeError",  "bundle", "app",
+    "present",       "deviceRegistered",    "deviceOnline"};
+constexpr std::string_view kInspectMembers[] = {"inspect", "id"};
+constexpr std::string_view kPushMembers[] = {"push", "app", "tap", "apnsId", "collapseId", "id"};
+constexpr std::string_view kTapMembers[] = {"tap", "action", "id"};
+
+constexpr std::array<CommandShape, 8> kCommands{{
+    {"call", kCallMembers, {}},
+    {"callSync", kCallSyncMembers, {}},
+    {"cancel", kCancelMembers, {}},
+    {"launch", kLaunchMembers, {}},
+    {"platform", kPlatformMembers, kPlatformSettings},
+    {"inspect", kInspectMembers, {}},
+    {"push", kPushMembers, {}},
+    {"tap", kTapMembers, {}},
+}};
+
+// The members a command may hold.
+std::span<const std::string_view> membersOf(std::string_view command) {
+    for (const auto& shape : kCommands) {
+        if (shape.name == command) {
+            return shape.members;
+        }
+    }
+    return {};
+}
 
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f' || c == '\v';
@@ -46,7 +77,7 @@ const std::string* keyText(const Dictionary::Entry& entry) {
 }
 
 // Refuses every member of `object` whose name is not `allowed`.
-Refusal onlyMembers(const Dictionary& object, std::initializer_list<std::string_view> allowed,
+Refusal onlyMembers(const Dictionary& object, std::span<const std::string_view> allowed,
                     std::string_view where) {
     for (const auto& entry : object) {
         const std::string* name = keyText(entry);
@@ -141,7 +172,7 @@ Refusal convertLaunchMembers(const Dictionary& object, Dictionary& converted) {
 }
 
 Refusal readCall(const Dictionary& object, const std::string& name, CallCommand& call) {
-    if (auto refusal = onlyMembers(object, {name, "payload", "id"}, "a " + name + " command")) {
+    if (auto refusal = onlyMembers(object, membersOf(name), "a " + name + " command")) {
         return refusal;
     }
     call.synchronous = name == "callSync";
@@ -165,18 +196,11 @@ Refusal readCall(const Dictionary& object, const std::string& name, CallCommand&
             call.payload = std::move(*json);
         }
     }
-
-    if (const Value* id = object.find("id")) {
-        if (id->integer() == nullptr) {
-            return std::string("\"id\" must be an integer");
-        }
-        call.id = *id->integer();
-    }
     return std::nullopt;
 }
 
 Refusal readCancel(const Dictionary& object, CancelCommand& cancel) {
-    if (auto refusal = onlyMembers(object, {"cancel"}, "a cancel command")) {
+    if (auto refusal = onlyMembers(object, membersOf("cancel"), "a cancel command")) {
         return refusal;
     }
     const Value* identifier = object.find("cancel");
@@ -188,7 +212,7 @@ Refusal readCancel(const Dictionary& object, CancelCommand& cancel) {
 }
 
 Refusal readLaunch(const Dictionary& object, LaunchCommand& launch) {
-    if (auto refusal = onlyMembers(object, {"launch"}, "a launch command")) {
+    if (auto refusal = onlyMembers(object, membersOf("launch"), "a launch command")) {
         return refusal;
     }
     const Dictionary* payload = object.find("launch")->dictionary();
@@ -228,17 +252,14 @@ Refusal readAuthorization(const Value& value, AuthorizationAnswer& answer) {
 }
 
 Refusal readPlatform(const Dictionary& object, PlatformCommand& change) {
-    if (auto refusal = onlyMembers(object, {"platform"}, "a platform command")) {
+    if (auto refusal = onlyMembers(object, membersOf("platform"), "a platform command")) {
         return refusal;
     }
     const Dictionary* settings = object.find("platform")->dictionary();
     if (settings == nullptr) {
         return std::string("\"platform\" must be an object");
     }
-    if (auto refusal = onlyMembers(*settings,
-                                   {"authorization", "authorizationStatus", "badgeError", "bundle",
-                                    "deviceRegistered", "deviceOnline", "app"},
-                                   "\"platform\"")) {
+    if (auto refusal = onlyMembers(*settings, kPlatformSettings, "\"platform\"")) {
         return "platform: " + *refusal;
     }
     for (const auto& [name, target] : {std::pair{"deviceRegistered", &change.deviceRegistered},
@@ -258,6 +279,27 @@ Refusal readPlatform(const Dictionary& object, PlatformCommand& change) {
                 "platform: \"app\" must be \"foreground\", \"background\" or \"notRunning\"");
         }
         change.app = *state;
+    }
+    if (const Value* present = settings->find("present")) {
+        static const std::string expected =
+            "platform: \"present\" must be null or a list of \"badge\", \"sound\", \"list\" "
+            "and \"banner\"";
+        if (present->isNull()) {
+            change.present.emplace(std::nullopt);
+        } else if (const platform::Array* names = present->array()) {
+            std::vector<std::string> options;
+            for (const Value& name : *names) {
+                const std::string* text = name.text();
+                if (text == nullptr || (*text != "badge" && *text != "sound" && *text != "list" &&
+                                        *text != "banner")) {
+                    return expected;
+                }
+                options.push_back(*text);
+            }
+            change.present.emplace(std::move(options));
+        } else {
+            return expected;
+        }
     }
     if (const Value* authorization = settings->find("authorization")) {
         AuthorizationAnswer answer;
@@ -294,7 +336,7 @@ Refusal readPlatform(const Dictionary& object, PlatformCommand& change) {
 }
 
 Refusal readInspect(const Dictionary& object, InspectCommand& inspect) {
-    if (auto refusal = onlyMembers(object, {"inspect"}, "an inspect command")) {
+    if (auto refusal = onlyMembers(object, membersOf("inspect"), "an inspect command")) {
         return refusal;
     }
     const std::string* what = object.find("inspect")->text();
@@ -307,7 +349,7 @@ Refusal readInspect(const Dictionary& object, InspectCommand& inspect) {
 }
 
 Refusal readTap(const Dictionary& object, TapCommand& tap) {
-    if (auto refusal = onlyMembers(object, {"tap", "action"}, "a tap command")) {
+    if (auto refusal = onlyMembers(object, membersOf("tap"), "a tap command")) {
         return refusal;
     }
     const std::string* identifier = object.find("tap")->text();
@@ -326,7 +368,7 @@ Refusal readTap(const Dictionary& object, TapCommand& tap) {
 }
 
 Refusal readPush(const Dictionary& object, PushCommand& push) {
-    if (auto refusal = onlyMembers(object, {"push", "app", "tap"}, "a push command")) {
+    if (auto refusal = onlyMembers(object, membersOf("push"), "a push command")) {
         return refusal;
     }
     if (auto refusal = readPushPayload(*object.find("push"), push)) {
@@ -339,7 +381,21 @@ Refusal readPush(const Dictionary& object, PushCommand& push) {
             return std::string(
                 "push: \"app\" must be \"foreground\", \"background\" or \"notRunning\"");
         }
-        push.app = *state;
+        push.appOverride = *state;
+    }
+    if (const Value* apnsId = object.find("apnsId")) {
+        if (apnsId->text() == nullptr || !isCanonicalUuid(*apnsId->text())) {
+            return std::string("push: \"apnsId\" must be a UUID: 8-4-4-4-12 hexadecimal digits");
+        }
+        push.apnsId = *apnsId->text();
+    }
+    if (const Value* collapseId = object.find("collapseId")) {
+        // APNs's limit on apns-collapse-id.
+        if (collapseId->text() == nullptr || collapseId->text()->empty() ||
+            collapseId->text()->size() > 64) {
+            return std::string("push: \"collapseId\" must be a text of 1 to 64 bytes");
+        }
+        push.collapseId = *collapseId->text();
     }
     if (const Value* tap = object.find("tap")) {
         if (tap->boolean() != nullptr && *tap->boolean()) {
@@ -357,7 +413,8 @@ Refusal readPush(const Dictionary& object, PushCommand& push) {
 // Picks the command of a JSON object and reads it.
 Refusal readCommand(const Dictionary& object, Command& command) {
     std::optional<std::string> name;
-    for (const auto candidate : kCommandNames) {
+    for (const auto& shape : kCommands) {
+        const std::string_view candidate = shape.name;
         // A push command's "tap" member is not a command of its own.
         if (!object.contains(candidate) || (candidate == "tap" && object.contains("push"))) {
             continue;
@@ -417,6 +474,23 @@ Refusal readCommand(const Dictionary& object, Command& command) {
 
 }  // namespace
 
+std::span<const CommandShape> commandShapes() {
+    return kCommands;
+}
+
+bool isCanonicalUuid(std::string_view text) {
+    if (text.size() != 36) {
+        return false;
+    }
+    for (std::size_t index = 0; index < text.size(); ++index) {
+        const bool dash = index == 8 || index == 13 || index == 18 || index == 23;
+        if (dash ? text[index] != '-' : !std::isxdigit(static_cast<unsigned char>(text[index]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
 std::optional<std::string> readPushPayload(const Value& payload, PushCommand& push) {
     const Dictionary* object = payload.dictionary();
     if (object == nullptr) {
@@ -470,6 +544,20 @@ InputLine readInputLine(std::string_view line) {
     if (object == nullptr) {
         input.text = "not a JSON object";
         return input;
+    }
+    if (const Value* id = object->find("id")) {
+        if (id->integer() == nullptr && id->text() == nullptr) {
+            input.text = "\"id\" must be a string or an integer";
+            return input;
+        }
+        platform::JSONWritingOptions writing;
+        writing.fragmentsAllowed = true;
+        auto json = platform::JSONSerialization::data(*id, writing);
+        if (!json) {
+            input.text = "\"id\" cannot be written as JSON";
+            return input;
+        }
+        input.id = std::move(*json);
     }
     if (auto refusal = readCommand(*object, input.command)) {
         input.text = std::move(*refusal);

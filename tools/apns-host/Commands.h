@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include "NimbOrraPlatform/NSError.h"
 #include "NimbOrraPlatform/RemoteNotification.h"
@@ -16,14 +18,14 @@
 
 namespace nimborra::host {
 
+// Every command may also carry "id": a string or an integer that its answer line repeats.
+
 // {"call": M, ...} (asynchronous) or {"callSync": M, ...}.
 struct CallCommand {
     bool synchronous = false;
     std::string method;
     // The payload text handed to the plug-in.
     std::string payload;
-    // The explicit "id", when given.
-    std::optional<std::int64_t> id;
 };
 
 // {"cancel": N}
@@ -53,6 +55,9 @@ struct PlatformCommand {
     std::optional<bool> deviceRegistered;
     std::optional<bool> deviceOnline;
     std::optional<platform::ApplicationState> app;
+    // Outer: whether "present" was given; inner: the option names, or none for null (the
+    // plug-in's own answer).
+    std::optional<std::optional<std::vector<std::string>>> present;
 };
 
 // {"inspect": "platform"} or {"inspect": "notificationCenter"}
@@ -67,16 +72,22 @@ struct TapCommand {
     std::string action;
 };
 
-// {"push": PAYLOAD, "app": STATE, "tap": ACTION}, or a --push file.
+// {"push": PAYLOAD, "app": STATE, "tap": ACTION, "apnsId": UUID, "collapseId": ID}, or a
+// --push file.
 struct PushCommand {
     // The payload as delivered: accepted by the system's rules, "Simulator Target Bundle" taken
     // out.
     platform::Dictionary payload;
     // The "Simulator Target Bundle" the payload named, if any.
     std::optional<std::string> targetBundle;
-    platform::ApplicationState app = platform::ApplicationState::foreground;
     // The action identifier the user taps; nothing when the notification is left alone.
     std::optional<std::string> tap;
+    // The application's state for this push; the phone's own when nothing.
+    std::optional<platform::ApplicationState> appOverride;
+    // As the provider API's apns-id and apns-collapse-id headers: a canonical UUID (any case;
+    // a new one when nothing) and the identifier that replaces a listed notification.
+    std::optional<std::string> apnsId;
+    std::optional<std::string> collapseId;
 };
 
 using Command = std::variant<CallCommand, CancelCommand, LaunchCommand, PlatformCommand,
@@ -92,7 +103,24 @@ struct InputLine {
     std::optional<platform::Value> json;
     // For a comment: its text after "#", trimmed. For a refused line: why it was refused.
     std::string text;
+    // The command's "id" (a string or an integer) as compact JSON, when it has a valid one;
+    // also for a line refused for another reason.
+    std::optional<std::string> id;
 };
+
+// One command's members, as the reader accepts them: the command's own name first. For
+// "platform", `settings` lists the members its object may hold.
+struct CommandShape {
+    std::string_view name;
+    std::span<const std::string_view> members;
+    std::span<const std::string_view> settings;
+};
+
+// Every command, in the order the help text lists them.
+std::span<const CommandShape> commandShapes();
+
+// Whether `text` is a UUID in canonical form: 8-4-4-4-12 hexadecimal digits, in either case.
+bool isCanonicalUuid(std::string_view text);
 
 // Reads one line (without its line break). Never throws except std::bad_alloc.
 InputLine readInputLine(std::string_view line);

@@ -1,5 +1,6 @@
 #include "Options.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <utility>
@@ -238,6 +239,7 @@ enum class ValueOption {
     push,
     app,
     status,
+    present,
     providerApi,
     tlsCert,
     tlsKey,
@@ -267,6 +269,9 @@ std::optional<ValueOption> valueOption(std::string_view name) {
     }
     if (name == "--status") {
         return ValueOption::status;
+    }
+    if (name == "--present") {
+        return ValueOption::present;
     }
     static constexpr std::array<std::pair<std::string_view, ValueOption>, 9> kProviderOptions{{
         {"--provider-api", ValueOption::providerApi},
@@ -451,6 +456,10 @@ ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
             options.printProviderToken = true;
             continue;
         }
+        if (argument == "--describe") {
+            options.describe = true;
+            continue;
+        }
 
         // An option with a value, as "--name value" or "--name=value".
         const std::size_t equals = argument.find('=');
@@ -515,6 +524,26 @@ ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
                 options.authorizationStatus = status;
                 break;
             }
+            case ValueOption::present: {
+                std::vector<std::string> names;
+                if (value != "none") {
+                    for (std::size_t start = 0; start <= value.size();) {
+                        const auto comma = std::min(value.find(',', start), value.size());
+                        const std::string name(value.substr(start, comma - start));
+                        if (name != "badge" && name != "sound" && name != "list" &&
+                            name != "banner") {
+                            return OptionError{
+                                "option '--present' needs a comma list of badge, sound, list "
+                                "and banner, or none, not '" +
+                                std::string(value) + "'"};
+                        }
+                        names.push_back(name);
+                        start = comma + 1;
+                    }
+                }
+                options.present = std::move(names);
+                break;
+            }
             case ValueOption::providerApi:
                 if (!readListenAddress(value, provider)) {
                     return OptionError{
@@ -563,15 +592,13 @@ ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
     if (auto problem = checkProviderOptions(options, providerApi, provider, firstProviderOption)) {
         return OptionError{std::move(*problem)};
     }
-    if (options.printProviderToken) {
+    if (options.printProviderToken || providerApi) {
         options.providerApi = std::move(provider);
-    } else if (providerApi) {
-        // --app without a --push file after it sets the state provider pushes find.
-        provider.app = next.app;
-        if (unusedPushSetting == "--app") {
-            unusedPushSetting = {};
-        }
-        options.providerApi = std::move(provider);
+    }
+    // --app without a --push file after it sets the application's state at start.
+    options.app = next.app;
+    if (unusedPushSetting == "--app") {
+        unusedPushSetting = {};
     }
     if (options.demo && options.script) {
         return OptionError{"--demo runs its own session and takes no --script"};

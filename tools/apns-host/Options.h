@@ -39,8 +39,6 @@ struct ProviderApiOptions {
     std::optional<std::string> teamId;
     // 32 bytes; nothing for random ones.
     std::optional<std::vector<std::uint8_t>> deviceToken;
-    // The application's state when a notification arrives, until a command changes it.
-    platform::ApplicationState app = platform::ApplicationState::foreground;
 };
 
 struct HostOptions {
@@ -64,6 +62,13 @@ struct HostOptions {
     std::optional<ProviderApiOptions> providerApi;
     // Print a provider token made from --auth-key, --key-id and --team-id, and exit.
     bool printProviderToken = false;
+    // Write the description of the far side's protocol, and exit.
+    bool describe = false;
+    // The application's state at start (--app without a --push file after it).
+    platform::ApplicationState app = platform::ApplicationState::foreground;
+    // The foreground presentation options the application hands the system (--present);
+    // nothing for the plug-in's own answer.
+    std::optional<std::vector<std::string>> present;
 };
 
 // Asked for the help text.

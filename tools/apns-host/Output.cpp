@@ -74,11 +74,40 @@ std::string validUTF8(std::string_view text) {
     return out;
 }
 
-std::string replyLine(std::int64_t id, std::string_view reply) {
+std::string replyLine(std::string_view id, std::string_view reply) {
     std::string line = "{\"id\":";
-    platform::appendJSONNumber(line, id);
+    line.append(id);
     line.append(",\"reply\":");
     line.append(reply);
+    line.push_back('}');
+    return line;
+}
+
+std::string appReplyLine(std::string_view method, std::string_view reply) {
+    std::string line = "{\"app\":";
+    platform::appendJSONString(line, method);
+    line.append(",\"reply\":");
+    line.append(reply);
+    line.push_back('}');
+    return line;
+}
+
+std::string doneLine(std::string_view id, std::string_view name) {
+    std::string line = "{\"id\":";
+    line.append(id);
+    line.append(",\"done\":");
+    platform::appendJSONString(line, name);
+    line.push_back('}');
+    return line;
+}
+
+std::string withId(std::string line, std::string_view id) {
+    if (line.empty() || line.back() != '}') {
+        return line;
+    }
+    line.pop_back();
+    line.append(",\"id\":");
+    line.append(id);
     line.push_back('}');
     return line;
 }
@@ -98,66 +127,6 @@ std::string refusalLine(std::string_view reason, std::size_t lineNumber) {
     line.append(",\"line\":");
     platform::appendJSONNumber(line, static_cast<std::uint64_t>(lineNumber));
     line.push_back('}');
-    return line;
-}
-
-std::string platformLine(std::optional<std::uint64_t> authorizationOptions,
-                         std::optional<std::int64_t> badgeCount, std::size_t registrations) {
-    std::string line = "{\"platform\":{\"authorizationOptions\":";
-    if (authorizationOptions) {
-        platform::appendJSONNumber(line, *authorizationOptions);
-    } else {
-        line.append("null");
-    }
-    line.append(",\"badgeCount\":");
-    if (badgeCount) {
-        platform::appendJSONNumber(line, *badgeCount);
-    } else {
-        line.append("null");
-    }
-    line.append(",\"registrations\":");
-    platform::appendJSONNumber(line, static_cast<std::uint64_t>(registrations));
-    line.append("}}");
-    return line;
-}
-
-namespace {
-
-void appendTextOrNull(std::string& line, const std::optional<std::string_view>& text) {
-    if (text) {
-        platform::appendJSONString(line, *text);
-    } else {
-        line.append("null");
-    }
-}
-
-}  // namespace
-
-std::string systemLine(platform::ApplicationState app,
-                       const platform::RemoteNotificationDelivery& delivery) {
-    std::string line = "{\"system\":{\"app\":";
-    platform::appendJSONString(line, platform::applicationStateName(app));
-    line.append(delivery.visible ? ",\"visible\":true" : ",\"visible\":false");
-    line.append(delivery.shown ? ",\"shown\":true" : ",\"shown\":false");
-    line.append(",\"reason\":");
-    appendTextOrNull(line, delivery.reason);
-    line.append(",\"badge\":");
-    if (delivery.badge) {
-        platform::appendJSONNumber(line, *delivery.badge);
-    } else {
-        line.append("null");
-    }
-    line.append(",\"tap\":");
-    appendTextOrNull(line, delivery.tap);
-    line.append(",\"callbacks\":[");
-    for (std::size_t index = 0; index < delivery.callbacks.size(); ++index) {
-        if (index > 0) {
-            line.push_back(',');
-        }
-        platform::appendJSONString(
-            line, platform::remoteNotificationCallbackName(delivery.callbacks[index]));
-    }
-    line.append("]}}");
     return line;
 }
 

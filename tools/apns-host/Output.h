@@ -45,19 +45,18 @@ class OutputWriter {
 // The output lines. Texts that are already JSON (replies, event payloads) are spliced in byte
 // for byte; everything else is written with the platform's JSON writer conventions.
 
-// {"id":N,"reply":REPLY}
-std::string replyLine(std::int64_t id, std::string_view reply);
+// {"id":ID,"reply":REPLY}, where `id` is the id's compact JSON (an integer or a string).
+std::string replyLine(std::string_view id, std::string_view reply);
+// {"app":METHOD,"reply":REPLY}: the reply to one of the host application's own calls.
+std::string appReplyLine(std::string_view method, std::string_view reply);
+// {"id":ID,"done":NAME}: a command with an id that is not a call or an inspection has finished.
+std::string doneLine(std::string_view id, std::string_view name);
+// `line`, a JSON object, with ,"id":ID added as its last member.
+std::string withId(std::string line, std::string_view id);
 // {"event":NAME,"payload":PAYLOAD}
 std::string eventLine(std::string_view name, std::string_view payload);
 // {"error":TEXT,"line":N}
 std::string refusalLine(std::string_view reason, std::size_t lineNumber);
-// {"platform":{"authorizationOptions":MASK|null,"badgeCount":INT|null,"registrations":INT}}
-std::string platformLine(std::optional<std::uint64_t> authorizationOptions,
-                         std::optional<std::int64_t> badgeCount, std::size_t registrations);
-// {"system":{"app":STATE,"visible":BOOL,"shown":BOOL,"reason":TEXT|null,"badge":INT|null,
-// "tap":ACTION|null,"callbacks":[NAME...]}}: what the simulated system did with a push.
-std::string systemLine(platform::ApplicationState app,
-                       const platform::RemoteNotificationDelivery& delivery);
 // {"command":COMMAND}: the command as compact JSON, or as a JSON string when it has none (bytes
 // that are not UTF-8 replaced by U+FFFD, so that the line stays JSON).
 std::string commandLine(const std::optional<platform::Value>& json, std::string_view rawLine);

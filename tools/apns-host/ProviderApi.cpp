@@ -4,7 +4,6 @@
 #include <fstream>
 #include <utility>
 
-#include "AppDelegate.h"
 #include "NimbOrraPlatform/Application.h"
 #include "NimbOrraPlatform/Bundle.h"
 #include "NimbOrraPushAddonApns/ApnsEntitlementReader.h"
@@ -14,18 +13,6 @@ namespace nimborra::host {
 
 namespace {
 
-// The profile's "aps-environment": "development" or "production", or nothing.
-std::optional<std::string> apsEnvironment() {
-    const auto url = platform::Bundle::mainBundle().urlForResource("embedded", "mobileprovision");
-    const auto bytes = url ? platform::Bundle::contentsOfFile(*url) : std::nullopt;
-    const auto entitlements = bytes ? apns::extractEntitlements(*bytes) : std::nullopt;
-    const platform::Value* value = entitlements ? entitlements->find("aps-environment") : nullptr;
-    if (value == nullptr || value->text() == nullptr) {
-        return std::nullopt;
-    }
-    return *value->text();
-}
-
 std::int64_t nowSeconds() {
     return std::chrono::duration_cast<std::chrono::seconds>(
                std::chrono::system_clock::now().time_since_epoch())
@@ -34,16 +21,15 @@ std::int64_t nowSeconds() {
 
 }  // namespace
 
-ProviderApi::ProviderApi(Session& session, OutputWriter& output, platform::ApplicationState app)
-    : device_(session, output, app) {}
-
 ProviderApi::~ProviderApi() {
     stop();
 }
 
 std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
-    const ProviderApiOptions& options, Session& session, OutputWriter& output) {
-    const auto bundleIdentifier = applicationBundleIdentifier();
+    const ProviderApiOptions& options, Phone& phone, Application& application,
+    OutputWriter& output) {
+    const auto profile = phone.profile();
+    const auto& bundleIdentifier = profile.bundleIdentifier;
     if (!bundleIdentifier) {
         return std::string(
             "--provider-api needs the application's bundle identifier: no readable "
@@ -89,19 +75,18 @@ std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
             "token: any well-formed ES256 token, signature not verified (no --auth-key)";
     }
 
-    std::unique_ptr<ProviderApi> api(new ProviderApi(session, output, options.app));
+    std::unique_ptr<ProviderApi> api(new ProviderApi());
     std::optional<platform::Data> token;
     if (options.deviceToken) {
         token = platform::Data{*options.deviceToken};
     }
     api->service_ = std::make_unique<provider::ProviderService>(*bundleIdentifier, std::move(token),
-                                                                api->device_, api->device_);
-    session.attachProviderApi(api->device_, *api->service_);
-    auto& application = platform::UIApplication::sharedApplication();
-    application.setDeviceTokenIssuer(
-        [service = api->service_.get()] { return service->deviceToken(); });
-    application.setRegistrationCallback([&session](const platform::Data& deviceToken) {
-        session.didRegisterForRemoteNotifications(deviceToken);
+                                                                phone, phone);
+    phone.attachProviderService(*api->service_);
+    auto& system = platform::UIApplication::sharedApplication();
+    system.setDeviceTokenIssuer([service = api->service_.get()] { return service->deviceToken(); });
+    system.setRegistrationCallback([&application](const platform::Data& deviceToken) {
+        application.didRegisterForRemoteNotifications(deviceToken);
     });
 
     const bool tls = serverOptions.tls != nullptr;
@@ -121,7 +106,7 @@ std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
     start.port = api->server_->port();
     start.tls = tls;
     start.fingerprint = std::move(fingerprint);
-    start.environment = apsEnvironment();
+    start.environment = profile.environment;
     start.topic = *bundleIdentifier;
     start.deviceToken = provider::ProviderService::hex(*api->service_->deviceToken());
     start.authentication = std::move(authentication);
@@ -136,9 +121,9 @@ void ProviderApi::stop() {
     if (service_) {
         service_->stop();
     }
-    auto& application = platform::UIApplication::sharedApplication();
-    application.setDeviceTokenIssuer({});
-    application.setRegistrationCallback({});
+    auto& system = platform::UIApplication::sharedApplication();
+    system.setDeviceTokenIssuer({});
+    system.setRegistrationCallback({});
 }
 
 std::variant<std::string, std::string> printableProviderToken(const ProviderApiOptions& options) {

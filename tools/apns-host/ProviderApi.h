@@ -1,6 +1,5 @@
-// apns-host's provider API: wires the push service stand-in (server, request rules, device) to
-// the session, so that a push server's request reaches the application through the simulated
-// system.
+// apns-host's provider API: wires the push service stand-in (server, request rules) to the
+// phone, so that a push server's request reaches the application through the simulated system.
 //
 // Threads: start() and stop() belong to the host's main flow; in between, the server's and the
 // service's threads run (see ProviderServer.h and ProviderService.h).
@@ -10,12 +9,12 @@
 #include <string>
 #include <variant>
 
+#include "Application.h"
 #include "NimbOrraProviderApi/ProviderServer.h"
 #include "NimbOrraProviderApi/ProviderService.h"
 #include "Options.h"
 #include "Output.h"
-#include "Session.h"
-#include "SimulatedDevice.h"
+#include "Phone.h"
 
 namespace nimborra::host {
 
@@ -23,8 +22,10 @@ class ProviderApi {
   public:
     // Reads the certificate and keys, starts serving and writes the start line; the reason when
     // it cannot (the application's identifier unknown, a file unreadable, the port taken).
+    // `phone` and `application` must outlive the provider API.
     static std::variant<std::unique_ptr<ProviderApi>, std::string> start(
-        const ProviderApiOptions& options, Session& session, OutputWriter& output);
+        const ProviderApiOptions& options, Phone& phone, Application& application,
+        OutputWriter& output);
     ~ProviderApi();
     ProviderApi(const ProviderApi&) = delete;
     ProviderApi& operator=(const ProviderApi&) = delete;
@@ -34,9 +35,8 @@ class ProviderApi {
     void stop();
 
   private:
-    ProviderApi(Session& session, OutputWriter& output, platform::ApplicationState app);
+    ProviderApi() = default;
 
-    SimulatedDevice device_;
     std::unique_ptr<provider::ProviderService> service_;
     std::unique_ptr<provider::ProviderServer> server_;
 };

@@ -53,26 +53,4 @@ std::string providerLine(const provider::ProviderRecord& record) {
     return line("provider", std::move(fields));
 }
 
-std::string notificationCenterLine(const std::deque<platform::IncomingRemoteNotification>& shown) {
-    platform::Array list;
-    for (const auto& notification : shown) {
-        Dictionary entry;
-        entry.set("apnsId", validUTF8(notification.identifier));
-        entry.set("collapseId", notification.collapseIdentifier
-                                    ? Value(validUTF8(*notification.collapseIdentifier))
-                                    : Value(nullptr));
-        entry.set("payload", notification.payload);
-        list.push_back(std::move(entry));
-    }
-    return line("notificationCenter", std::move(list));
-}
-
-std::string notificationRefusalLine(std::string_view reason, std::string_view apnsId) {
-    Dictionary fields;
-    fields.set("error", validUTF8(reason));
-    fields.set("apnsId", validUTF8(apnsId));
-    auto text = platform::JSONSerialization::data(Value(std::move(fields)));
-    return text ? std::move(*text) : std::string("{\"error\":null}");
-}
-
 }  // namespace nimborra::host

@@ -2,7 +2,6 @@
 // notifications the system shows. Texts that come from clients are written as valid UTF-8.
 #pragma once
 
-#include <deque>
 #include <optional>
 #include <string>
 
@@ -32,11 +31,5 @@ std::string providerStartLine(const ProviderApiStart& start);
 // {"provider":{"apnsId":ID,"status":N,"reason":TEXT|null,"topic":TEXT|null,
 // "pushType":TEXT|null,"priority":N|null,"outcome":TEXT}}
 std::string providerLine(const provider::ProviderRecord& record);
-
-// {"notificationCenter":[{"apnsId":ID,"collapseId":ID|null,"payload":P}...]}
-std::string notificationCenterLine(const std::deque<platform::IncomingRemoteNotification>& shown);
-
-// {"error":TEXT,"apnsId":ID}: the system could not take a notification the service accepted.
-std::string notificationRefusalLine(std::string_view reason, std::string_view apnsId);
 
 }  // namespace nimborra::host

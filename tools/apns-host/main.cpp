@@ -24,6 +24,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -31,9 +32,11 @@
 #include <variant>
 #include <vector>
 
-#include "AppDelegate.h"
+#include "Application.h"
+#include "Bridge.h"
 #include "Commands.h"
 #include "DemoScript.h"
+#include "Describe.h"
 #include "LineReader.h"
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
 #include "NimbOrraPlatform/Bundle.h"
@@ -45,6 +48,7 @@
 #include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
 #include "Options.h"
 #include "Output.h"
+#include "Phone.h"
 #include "ProviderApi.h"
 #include "Session.h"
 
@@ -103,7 +107,8 @@ std::variant<Input, std::string> openInput(const host::HostOptions& options) {
 constexpr std::streamsize kPushFileLimit = 1 << 20;
 
 // Reads and checks one --push file: the push it delivers, or why it cannot.
-std::variant<host::PushCommand, std::string> loadPushFile(const host::PushFile& file) {
+std::variant<host::PushCommand, std::string> loadPushFile(const host::PushFile& file,
+                                                          const host::Phone& phone) {
     std::error_code error;
     if (std::filesystem::is_directory(file.path, error)) {
         return std::string("it is a directory");
@@ -127,18 +132,35 @@ std::variant<host::PushCommand, std::string> loadPushFile(const host::PushFile& 
         return "not JSON: " + reason;
     }
     host::PushCommand push;
-    push.app = file.app;
+    push.appOverride = file.app;
     push.tap = file.tap;
     if (auto refusal = host::readPushPayload(*json, push)) {
         return std::move(*refusal);
     }
     if (push.targetBundle) {
-        if (auto wrong = host::wrongTargetBundle(*push.targetBundle)) {
+        if (auto wrong = phone.wrongTargetBundle(*push.targetBundle)) {
             return std::move(*wrong);
         }
     }
     return push;
 }
+
+// Undoes what runHost set up in the process-wide services, on every way out.
+struct ProcessWiring {
+    core::OrraBridgeDispatcher& dispatcher = core::OrraBridgeDispatcher::shared();
+    std::optional<core::OrraBridgeDispatcher::SubscriptionId> subscription;
+
+    ProcessWiring() = default;
+    ProcessWiring(const ProcessWiring&) = delete;
+    ProcessWiring& operator=(const ProcessWiring&) = delete;
+    ~ProcessWiring() {
+        // Nothing may reach runHost's objects once it returns.
+        if (subscription) {
+            dispatcher.unsubscribe(*subscription);
+        }
+        platform::setLogSink({});
+    }
+};
 
 int runHost(const host::HostOptions& options) {
     auto opened = openInput(options);
@@ -149,23 +171,32 @@ int runHost(const host::HostOptions& options) {
 
     platform::setLogLevel(options.logLevel);
     host::installLogSink(stderr);
+    host::OutputWriter output(stdout);
+    ProcessWiring wiring;
+    wiring.subscription =
+        wiring.dispatcher.subscribe([&output](const std::string& name, const std::string& payload) {
+            output.writeLine(host::eventLine(name, payload));
+        });
+    apns::Nimb_Orra_ApnsService_Register();
+    auto plugin = wiring.dispatcher.plugin(apns::ApnsServicePlugin::name);
+    if (!plugin) {
+        return fail("the ApnsService plug-in did not register");
+    }
+    host::Bridge bridge(output, std::move(plugin));
+    host::Application application(bridge);
+    host::Phone phone(output, application);
 
     auto bundle = options.bundle;
     if (!bundle && options.demo) {
         bundle = std::filesystem::path(NIMBORRA_SAMPLE_BUNDLE_DIR);
-        if (!std::filesystem::is_directory(*bundle)) {
-            std::fprintf(stderr, "apns-host: the sample bundle %s is missing\n", bundle->c_str());
-        }
     }
-    if (bundle) {
-        std::error_code error;
-        const auto directory = std::filesystem::absolute(*bundle, error);
-        platform::Bundle::mainBundle().setResourceDirectory(error ? *bundle : directory);
+    if (auto reason = phone.openBundle(bundle)) {
+        return fail(*reason);
     }
     // Every push file is checked before anything runs, so a bad one has no effect at all.
     std::vector<host::PushCommand> pushes;
     for (const auto& file : options.pushes) {
-        auto loaded = loadPushFile(file);
+        auto loaded = loadPushFile(file, phone);
         if (auto* reason = std::get_if<std::string>(&loaded)) {
             return fail(file.path.string() + ": " + *reason);
         }
@@ -173,36 +204,24 @@ int runHost(const host::HostOptions& options) {
     }
 
     // The simulated system starts from its defaults: authorization granted, status not
-    // determined (or --status), no badge error.
+    // determined (or --status), no badge error, the application in the foreground (or --app).
     auto& center = platform::UNUserNotificationCenter::currentNotificationCenter();
     center.reset();
     if (options.authorizationStatus) {
         center.setAuthorizationStatus(*options.authorizationStatus);
     }
-
-    host::OutputWriter output(stdout);
-    auto& dispatcher = core::OrraBridgeDispatcher::shared();
-    const auto subscription =
-        dispatcher.subscribe([&output](const std::string& name, const std::string& payload) {
-            output.writeLine(host::eventLine(name, payload));
-        });
-    apns::Nimb_Orra_ApnsService_Register();
-    auto plugin = dispatcher.plugin(apns::ApnsServicePlugin::name);
-    if (!plugin) {
-        dispatcher.unsubscribe(subscription);
-        platform::setLogSink({});
-        return fail("the ApnsService plug-in did not register");
+    phone.setApplicationState(options.app);
+    if (options.present) {
+        application.setPresentation(host::PresentationOptions::named(*options.present));
     }
 
-    host::Session session(output, std::move(plugin), options.echo || options.demo);
+    host::Session session(output, bridge, phone, application, options.echo || options.demo);
     host::SessionStatus status = host::SessionStatus::accepted;
 
     std::unique_ptr<host::ProviderApi> providerApi;
     if (options.providerApi) {
-        auto started = host::ProviderApi::start(*options.providerApi, session, output);
+        auto started = host::ProviderApi::start(*options.providerApi, phone, application, output);
         if (auto* reason = std::get_if<std::string>(&started)) {
-            dispatcher.unsubscribe(subscription);
-            platform::setLogSink({});
             return fail(*reason);
         }
         providerApi = std::move(std::get<std::unique_ptr<host::ProviderApi>>(started));
@@ -230,7 +249,8 @@ int runHost(const host::HostOptions& options) {
     std::thread reader([&] {
         if (providerApi) {
             // The application registers for remote notifications at launch.
-            session.registerForRemoteNotifications();
+            application.registerForRemoteNotifications();
+            session.waitForReplies();
             status = session.run(*input.reader);
             if (!output.failed()) {
                 // The push server may go on sending after the input has ended.
@@ -243,8 +263,8 @@ int runHost(const host::HostOptions& options) {
             status = session.run(*input.reader);
         } else {
             // Standard input is not read: the files are the whole session.
-            for (std::size_t index = 0; index < pushes.size(); ++index) {
-                session.push(pushes[index], index + 1);
+            for (const auto& push : pushes) {
+                session.push(push);
             }
             session.waitForReplies();
         }
@@ -261,9 +281,6 @@ int runHost(const host::HostOptions& options) {
     }
     providerApi.reset();
 
-    // Nothing may reach this function's objects once it returns.
-    dispatcher.unsubscribe(subscription);
-    platform::setLogSink({});
     if (session.readError() != 0) {
         return fail("reading " + input.name + " failed: " + std::strerror(session.readError()));
     }
@@ -298,6 +315,11 @@ int main(int argc, char** argv) {
             return kStatusBadInvocation;
         }
         const auto& options = std::get<nimborra::host::HostOptions>(parsed);
+        if (options.describe) {
+            const auto description = nimborra::host::describeProtocol() + "\n";
+            std::fwrite(description.data(), 1, description.size(), stdout);
+            return std::fflush(stdout) == 0 ? 0 : fail("writing standard output failed");
+        }
         if (options.printProviderToken) {
             const auto token = nimborra::host::printableProviderToken(*options.providerApi);
             if (token.index() == 1) {

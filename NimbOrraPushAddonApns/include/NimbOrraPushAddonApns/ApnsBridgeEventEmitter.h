@@ -14,6 +14,7 @@
 
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include "NimbOrraPushAddonApns/ApnsNotification.h"
 #include "NimbOrraPushAddonApns/Export.h"
@@ -24,6 +25,30 @@ namespace nimborra::apns {
 inline constexpr char apnsTokenRefreshedEventName[] = "APNSService.OnTokenRefreshed";
 inline constexpr char apnsNotificationPresentedEventName[] = "APNSService.OnNotificationPresented";
 inline constexpr char apnsNotificationOpenedEventName[] = "APNSService.OnNotificationOpened";
+
+// The payload of apnsTokenRefreshedEventName, as a record.
+struct ApnsTokenRefreshedEvent {
+    std::string newToken;
+
+    static constexpr auto codingFields() {
+        return std::tuple{core::CodingField{"newToken", &ApnsTokenRefreshedEvent::newToken}};
+    }
+};
+
+// The payload of apnsNotificationOpenedEventName, as a record. The payload of
+// apnsNotificationPresentedEventName is the ApnsNotification itself. Both are written with their
+// keys sorted (see makeNotificationEventPayload).
+struct ApnsNotificationOpenedEvent {
+    std::string actionIdentifier;
+    ApnsNotification notification;
+
+    static constexpr auto codingFields() {
+        using core::CodingField;
+        using E = ApnsNotificationOpenedEvent;
+        return std::tuple{CodingField{"actionIdentifier", &E::actionIdentifier},
+                          CodingField{"notification", &E::notification}};
+    }
+};
 
 // Where events go: the seam between the emission routines and the bridge. Implementations must
 // be safe to call from any thread and should not throw (an exception is swallowed by the

@@ -44,4 +44,23 @@ class NIMBORRA_APNS_EXPORT ApnsEntitlementReader final : public ApnsEntitlementR
 NIMBORRA_APNS_EXPORT std::optional<platform::Dictionary> extractEntitlements(
     std::span<const std::uint8_t> profile) noexcept;
 
+// The main bundle's embedded provisioning profile as ApnsEntitlementReader reads it, for code that
+// needs more of it than the environment and must agree with the reader's answers.
+struct ApnsEmbeddedProfile {
+    // Whether the bundle has a profile that could be read (the reader then answers
+    // "production" when this is false).
+    bool present = false;
+    // Its "Entitlements" dictionary; nothing when the profile is larger than the property-list
+    // limit or holds no entitlements (the reader then answers nothing).
+    std::optional<platform::Dictionary> entitlements;
+};
+
+// Reads the profile afresh, no further than the property-list limit. Never throws: out of memory
+// reads as a profile without entitlements.
+NIMBORRA_APNS_EXPORT ApnsEmbeddedProfile readEmbeddedProfile() noexcept;
+
+// The "aps-environment" answer of ApnsEntitlementReader for a profile read as above.
+NIMBORRA_APNS_EXPORT std::optional<std::string> apsEnvironmentOf(
+    const ApnsEmbeddedProfile& profile);
+
 }  // namespace nimborra::apns

@@ -1,0 +1,488 @@
+#include "Phone.h"
+
+#include <algorithm>
+#include <cctype>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "NimbOrraPlatform/Application.h"
+#include "NimbOrraPlatform/Bundle.h"
+#include "NimbOrraPlatform/JSONSerialization.h"
+#include "NimbOrraPlatform/UserNotificationCenter.h"
+#include "NimbOrraPushAddonApns/ApnsEntitlementReader.h"
+#include "ProviderLines.h"
+
+namespace nimborra::host {
+
+using platform::ApplicationState;
+using platform::RemoteNotificationCallback;
+
+struct Phone::Road {
+    std::uint64_t order = 0;
+    PushNotification notification;
+    ApplicationState app = ApplicationState::foreground;
+    std::optional<std::string> tap;
+    // A tap on a notification already shown: only what the tap causes runs.
+    bool tapOnly = false;
+    // Whether the road's next call may wait for room on the bridge: not once it runs on the
+    // plug-in's queue.
+    bool mayWait = true;
+
+    platform::UNNotificationContent content;
+    bool visible = false;
+    bool shown = false;
+    bool listed = false;
+    std::optional<PresentationOptions> presentation;
+    std::optional<std::string_view> reason;
+    std::optional<std::int64_t> badge;
+    std::vector<RemoteNotificationCallback> callbacks;
+
+    // Set once the road is over; written in start order.
+    bool finished = false;
+    std::string line;
+};
+
+namespace {
+
+bool sameIdentifier(std::string_view a, std::string_view b) {
+    // apns-ids are UUIDs: compared without regard to case, as servers write either.
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+        return std::tolower(static_cast<unsigned char>(x)) ==
+               std::tolower(static_cast<unsigned char>(y));
+    });
+}
+
+void appendTextOrNull(std::string& line, const std::optional<std::string_view>& text) {
+    if (text) {
+        platform::appendJSONString(line, *text);
+    } else {
+        line.append("null");
+    }
+}
+
+void appendNumberOrNull(std::string& line, const std::optional<std::int64_t>& number) {
+    if (number) {
+        platform::appendJSONNumber(line, *number);
+    } else {
+        line.append("null");
+    }
+}
+
+platform::UNUserNotificationCenter& center() {
+    return platform::UNUserNotificationCenter::currentNotificationCenter();
+}
+
+}  // namespace
+
+Phone::Phone(OutputWriter& output, Application& application)
+    : output_(output), application_(application) {}
+
+std::optional<std::string> Phone::openBundle(const std::optional<std::filesystem::path>& bundle) {
+    if (bundle) {
+        const std::filesystem::path& directory = *bundle;
+        std::error_code error;
+        const auto status = std::filesystem::status(directory, error);
+        if (!std::filesystem::exists(status)) {
+            return "the bundle " + directory.string() + " does not exist";
+        }
+        if (!std::filesystem::is_directory(status)) {
+            return "the bundle " + directory.string() + " is not a directory";
+        }
+        const std::filesystem::directory_iterator listing(directory, error);
+        if (error) {
+            return "the bundle " + directory.string() + " cannot be read: " + error.message();
+        }
+        const auto absolute = std::filesystem::absolute(directory, error);
+        platform::Bundle::mainBundle().setResourceDirectory(error ? directory : absolute);
+    }
+
+    // One reading of the profile, by the add-on's own reader, for everything the phone says.
+    const auto embedded = apns::readEmbeddedProfile();
+    ProfileFacts facts;
+    facts.environment = apns::apsEnvironmentOf(embedded);
+    const platform::Value* identifier =
+        embedded.entitlements ? embedded.entitlements->find("application-identifier") : nullptr;
+    if (identifier != nullptr && identifier->text() != nullptr) {
+        // "TEAMID.com.example.app": the team prefix ends at the first dot.
+        const std::string& text = *identifier->text();
+        const auto dot = text.find('.');
+        facts.bundleIdentifier = dot == std::string::npos ? text : text.substr(dot + 1);
+    }
+    const std::lock_guard lock(mutex_);
+    profile_ = std::move(facts);
+    return std::nullopt;
+}
+
+ProfileFacts Phone::profile() const {
+    const std::lock_guard lock(mutex_);
+    return profile_;
+}
+
+std::optional<std::string> Phone::wrongTargetBundle(const std::string& target) const {
+    const auto identifier = profile().bundleIdentifier;
+    if (!identifier || *identifier == target) {
+        return std::nullopt;
+    }
+    return "\"Simulator Target Bundle\" is \"" + target + "\" but the application is \"" +
+           *identifier + "\"";
+}
+
+ApplicationState Phone::applicationState() const {
+    const std::lock_guard lock(mutex_);
+    return app_;
+}
+
+void Phone::setApplicationState(ApplicationState app) {
+    const std::lock_guard lock(mutex_);
+    app_ = app;
+}
+
+void Phone::attachProviderService(provider::ProviderService& service) {
+    const std::lock_guard lock(mutex_);
+    service_ = &service;
+}
+
+provider::ProviderService* Phone::providerService() const {
+    const std::lock_guard lock(mutex_);
+    return service_;
+}
+
+Phone::Exclusive::Exclusive(Phone& phone) : phone_(phone) {
+    std::unique_lock lock(phone_.mutex_);
+    phone_.changed_.wait(lock, [this] { return !phone_.exclusive_; });
+    phone_.exclusive_ = true;
+    phone_.exclusiveOwner_ = std::this_thread::get_id();
+    phone_.changed_.wait(lock, [this] { return phone_.running_.empty(); });
+}
+
+Phone::Exclusive::~Exclusive() {
+    const std::lock_guard lock(phone_.mutex_);
+    phone_.exclusive_ = false;
+    phone_.exclusiveOwner_ = {};
+    phone_.changed_.notify_all();
+}
+
+void Phone::waitForRoads() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return running_.empty(); });
+}
+
+void Phone::push(PushNotification notification, std::optional<ApplicationState> app,
+                 const std::optional<std::string>& tap) {
+    const auto road = start(std::move(notification), app, tap, false, true);
+    waitFinished(road);
+}
+
+std::string Phone::newApnsId() {
+    std::uint64_t count = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        count = ++apnsIdsIssued_;
+    }
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string id = "00000000-0000-4000-8000-000000000000";
+    for (std::size_t index = id.size(); count != 0 && index-- > 24;) {
+        id[index] = kDigits[count % 16];
+        count /= 16;
+    }
+    return id;
+}
+
+bool Phone::tap(std::string_view identifier, const std::string& action) {
+    std::optional<Listed> found;
+    {
+        const std::lock_guard lock(mutex_);
+        // The newest tappable notification, or the one with that apns-id: in the list or on
+        // the banner.
+        const Listed* best = nullptr;
+        for (const auto& listed : listed_) {
+            if (identifier == "latest" ? (best == nullptr || listed.order > best->order)
+                                       : sameIdentifier(listed.notification.apnsId, identifier)) {
+                best = &listed;
+            }
+        }
+        if (banner_ &&
+            (identifier == "latest" ? (best == nullptr || banner_->order > best->order)
+                                    : sameIdentifier(banner_->notification.apnsId, identifier))) {
+            best = &*banner_;
+        }
+        if (best == nullptr) {
+            return false;
+        }
+        found = *best;
+        removeLocked(found->notification.apnsId);
+    }
+    const auto road = start(std::move(found->notification), std::nullopt, action, true, true);
+    waitFinished(road);
+    return true;
+}
+
+std::shared_ptr<Phone::Road> Phone::start(PushNotification notification,
+                                          std::optional<ApplicationState> app,
+                                          std::optional<std::string> tap, bool tapOnly,
+                                          bool holdsExclusive) {
+    auto road = std::make_shared<Road>();
+    road->notification = std::move(notification);
+    road->tap = std::move(tap);
+    road->tapOnly = tapOnly;
+    {
+        std::unique_lock lock(mutex_);
+        if (!holdsExclusive) {
+            // A session command has the phone: this notification comes after it, unless the
+            // command itself brought it (a device coming online delivers what was kept).
+            const auto self = std::this_thread::get_id();
+            changed_.wait(lock, [this, self] { return !exclusive_ || exclusiveOwner_ == self; });
+        }
+        road->app = app.value_or(app_);
+        road->order = nextOrder_++;
+        running_.emplace(road->order, road);
+    }
+    run(road);
+    return road;
+}
+
+void Phone::run(const std::shared_ptr<Road>& road) {
+    const platform::Dictionary& payload = *road->notification.payload;
+    road->content = platform::remoteNotificationContent(payload);
+    if (road->tapOnly) {
+        road->visible = true;
+        road->shown = true;
+        respond(road);
+        return;
+    }
+    road->visible = platform::isVisibleRemoteNotification(payload);
+    if (!road->visible) {
+        // Silent notifications wake the application in the background for a fetch, which is
+        // not the business of the notification delegate: nothing is shown and nothing tapped.
+        road->reason = "silent";
+        road->tap.reset();
+        finish(road);
+        return;
+    }
+    if (!platform::authorizationStatusShowsNotifications(center().authorizationStatus())) {
+        road->reason = "not authorized";
+        road->tap.reset();
+        finish(road);
+        return;
+    }
+    if (road->notification.collapseId) {
+        const std::lock_guard lock(mutex_);
+        const auto& collapseId = road->notification.collapseId;
+        std::erase_if(listed_, [&](const Listed& listed) {
+            return listed.notification.collapseId == collapseId;
+        });
+        if (banner_ && banner_->notification.collapseId == collapseId) {
+            banner_.reset();
+        }
+    }
+    if (road->app == ApplicationState::foreground) {
+        road->callbacks.push_back(RemoteNotificationCallback::willPresent);
+        application_.willPresent(
+            road->content, [this, road](PresentationOptions options) { presented(road, options); },
+            road->mayWait);
+        return;
+    }
+    // In the background or not running, the system shows it in the list and sets the badge.
+    road->shown = true;
+    road->listed = true;
+    road->badge = road->content.badge;
+    if (road->badge) {
+        center().setBadgeCountFromNotification(*road->badge);
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        listLocked(road->notification, road->order);
+    }
+    if (road->tap) {
+        respond(road);
+        return;
+    }
+    road->reason = road->app == ApplicationState::background ? "not tapped" : "not running";
+    finish(road);
+}
+
+void Phone::presented(const std::shared_ptr<Road>& road, PresentationOptions options) {
+    // On the plug-in's queue, right after the delegate's reply: nothing more may wait here.
+    road->mayWait = false;
+    road->presentation = options;
+    if (options.badge && road->content.badge) {
+        road->badge = road->content.badge;
+        center().setBadgeCountFromNotification(*road->badge);
+    }
+    road->shown = options.list || options.banner;
+    road->listed = options.list;
+    {
+        const std::lock_guard lock(mutex_);
+        if (options.list) {
+            listLocked(road->notification, road->order);
+        } else if (options.banner) {
+            banner_ = Listed{road->notification, road->order};
+        }
+    }
+    if (!road->tap) {
+        finish(road);
+    } else if (road->shown) {
+        respond(road);
+    } else {
+        // Nothing on screen and nothing in the list: the user has nothing to tap.
+        road->reason = "not presented";
+        road->tap.reset();
+        finish(road);
+    }
+}
+
+void Phone::respond(const std::shared_ptr<Road>& road) {
+    {
+        const std::lock_guard lock(mutex_);
+        removeLocked(road->notification.apnsId);
+    }
+    road->listed = false;
+    if (road->app == ApplicationState::notRunning) {
+        // The tap launches the application, whose launch options carry the notification.
+        road->callbacks.push_back(RemoteNotificationCallback::didFinishLaunching);
+        application_.didFinishLaunching(*road->notification.payload);
+    }
+    road->callbacks.push_back(RemoteNotificationCallback::didReceiveResponse);
+    application_.didReceiveResponse(
+        road->content, *road->tap, [this, road] { finish(road); }, road->mayWait);
+}
+
+void Phone::finish(const std::shared_ptr<Road>& road) {
+    std::string line = "{\"system\":{\"apnsId\":";
+    platform::appendJSONString(line, road->notification.apnsId);
+    line.append(",\"app\":");
+    platform::appendJSONString(line, platform::applicationStateName(road->app));
+    line.append(road->visible ? ",\"visible\":true" : ",\"visible\":false");
+    line.append(road->shown ? ",\"shown\":true" : ",\"shown\":false");
+    line.append(road->listed ? ",\"listed\":true" : ",\"listed\":false");
+    line.append(",\"presentation\":");
+    line.append(road->presentation ? road->presentation->json() : std::string("null"));
+    line.append(",\"reason\":");
+    appendTextOrNull(line, road->reason);
+    line.append(",\"badge\":");
+    appendNumberOrNull(line, road->badge);
+    line.append(",\"tap\":");
+    appendTextOrNull(line, road->tap);
+    line.append(",\"callbacks\":[");
+    for (std::size_t index = 0; index < road->callbacks.size(); ++index) {
+        if (index > 0) {
+            line.push_back(',');
+        }
+        platform::appendJSONString(
+            line, platform::remoteNotificationCallbackName(road->callbacks[index]));
+    }
+    line.append("]}}");
+
+    // The system lines come in the order the roads started, each after its own callbacks' lines.
+    const std::lock_guard lock(mutex_);
+    road->line = std::move(line);
+    road->finished = true;
+    while (!running_.empty() && running_.begin()->second->finished) {
+        output_.writeLine(running_.begin()->second->line);
+        running_.erase(running_.begin());
+    }
+    changed_.notify_all();
+}
+
+void Phone::waitFinished(const std::shared_ptr<Road>& road) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return !running_.contains(road->order); });
+}
+
+void Phone::listLocked(const PushNotification& notification, std::uint64_t order) {
+    if (listed_.size() == maximumListedNotifications) {
+        listed_.pop_front();
+    }
+    listed_.push_back(Listed{notification, order});
+}
+
+void Phone::removeLocked(const std::string& apnsId) {
+    std::erase_if(listed_,
+                  [&](const Listed& listed) { return listed.notification.apnsId == apnsId; });
+    if (banner_ && banner_->notification.apnsId == apnsId) {
+        banner_.reset();
+    }
+}
+
+std::string Phone::notificationCenterLine() const {
+    std::string line = "{\"notificationCenter\":[";
+    const std::lock_guard lock(mutex_);
+    bool first = true;
+    for (const auto& listed : listed_) {
+        if (!first) {
+            line.push_back(',');
+        }
+        first = false;
+        line.append("{\"apnsId\":");
+        platform::appendJSONString(line, validUTF8(listed.notification.apnsId));
+        line.append(",\"collapseId\":");
+        if (listed.notification.collapseId) {
+            platform::appendJSONString(line, validUTF8(*listed.notification.collapseId));
+        } else {
+            line.append("null");
+        }
+        line.append(",\"payload\":");
+        const auto payload = platform::JSONSerialization::data(
+            platform::Value(*listed.notification.payload), platform::JSONWritingOptions{});
+        line.append(payload ? *payload : std::string("null"));
+        line.push_back('}');
+    }
+    line.append("]}");
+    return line;
+}
+
+std::string Phone::platformLine() const {
+    const auto& notifications = center();
+    std::string line = "{\"platform\":{\"authorizationOptions\":";
+    const auto options = notifications.lastAuthorizationOptions();
+    if (options) {
+        platform::appendJSONNumber(line, static_cast<std::uint64_t>(*options));
+    } else {
+        line.append("null");
+    }
+    line.append(",\"badgeCount\":");
+    appendNumberOrNull(line, notifications.lastBadgeCount());
+    line.append(",\"registrations\":");
+    platform::appendJSONNumber(
+        line, static_cast<std::uint64_t>(
+                  platform::UIApplication::sharedApplication().mainThreadRegistrationCount()));
+    line.append(",\"authorizationStatus\":");
+    platform::appendJSONNumber(line, notifications.authorizationStatus());
+    line.append(",\"app\":");
+    platform::appendJSONString(line, platform::applicationStateName(applicationState()));
+    line.append(",\"present\":");
+    const auto presentation = application_.presentation();
+    line.append(presentation ? presentation->json() : std::string("null"));
+    line.append("}}");
+    return line;
+}
+
+platform::RemoteNotificationReceiver::Taken Phone::take(
+    const platform::IncomingRemoteNotification& notification) {
+    if (!notification.collapseIdentifier) {
+        return Taken::delivered;
+    }
+    const std::lock_guard lock(mutex_);
+    const auto& collapseId = notification.collapseIdentifier;
+    const bool listed = std::any_of(listed_.begin(), listed_.end(), [&](const Listed& listed) {
+        return listed.notification.collapseId == collapseId;
+    });
+    const bool onBanner = banner_ && banner_->notification.collapseId == collapseId;
+    return listed || onBanner ? Taken::replaced : Taken::delivered;
+}
+
+void Phone::present(const platform::IncomingRemoteNotification& notification) {
+    // The payload is delivered as the provider API accepted it. Its road goes on without this
+    // thread: the next notification can start while the plug-in still handles this one.
+    PushNotification push{notification.identifier, notification.collapseIdentifier,
+                          std::make_shared<const platform::Dictionary>(notification.payload)};
+    start(std::move(push), std::nullopt, std::nullopt, false, false);
+}
+
+void Phone::requestHandled(const provider::ProviderRecord& record) {
+    output_.writeLine(providerLine(record));
+}
+
+}  // namespace nimborra::host
