@@ -12,6 +12,16 @@ export const ProviderEnvironment = {
 } as const;
 export type ProviderEnvironment = (typeof ProviderEnvironment)[keyof typeof ProviderEnvironment];
 
+/** UNNotificationInterruptionLevel: the wire number of each case. */
+export const UNNotificationInterruptionLevel = {
+  unspecified: 0,
+  passive: 1,
+  active: 2,
+  timeSensitive: 3,
+  critical: 4,
+} as const;
+export type UNNotificationInterruptionLevel = (typeof UNNotificationInterruptionLevel)[keyof typeof UNNotificationInterruptionLevel];
+
 /** UNAuthorizationOption: the wire number of each case. */
 export const UNAuthorizationOption = {
   unspecified: 0,
@@ -36,16 +46,6 @@ export const UNAuthorizationStatus = {
 } as const;
 export type UNAuthorizationStatus = (typeof UNAuthorizationStatus)[keyof typeof UNAuthorizationStatus];
 
-/** UNNotificationInterruptionLevel: the wire number of each case. */
-export const UNNotificationInterruptionLevel = {
-  unspecified: 0,
-  passive: 1,
-  active: 2,
-  timeSensitive: 3,
-  critical: 4,
-} as const;
-export type UNNotificationInterruptionLevel = (typeof UNNotificationInterruptionLevel)[keyof typeof UNNotificationInterruptionLevel];
-
 /** UNNotificationPresentationOption: the wire number of each case. */
 export const UNNotificationPresentationOption = {
   unspecified: 0,
@@ -55,32 +55,6 @@ export const UNNotificationPresentationOption = {
   banner: 4,
 } as const;
 export type UNNotificationPresentationOption = (typeof UNNotificationPresentationOption)[keyof typeof UNNotificationPresentationOption];
-
-export interface ApnsNotification {
-  title: string;
-  subtitle: string;
-  body: string;
-  /** 32-bit integer */
-  badge: number;
-  sound: string;
-  categoryIdentifier: string;
-  threadIdentifier: string;
-  launchImageName: string;
-  targetContentIdentifier: string;
-  /** a UNNotificationInterruptionLevel number */
-  interruptionLevel: UNNotificationInterruptionLevel;
-  relevanceScore: number;
-  userInfoJson: string;
-}
-
-export interface ApnsTokenRefreshedEvent {
-  newToken: string;
-}
-
-export interface ApnsNotificationOpenedEvent {
-  actionIdentifier: string;
-  notification: ApnsNotification;
-}
 
 /** APNSServiceGetTokenRequest: a record without fields, written as {}. */
 export type APNSServiceGetTokenRequest = Record<string, never>;
@@ -102,6 +76,23 @@ export type APNSServiceGetColdStartNotificationRequest = Record<string, never>;
 
 export interface APNSServiceGetColdStartNotificationResponse {
   notification: ApnsNotification;
+}
+
+export interface ApnsNotification {
+  title: string;
+  subtitle: string;
+  body: string;
+  /** 32-bit integer */
+  badge: number;
+  sound: string;
+  categoryIdentifier: string;
+  threadIdentifier: string;
+  launchImageName: string;
+  targetContentIdentifier: string;
+  /** a UNNotificationInterruptionLevel number */
+  interruptionLevel: UNNotificationInterruptionLevel;
+  relevanceScore: number;
+  userInfoJson: string;
 }
 
 export interface APNSServiceRequestAuthorizationRequest {
@@ -167,6 +158,15 @@ export interface APNSServiceNotifyColdStartNotificationRequest {
 
 /** APNSServiceNotifyColdStartNotificationResponse: a record without fields, written as {}. */
 export type APNSServiceNotifyColdStartNotificationResponse = Record<string, never>;
+
+export interface ApnsNotificationOpenedEvent {
+  actionIdentifier: string;
+  notification: ApnsNotification;
+}
+
+export interface ApnsTokenRefreshedEvent {
+  newToken: string;
+}
 
 /** The request and response record of each method, by its name on the bridge. */
 export interface ApnsServiceMethods {
@@ -258,5 +258,5 @@ export const eventNames = [
 ] as const;
 
 /** The host's commands and output lines with their members, as the client was built for. */
-export const hostCommands = [{"name":"call","members":["call","payload","id"]}] as const;
-export const hostLines = [{"name":"reply","members":["id","reply"]}] as const;
+export const hostCommands = [{"name":"call","members":["call","payload","id"]},{"name":"callSync","members":["callSync","payload","id"]},{"name":"cancel","members":["cancel","id"]},{"name":"launch","members":["launch","id"]},{"name":"platform","members":["platform","id"]},{"name":"inspect","members":["inspect","id"]},{"name":"push","members":["push","app","tap","apnsId","collapseId","id"]},{"name":"tap","members":["tap","action","id"]}] as const;
+export const hostLines = [{"name":"reply","members":["id","reply"],"meaning":"the reply to a far-side call; the id is the call's"},{"name":"app","members":["app","reply"],"meaning":"the reply to one of the host application's own calls"},{"name":"event","members":["event","payload"],"meaning":"an event the plug-in emitted"},{"name":"error","members":["error","line","id"],"meaning":"a refused line; id when the line carried a valid one"},{"name":"done","members":["id","done"],"meaning":"a command with an id that is neither a call nor an inspection has finished"},{"name":"system","members":["system"],"meaning":"what the system did with one push: apnsId, app, visible, shown, listed, presentation, reason, badge, tap, callbacks"},{"name":"platform","members":["platform","id"],"meaning":"the answer to {\"inspect\":\"platform\"}: authorizationOptions, badgeCount, registrations, authorizationStatus, app, present"},{"name":"notificationCenter","members":["notificationCenter","id"],"meaning":"the answer to {\"inspect\":\"notificationCenter\"}: apnsId, collapseId, payload of each listed notification, oldest first"},{"name":"providerApi","members":["providerApi"],"meaning":"where the provider API listens (--provider-api)"},{"name":"provider","members":["provider"],"meaning":"one request to the provider API and its answer"},{"name":"command","members":["command"],"meaning":"an echoed command (--echo)"},{"name":"comment","members":["comment"],"meaning":"an echoed comment (--echo)"}] as const;
