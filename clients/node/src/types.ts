@@ -70,6 +70,11 @@ export interface PlatformState {
   badgeCount: number | null;
   /** How many times the application registered for remote notifications. */
   registrations: number;
+  /** The system's authorization status number (SystemAuthorizationStatus). */
+  authorizationStatus: number;
+  app: AppState;
+  /** The foreground presentation options, or null for the plug-in's own answer. */
+  present: PresentationName[] | null;
   [member: string]: unknown;
 }
 
