@@ -22,15 +22,15 @@ export class ApnsServiceError extends Error implements ApnsServiceErrorFields {
   /** The method that was called, e.g. "GetToken". */
   readonly method: string;
   readonly code: string;
-  readonly externalCode?: string;
-  readonly traceId?: string;
-  readonly details?: unknown;
-  readonly type?: string;
-  readonly instance?: string;
+  declare readonly externalCode?: string;
+  declare readonly traceId?: string;
+  declare readonly details?: unknown;
+  declare readonly type?: string;
+  declare readonly instance?: string;
   /** True for an outcome reply. */
   readonly outcome: boolean;
   /** An outcome's data. */
-  readonly data?: unknown;
+  declare readonly data?: unknown;
 
   constructor(method: string, fields: ApnsServiceErrorFields, outcome?: { data: unknown }) {
     super(fields.message);
@@ -62,13 +62,13 @@ export class ApnsHostError extends Error {
   override readonly name = "ApnsHostError";
   readonly kind: ApnsHostErrorKind;
   /** The input line number the host gave with a refusal. */
-  readonly line?: number;
+  declare readonly line?: number;
   /** The exit status, when the host has ended by itself. */
-  readonly exitCode?: number | null;
+  declare readonly exitCode?: number | null;
   /** The signal that ended the host, if one did. */
-  readonly signal?: string | null;
+  declare readonly signal?: string | null;
   /** The last lines the host wrote to standard error. */
-  readonly stderr?: string;
+  declare readonly stderr?: string;
 
   constructor(
     kind: ApnsHostErrorKind,

@@ -52,6 +52,18 @@ interface Waiter {
   readonly reject: (error: Error) => void;
 }
 
+/** The hosts still running: ended with this process, so that none outlives the script. */
+const running = new Set<ChildProcessWithoutNullStreams>();
+let endsWithProcess = false;
+function endWithProcess(child: ChildProcessWithoutNullStreams): void {
+  running.add(child);
+  if (endsWithProcess) return;
+  endsWithProcess = true;
+  process.on("exit", () => {
+    for (const host of running) host.kill("SIGTERM");
+  });
+}
+
 /** How much of the host's standard error is kept for the error that reports its end. */
 const stderrTail = 4096;
 
@@ -116,6 +128,7 @@ export class ApnsHost {
     child.stderr.on("data", (chunk: string) => {
       this.#stderr = (this.#stderr + chunk).slice(-stderrTail);
     });
+    endWithProcess(child);
     const lines = createInterface({ input: child.stdout, crlfDelay: Infinity });
     lines.on("line", (line) => this.#onLine(line));
 
@@ -126,6 +139,7 @@ export class ApnsHost {
       child.on("error", (error) => {
         this.#end(new ApnsHostError("start", `apns-host could not be run: ${error.message}`));
         resolveExit(-1);
+        running.delete(child);
         removeTemporary();
       });
       child.on("close", (code, signal) => {
@@ -136,6 +150,7 @@ export class ApnsHost {
         this.#end(new ApnsHostError("exited", message, { exitCode: code, signal, stderr }));
         const signalNumber = signal === null ? 0 : (constants.signals[signal] ?? 0);
         resolveExit(code ?? 128 + signalNumber);
+        running.delete(child);
         removeTemporary();
       });
     });
@@ -208,6 +223,7 @@ export class ApnsHost {
         return;
       }
       this.#startLine = { resolve: resolveLine, reject: rejectLine };
+      this.#holdProcess();
     });
   }
 
@@ -260,6 +276,7 @@ export class ApnsHost {
         reject: rejectEvent,
       };
       this.#waiters.add(waiter);
+      this.#holdProcess();
     });
   }
 
@@ -267,6 +284,7 @@ export class ApnsHost {
     for (const waiter of [...this.#waiters]) {
       if (waiter.name === name && waiter.accept(payload as never)) this.#waiters.delete(waiter);
     }
+    this.#holdProcess();
     for (const listener of [...(this.#listeners.get(name) ?? [])]) {
       try {
         listener(payload as never);
@@ -345,6 +363,7 @@ export class ApnsHost {
   async close(): Promise<number> {
     if (!this.#closing && this.#ended === undefined) {
       this.#closing = true;
+      this.#holdProcess();
       while (this.#pending.size > 0 && this.#ended === undefined) {
         await Promise.race([this.#exit, ...[...this.#pending.values()].map((p) => p.settled)]);
       }
@@ -403,6 +422,7 @@ export class ApnsHost {
       rejectAnswer(new ApnsHostError("exited", "apns-host is closing: it takes no more commands"));
     } else {
       this.#pending.set(id, pending);
+      this.#holdProcess();
       this.#child.stdin.write(`${JSON.stringify({ ...command, id })}\n`);
     }
     return { pending, answer };
@@ -420,6 +440,7 @@ export class ApnsHost {
     const pending = typeof id === "string" ? this.#pending.get(id) : undefined;
     if (pending !== undefined && typeof id === "string") {
       this.#pending.delete(id);
+      this.#holdProcess();
       if (typeof line["error"] === "string" && "line" in line) {
         const number = typeof line["line"] === "number" ? line["line"] : undefined;
         const extra = number !== undefined ? { line: number } : {};
@@ -436,6 +457,7 @@ export class ApnsHost {
     } else if (isObject(line["providerApi"]) && this.#startLine !== undefined) {
       const started = this.#startLine;
       this.#startLine = undefined;
+      this.#holdProcess();
       started.resolve(line["providerApi"]);
     }
   }
@@ -449,6 +471,20 @@ export class ApnsHost {
         pending.system = system;
         return;
       }
+    }
+  }
+
+  /**
+   * Keeps this process alive while something waits for the host (a command's answer, an event,
+   * the end after close), and only then: an idle host that a script forgot to close, or left
+   * open when a test failed, does not keep it from ending.
+   */
+  #holdProcess(): void {
+    const busy = this.#pending.size > 0 || this.#waiters.size > 0 || this.#startLine !== undefined || this.#closing;
+    const child = this.#child;
+    for (const handle of [child, child.stdin, child.stdout, child.stderr] as Array<{ ref(): void; unref(): void }>) {
+      if (busy) handle.ref();
+      else handle.unref();
     }
   }
 

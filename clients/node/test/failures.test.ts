@@ -4,16 +4,16 @@ import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { ApnsHost, ApnsHostError, ApnsServiceError, userInfo } from "../src/index.js";
-import { fakeHost } from "./support.js";
+import { fakeHost, startHost } from "./support.js";
 
 test("a host that cannot start rejects start with the reason", async (t) => {
   const cases = [
     { name: "missing program", options: { executable: "/nonexistent/apns-host" }, kind: "start", why: /ENOENT/ },
-    { name: "exits at once", options: { executable: fakeHost, args: ["refuse"] }, kind: "exited", why: /status 2: apns-host: no such bundle/ },
+    { name: "exits at once", options: { bundle: "/nonexistent" }, kind: "exited", why: /status 2: apns-host: the bundle \/nonexistent does not exist/ },
   ] as const;
   for (const { name, options, kind, why } of cases) {
     await t.test(name, async () => {
-      const error = await ApnsHost.start(options).then(
+      const error = await startHost(options).then(
         () => assert.fail("started"),
         (e: unknown) => e,
       );
@@ -42,15 +42,33 @@ test("a host that dies rejects every pending promise, and later ones at once", a
   assert.equal(await host.close(), 3);
 });
 
-test("an outcome reply rejects with its code and data", async () => {
-  const host = await ApnsHost.start({ executable: fakeHost, args: ["outcome"] });
-  const error = await host.apnsService.getNotificationSettings().catch((e: unknown) => e);
-  assert.ok(error instanceof ApnsServiceError);
-  assert.deepEqual(
-    { method: error.method, code: error.code, outcome: error.outcome, data: error.data },
-    { method: "GetNotificationSettings", code: "LATER", outcome: true, data: { retry: 3 } },
-  );
-  assert.equal(await host.close(), 0);
+test("a host killed by a signal rejects what waits with the signal, and close gives 128 + N", async () => {
+  const host = await startHost();
+  const waiting = host.once("APNSService.OnNotificationOpened");
+  process.kill(host.pid ?? 0, "SIGKILL");
+  await assert.rejects(waiting, { name: "ApnsHostError", kind: "exited", signal: "SIGKILL", message: /ended by SIGKILL/ });
+  assert.equal(await host.close(), 137);
+});
+
+test("error and outcome replies reject with every field they carry", async (t) => {
+  const cases = [
+    {
+      mode: "error",
+      expected: { code: "ABORTED", message: "m", externalCode: "E1", traceId: "t1", details: { k: [1] }, type: "urn:t", instance: "/i", outcome: false },
+    },
+    { mode: "outcome", expected: { code: "LATER", message: "GetNotificationSettings ended with the outcome LATER", outcome: true, data: { retry: 3 } } },
+  ];
+  for (const { mode, expected } of cases) {
+    await t.test(mode, async () => {
+      const host = await ApnsHost.start({ executable: fakeHost, args: [mode] });
+      const error = await host.apnsService.getNotificationSettings().catch((e: unknown) => e);
+      assert.ok(error instanceof ApnsServiceError);
+      const { method, ...fields } = { ...error, message: error.message };
+      assert.equal(method, "GetNotificationSettings");
+      assert.deepEqual({ ...fields, name: undefined }, { ...expected, name: undefined });
+      assert.equal(await host.close(), 0);
+    });
+  }
 });
 
 test("a reply of no known kind rejects as a protocol fault", async () => {
