@@ -132,15 +132,14 @@ export class ApnsHost {
     const lines = createInterface({ input: child.stdout, crlfDelay: Infinity });
     lines.on("line", (line) => this.#onLine(line));
 
-    const removeTemporary = () => {
-      if (temporary !== undefined) rm(temporary, { recursive: true, force: true }).catch(() => {});
-    };
+    // The certificate's folder is gone by the time close() resolves.
+    const removeTemporary = (): Promise<void> =>
+      temporary === undefined ? Promise.resolve() : rm(temporary, { recursive: true, force: true }).catch(() => {});
     this.#exit = new Promise((resolveExit) => {
       child.on("error", (error) => {
         this.#end(new ApnsHostError("start", `apns-host could not be run: ${error.message}`));
-        resolveExit(-1);
         running.delete(child);
-        removeTemporary();
+        void removeTemporary().then(() => resolveExit(-1));
       });
       child.on("close", (code, signal) => {
         const stderr = this.#stderr.trim();
@@ -149,9 +148,8 @@ export class ApnsHost {
         const message = `apns-host ${why}${last ? `: ${last}` : ""}`;
         this.#end(new ApnsHostError("exited", message, { exitCode: code, signal, stderr }));
         const signalNumber = signal === null ? 0 : (constants.signals[signal] ?? 0);
-        resolveExit(code ?? 128 + signalNumber);
         running.delete(child);
-        removeTemporary();
+        void removeTemporary().then(() => resolveExit(code ?? 128 + signalNumber));
       });
     });
   }

@@ -117,7 +117,7 @@ test("a push in each application state reaches the far side as the phone deliver
     { app: "background", tap: undefined, callbacks: [], events: [], listed: true },
     {
       app: "notRunning",
-      tap: "track",
+      tap: true,
       callbacks: ["didFinishLaunching", "didReceiveResponse"],
       events: ["APNSService.OnNotificationOpened"],
       listed: false,
@@ -141,7 +141,7 @@ test("a push in each application state reaches the far side as the phone deliver
       );
       if (expected.app === "notRunning") {
         const [, opened] = events[0] as [string, { actionIdentifier: string; notification: ApnsNotification }];
-        assert.equal(opened.actionIdentifier, "track");
+        assert.equal(opened.actionIdentifier, "com.apple.UNNotificationDefaultActionIdentifier");
         const { notification } = await host.apnsService.getColdStartNotification();
         assert.deepEqual(userInfo(notification), shipped);
       }

@@ -2,6 +2,7 @@
 // script: host.providerApi says where to connect, what to trust and which device to address.
 import assert from "node:assert/strict";
 import { generateKeyPairSync, sign } from "node:crypto";
+import { existsSync } from "node:fs";
 import { connect } from "node:http2";
 import { test } from "node:test";
 
@@ -29,20 +30,26 @@ function send(url: string, ca: string, path: string, headers: Record<string, str
   });
 }
 
-test("the provider API's address, certificate and device token take a push to the listeners", async () => {
-  const host = await startHost({ providerApi: true });
-  const api = host.providerApi;
-  assert.ok(api !== undefined);
-  assert.match(api.url, /^https:\/\/127\.0\.0\.1:\d+$/);
-  assert.equal(api.url, `https://127.0.0.1:${api.port}`);
-  assert.match(api.certificate ?? "", /^-----BEGIN CERTIFICATE-----/);
-  assert.match(api.deviceToken, /^[0-9a-f]{64}$/);
-  assert.equal(api.topic, "com.nimborra.sample");
+test("the provider API's address, certificate and device token take a push to the listeners", async (t) => {
+  for (const tls of [true, false]) {
+    await t.test(tls ? "TLS" : "cleartext", async () => {
+      const host = await startHost({ providerApi: { tls } });
+      const api = host.providerApi;
+      assert.ok(api !== undefined);
+      assert.equal(api.url, `${tls ? "https" : "http"}://127.0.0.1:${api.port}`);
+      assert.notEqual(api.port, 0);
+      assert.match(api.certificate ?? "none", tls ? /^-----BEGIN CERTIFICATE-----/ : /^none$/);
+      assert.match(api.deviceToken, /^[0-9a-f]{64}$/);
+      assert.equal(api.topic, "com.nimborra.sample");
 
-  const presented = host.once("APNSService.OnNotificationPresented");
-  const headers = { authorization: `bearer ${providerToken()}`, "apns-topic": api.topic, "apns-push-type": "alert" };
-  const status = await send(api.url, api.certificate ?? "", `/3/device/${api.deviceToken}`, headers, '{"aps":{"alert":"from the server"}}');
-  assert.equal(status, 200);
-  assert.equal((await presented).body, "from the server");
-  assert.equal(await host.close(), 0);
+      const presented = host.once("APNSService.OnNotificationPresented");
+      const headers = { authorization: `bearer ${providerToken()}`, "apns-topic": api.topic, "apns-push-type": "alert" };
+      const body = '{"aps":{"alert":"from the server"}}';
+      assert.equal(await send(api.url, api.certificate ?? "", `/3/device/${api.deviceToken}`, headers, body), 200);
+      assert.equal((await presented).body, "from the server");
+      assert.equal(await host.close(), 0);
+      // The generated certificate's folder goes with the host.
+      assert.equal(api.certificatePath !== undefined && existsSync(api.certificatePath), false);
+    });
+  }
 });
