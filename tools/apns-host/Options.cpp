@@ -11,19 +11,31 @@ namespace {
 
 constexpr std::string_view kHelp = R"(Usage: apns-host [OPTIONS]
 
-Plays an application that loads the "ApnsService" push-notification plug-in, the simulated
-system underneath it and the far side of the bridge. Commands are read as JSON Lines, one
-JSON object per line, from standard input (or --script FILE); everything the host reports
-is written to standard output as JSON Lines, one object per line, flushed per line. Blank
-lines and lines whose first non-blank character is "#" are skipped. A line longer than
+Plays a phone: an application that loads the "ApnsService" push-notification plug-in, the
+simulated system underneath it, and the far side of the bridge. Commands are read as JSON
+Lines, one JSON object per line, from standard input (or --script FILE); everything the host
+reports is written to standard output as JSON Lines, one object per line, flushed per line.
+Blank lines and lines whose first non-blank character is "#" are skipped. A line longer than
 1048576 bytes is refused unread. At most 1024 calls (holding at most 4 MiB of payload) wait
 for their reply at a time; reading pauses until earlier calls are answered, so the host's
 memory stays bounded however long the input and however slowly the output is read.
 
+Ids belong to the far side. Any command may carry "id": a string or an integer. A command
+with an id is answered by exactly one line carrying that id, written after every line the
+command caused: a call by its reply, an inspection by its answer (with "id" added), a refused
+line by its error (with "id" added), any other command by {"id":ID,"done":NAME}. An id still
+waiting for its answer is refused (that refusal carries no id). The application's own calls
+(the registration at launch, the delegate's callbacks for a push) never take an id: their
+replies are {"app":METHOD,"reply":REPLY}. `apns-host --describe` writes the protocol's methods,
+records, enumerations, events, commands and output lines as one JSON document.
+
 Options:
   --script FILE      read the commands from FILE instead of standard input
-  --bundle DIR       look the provisioning profile (embedded.mobileprovision) up in DIR;
-                     default: the directory of the executable (for --demo: examples/bundle)
+  --bundle DIR       the application bundle: its provisioning profile
+                     (embedded.mobileprovision) is read once, for the application's bundle
+                     identifier and APNs environment; default: the directory of the
+                     executable (for --demo: examples/bundle). A DIR that does not exist or
+                     cannot be read ends the host with status 2
   --log-level LEVEL  write log lines of LEVEL and above to standard error: debug, info,
                      error or off (default: info); each line reads
                      "LEVEL [SUBSYSTEM:CATEGORY] MESSAGE", the message unchanged
@@ -35,6 +47,9 @@ Options:
                      that calls every method once, with the commands echoed (--echo)
   --status N         the simulated authorization status at start (see "authorizationStatus"
                      below; default 0, not determined)
+  --present OPTIONS  the presentation options the application's delegate hands the system
+                     for a foreground notification: a comma list of badge, sound, list and
+                     banner, or none; default: the plug-in's own answer (none)
   --push FILE        deliver the push payload in FILE (a .apns file: one JSON object, the
                      payload, optionally with a "Simulator Target Bundle" member) instead of
                      reading commands; repeatable, delivered in order. Standard input is not
@@ -42,10 +57,12 @@ Options:
                      be read or breaks a payload rule ends the host with status 2, the file's
                      name and the reason on standard error
   --app STATE        the application's state for the --push files after it: foreground
-                     (default), background or notRunning
+                     (default), background or notRunning; with no --push file after it, the
+                     application's state at start
   --tap [ACTION]     the user taps the notifications of the --push files after it: the
                      default action, or ACTION (--tap=ACTION, or the next argument unless it
                      starts with "-"); --no-tap ends it
+  --describe         write the description of the protocol (one JSON document) and exit
   -h, --help         print this text and exit
 
 Provider API (a push server's requests reach the application; see "Provider API" below):
@@ -71,77 +88,83 @@ Provider API (a push server's requests reach the application; see "Provider API"
   --client-ca FILE   authenticate connections by client certificates issued by this CA
                      (PEM) instead of tokens; a certificate's subject UID is its topic
   --device-token HEX the device's token, 64 hexadecimal digits (default: 32 random bytes)
-  --app STATE        also: the application's state when a notification arrives, until
-                     {"platform":{"app":STATE}} changes it
   --print-provider-token
                      print a provider token signed now with --auth-key, --key-id and
                      --team-id, and exit: the token for curl's "authorization: bearer" header
 
-Commands:
-  {"call": M, "payload": P, "id": N}
+Commands (each may also carry "id"; see above):
+  {"call": M, "payload": P}
       Calls method M asynchronously and goes on at once. The payload text is P itself when
       P is a JSON string, the compact JSON of P otherwise, and {} when "payload" is absent.
-      "id" (optional, an integer) defaults to the count of accepted call and callSync
-      commands so far, starting at 1. When the reply arrives: {"id":N,"reply":REPLY}.
-  {"callSync": M, "payload": P, "id": N}
-      The synchronous call, same payload and id rules; writes {"id":N,"reply":REPLY} at once.
+      Without "id", the id is the count of the far side's call and callSync commands so
+      far, starting at 1. When the reply arrives: {"id":ID,"reply":REPLY}.
+  {"callSync": M, "payload": P}
+      The synchronous call, same payload and id rules; writes {"id":ID,"reply":REPLY} at
+      once.
   {"cancel": N}
-      Cancels the bridge call with callback identifier N. Writes nothing.
+      Cancels the bridge call with callback identifier N.
   {"launch": O}
       Waits until every earlier call has been answered, then hands the object O to the
-      application's launch hook as the launch notification's payload. Inside O (not O
+      application's launch code as the launch notification's payload. Inside O (not O
       itself, which is always the payload), {"$data": BASE64} stands for byte data and
-      {"$date": SECONDS} for a date (seconds since 1970). Writes nothing.
+      {"$date": SECONDS} for a date (seconds since 1970).
   {"platform": S}
-      Waits until every earlier call has been answered, then changes the simulated system
-      for later calls. S may hold:
+      Waits until every earlier call has been answered, then changes the phone for later
+      commands. S may hold:
         "authorization": {"granted": BOOL} or {"error": {"domain": TEXT, "code": INT}}
         "authorizationStatus": INT      (raw platform status: 0 not determined, 1 denied,
                                          2 authorized, 3 provisional, 4 ephemeral, or any)
         "badgeError": null or {"domain": TEXT, "code": INT}
-        "bundle": DIR                   (where the provisioning profile is looked up)
-        "app": STATE                    (--provider-api: the application's state)
+        "bundle": DIR                   (the application bundle, as --bundle)
+        "app": STATE                    (the application's state: foreground, background
+                                         or notRunning)
+        "present": [OPTION...] or null  (as --present; null: the plug-in's answer)
         "deviceOnline": BOOL            (--provider-api: false takes the device offline)
         "deviceRegistered": BOOL        (--provider-api: false removes the application;
                                          true installs it again: it registers at launch,
                                          gets a new token, and the far side sees
                                          "APNSService.OnTokenRefreshed")
-      Writes nothing. At start the system grants authorization, reports status 0 (or
-      --status) and has no badge error. It remembers the answer to "RequestAuthorization":
-      a grant makes the status 2 (authorized), or 3 (provisional) when the provisional
-      option was asked for; a refusal makes it 1 (denied); an error leaves it unchanged.
-  {"push": PAYLOAD, "app": STATE, "tap": ACTION}
+      At start the system grants authorization, reports status 0 (or --status) and has no
+      badge error. It remembers the answer to "RequestAuthorization": a grant makes the
+      status 2 (authorized), or 3 (provisional) when the provisional option was asked for;
+      a refusal makes it 1 (denied); an error leaves it unchanged.
+  {"push": PAYLOAD, "app": STATE, "tap": ACTION, "apnsId": UUID, "collapseId": ID}
       Waits until every earlier call has been answered, then delivers the remote
-      notification PAYLOAD (a JSON object) the way the system does (see "Push rules"): it
-      writes a "system" line, then runs the application callbacks the system makes, each
-      call answered before the next. STATE is "foreground" (default), "background" or
-      "notRunning". ACTION is absent when the user leaves the notification alone, true for
-      a plain tap (the action "com.apple.UNNotificationDefaultActionIdentifier"), or a
-      custom action identifier. The calls the callbacks make are numbered like "call"
-      commands. A "Simulator Target Bundle" member is taken out of PAYLOAD and must name
-      this application.
+      notification PAYLOAD (a JSON object) the way the system does (see "Push rules"): the
+      callbacks the system makes, then a "system" line. STATE is the application's state for
+      this push (default: the phone's). ACTION is absent when the user leaves the
+      notification alone, true for a plain tap (the action
+      "com.apple.UNNotificationDefaultActionIdentifier"), or a custom action identifier.
+      "apnsId" and "collapseId" are the provider API's apns-id (a UUID, any case; default
+      00000000-0000-4000-8000-00000000000N for the N-th push without one) and
+      apns-collapse-id (1 to 64 bytes: replaces the listed notification with the same one).
+      A "Simulator Target Bundle" member is taken out of PAYLOAD and must name this
+      application.
   {"tap": ID, "action": ACTION}
-      (--provider-api) The user taps a notification the system shows: ID is its apns-id
-      or "latest"; ACTION defaults to the plain tap. The tap runs for the application's
-      state at that moment: a "system" line, then the callbacks (didFinishLaunching when
-      not running, didReceiveResponse). The notification leaves the notification centre.
+      The user taps a notification the system shows (listed, or on the banner): ID is its
+      apns-id (any case) or "latest"; ACTION defaults to the plain tap. The tap runs for
+      the application's state at that moment: the callbacks (didFinishLaunching when not
+      running, didReceiveResponse), then a "system" line. The notification leaves the
+      screen and the notification centre. Refused when there is no such notification.
   {"inspect": "notificationCenter"}
-      (--provider-api) Writes {"notificationCenter":[{"apnsId":ID,"collapseId":ID|null,
-      "payload":P}...]}: the notifications the system shows, oldest first (at most 64; the
-      oldest is dropped first).
+      Writes {"notificationCenter":[{"apnsId":ID,"collapseId":ID|null,"payload":P}...]}:
+      the notifications the system lists, oldest first (at most 64; the oldest is dropped
+      first).
   {"inspect": "platform"}
       Waits until every earlier call has been answered, then writes
       {"platform":{"authorizationOptions":MASK|null,"badgeCount":INT|null,
-      "registrations":INT}}: the last option mask and badge count that reached the
-      notification center, and how many remote-notification registrations ran on the main
-      thread.
+      "registrations":INT,"authorizationStatus":INT,"app":STATE,"present":[...]|null}}: the
+      last option mask and badge count that reached the notification center, how many
+      remote-notification registrations ran on the main thread, the authorization status,
+      the application's state and the presentation options chosen (null: the plug-in's).
 
-Push rules (what the simulated system does with a push):
+Push rules (what the simulated system does with a push, from any road):
   - The payload must be a JSON object whose "aps", when present, is an object, and its
     compact JSON ("/" not escaped) at most 4096 bytes; otherwise nothing is delivered and
     the line is refused. A "Simulator Target Bundle" must equal the application's bundle
     identifier: the profile's "application-identifier" without its team prefix (any target
-    is accepted when the bundle has no profile).
+    is accepted when the bundle has no profile). The provider API's pushes are delivered as
+    it accepted them.
   - Content from "aps": "alert" as text is the body; as an object its "title", "subtitle",
     "body" and "launch-image"; a "title-loc-key", "subtitle-loc-key" or "loc-key" is used
     as the format of its text, as when the application has no translation for it: "%@"
@@ -150,19 +173,22 @@ Push rules (what the simulated system does with a push):
     an object's "name") the sound; "category", "thread-id", "target-content-id" their
     fields; "interruption-level" passive, active, time-sensitive or critical (absent or
     unknown: active); "relevance-score" (absent: 0). The user info is the whole payload.
+    (The add-on's mapper leaves the sound out of the events' records.)
   - A payload is visible when "aps" has "alert", "badge" or "sound"; any other is silent:
     never shown, and nothing reaches the plug-in (waking the app for a background fetch is
     outside this add-on).
   - A visible notification is shown only while the authorization status is 2, 3 or 4
-    (authorized, provisional, ephemeral); then the system also sets the badge count to its
-    "badge". Otherwise nothing is shown and nothing reaches the plug-in.
+    (authorized, provisional, ephemeral). Otherwise nothing is shown and nothing reaches
+    the plug-in.
   - Foreground: the delegate's willPresent maps the content and calls
-    "NotifyWillPresentNotification"; its reply's presentation options decide the banner,
-    and the add-on answers none, so nothing appears on screen. A tap then runs
-    didReceiveResponse: "NotifyDidReceiveResponse" with the action identifier.
-  - Background: the notification waits in the notification centre; only a tap reaches
+    "NotifyWillPresentNotification"; the options it then hands the system (--present, or
+    the plug-in's answer: none) decide: "badge" sets the badge count, "list" adds the
+    notification to the notification centre, "banner" shows it; with "list" or "banner"
+    it can be tapped: a tap runs didReceiveResponse ("NotifyDidReceiveResponse" with the
+    action identifier). With none of them nothing is shown and there is nothing to tap.
+  - Background: the notification is listed and sets the badge count; only a tap reaches
     the plug-in, through didReceiveResponse.
-  - Not running: only a tap reaches the plug-in: the application launches
+  - Not running: the same, and a tap first launches the application
     (didFinishLaunching: the launch code hands the payload to the cold-start buffer, as
     "launch" does), then didReceiveResponse runs.
 
@@ -183,26 +209,33 @@ Provider API:
     400 DeviceTokenNotForTopic, 410 Unregistered
   (the README has the whole table). An accepted request is answered 200 once the device
   has taken it: online, it goes down the push road ("alert" and "background" pushes; other
-  push types are accepted as "not handled by this add-on"); offline, only the newest
-  notification with an apns-expiration still to come is kept, and delivered when the
-  device comes back online. A notification with an apns-collapse-id replaces the shown one
-  with the same identifier.
+  push types are accepted as "not handled by this add-on"), its calls pipelined with the
+  next request's; offline, only the newest notification with an apns-expiration still to
+  come is kept, and delivered when the device comes back online.
 
 Output:
-  {"id":N,"reply":REPLY}          a call's reply text, as the plug-in gave it
+  {"id":ID,"reply":REPLY}         a far-side call's reply text, as the plug-in gave it
+  {"app":METHOD,"reply":REPLY}    the reply to one of the application's own calls
   {"event":NAME,"payload":P}      a bridge event, written when it is emitted, so an event
                                   emitted by a call comes before that call's reply
   {"error":TEXT,"line":N}         input line N (counting from 1) was refused: too long,
                                   not a JSON object, not a command, or a field of the wrong
-                                  type; the session goes on with the next line
+                                  type; the session goes on with the next line ("id" added
+                                  when the line carried a valid one)
+  {"id":ID,"done":NAME}           a command with an id ("push", "platform", "launch", "tap",
+                                  "cancel") has finished
   {"platform":{...}}              the answer to {"inspect": "platform"}
-  {"system":{...}}                what the simulated system did with a push, before the
-                                  calls it causes: "app" (the state), "visible" (false:
-                                  silent), "shown", "reason" (why nothing reached the
-                                  application: "silent", "not authorized", "not tapped",
-                                  "not running"; null when a callback ran), "badge" (the
-                                  badge count the system set, or null), "tap" (the action
-                                  the user took, or null), "callbacks" (in order, from
+  {"notificationCenter":[...]}    the answer to {"inspect": "notificationCenter"}
+  {"system":{...}}                what the system did with a push or a tap, after the
+                                  lines of the callbacks it caused: "apnsId", "app" (the
+                                  state), "visible" (false: silent), "shown" (on screen or
+                                  listed), "listed" (in the notification centre now),
+                                  "presentation" (foreground: the options handed to the
+                                  system; else null), "reason" (why nothing more happened:
+                                  "silent", "not authorized", "not presented", "not
+                                  tapped", "not running"; else null), "badge" (the badge
+                                  count the system set, or null), "tap" (the action the
+                                  user took, or null), "callbacks" (in order, from
                                   "didFinishLaunching", "willPresent", "didReceiveResponse")
   {"providerApi":{...}}           (--provider-api) where it listens: "listening",
                                   "port" (the actual one), "tls", "fingerprint" (SHA-256
@@ -214,8 +247,6 @@ Output:
                                   "pushType", "priority" (null when unreadable), "outcome":
                                   "delivered", "replaced", "kept while offline",
                                   "discarded", "not handled by this add-on" or "refused"
-  {"error":TEXT,"apnsId":ID}      the system refused an accepted payload ("aps" not an
-                                  object)
   {"command":C} {"comment":T}     echoed input (--echo, --demo); a line that is not JSON is
                                   echoed as a string, bytes that are not UTF-8 replaced
                                   by U+FFFD
@@ -223,10 +254,10 @@ Output:
 Exit status (once every call has been answered at the end of the input):
   0  every line was accepted
   1  a line was refused
-  2  the script, standard input or a --push file cannot be read (or a file is refused),
-     standard output cannot be written, an option is wrong, or the provider API cannot
-     start (port taken, certificate or key unreadable); one line on standard error says
-     why
+  2  the script, standard input, the bundle or a --push file cannot be read (or a file is
+     refused), standard output cannot be written, an option is wrong, or the provider API
+     cannot start (port taken, certificate or key unreadable); one line on standard error
+     says why
   With --provider-api, the host exits once SIGINT or SIGTERM has ended the session: 0, or 2
   as above; refused lines were answered on standard output and do not count.
 )";
