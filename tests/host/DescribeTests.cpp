@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <filesystem>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -15,10 +16,12 @@
 #include "NimbOrraPlatform/JSONSerialization.h"
 #include "NimbOrraPushAddonApns/ApnsBridgeEventEmitter.h"
 #include "NimbOrraPushAddonApns/ApnsServiceMethods.h"
+#include "support/TestSupport.h"
 
 namespace nimborra::testing {
 namespace {
 
+namespace fs = std::filesystem;
 using platform::Dictionary;
 using platform::Value;
 
@@ -147,6 +150,50 @@ TEST(Describe, NamesEveryMethodRecordFieldEnumerationCaseAndEvent) {
         event(2, apns::apnsNotificationOpenedEventName));
     // Every enumeration is described, also one that no record uses.
     EXPECT_EQ(description["enumerations"].dictionary()->size(), 5u);
+}
+
+// The README's far-side reference lists what the description lists: each method's row, in
+// dispatch order, naming its request's and response's fields, and each enumeration's cases with
+// their numbers.
+TEST(Describe, TheReadmeReferenceAgreesWithTheDescription) {
+    const std::string readme = readFile(fs::path(NIMBORRA_SOURCE_DIR) / "README.md");
+    const auto start = readme.find("## Far-side reference");
+    ASSERT_NE(start, std::string::npos);
+    const std::string reference = readme.substr(start, readme.find("\n## ", start + 1) - start);
+    const auto document =
+        platform::JSONSerialization::jsonObject(runHost("", {"--describe"}).lines.at(0));
+    ASSERT_TRUE(document);
+    const Dictionary& root = *document->dictionary();
+    const Dictionary& records = *root.find("records")->dictionary();
+
+    std::size_t previous = 0;
+    for (const Value& method : *root.find("methods")->array()) {
+        const Dictionary& entry = *method.dictionary();
+        const std::string& name = *entry.find("name")->text();
+        const auto row = reference.find("| `" + name + "` |");
+        ASSERT_NE(row, std::string::npos) << name;
+        EXPECT_GT(row, previous) << name << " is out of dispatch order";
+        previous = row;
+        const std::string line = reference.substr(row, reference.find('\n', row) - row);
+        for (const char* side : {"request", "response"}) {
+            const Dictionary& record = *records.find(*entry.find(side)->text())->dictionary();
+            for (const Value& field : *record.find("fields")->array()) {
+                const std::string& fieldName = *field.dictionary()->find("name")->text();
+                EXPECT_NE(line.find("`" + fieldName + "`"), std::string::npos)
+                    << name << " lacks " << fieldName;
+            }
+        }
+    }
+    for (const auto& [name, enumeration] : *root.find("enumerations")->dictionary()) {
+        std::string row = "| `" + *name.text() + "` | ";
+        bool first = true;
+        for (const Value& entry : *enumeration.dictionary()->find("cases")->array()) {
+            row += (first ? "`" : ", `") + *entry.dictionary()->find("name")->text() + "` " +
+                   std::to_string(*entry.dictionary()->find("value")->integer());
+            first = false;
+        }
+        EXPECT_NE(reference.find(row + " |"), std::string::npos) << row;
+    }
 }
 
 }  // namespace
