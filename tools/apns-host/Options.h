@@ -39,6 +39,8 @@ struct ProviderApiOptions {
     std::optional<std::string> teamId;
     // 32 bytes; nothing for random ones.
     std::optional<std::vector<std::uint8_t>> deviceToken;
+    // More ports served on the same host, by the same service (the COMMAND's 2197).
+    std::vector<std::uint16_t> additionalPorts;
     // The application's state when a notification arrives, until a command changes it.
     platform::ApplicationState app = platform::ApplicationState::foreground;
 };
@@ -64,6 +66,13 @@ struct HostOptions {
     std::optional<ProviderApiOptions> providerApi;
     // Print a provider token made from --auth-key, --key-id and --team-id, and exit.
     bool printProviderToken = false;
+
+    // --output FILE: the host's lines go to FILE instead of standard output.
+    std::optional<std::filesystem::path> output;
+    // The COMMAND after "--" and its arguments: run in a private network where APNs's host
+    // names reach the provider API (implied on ports 443 and 2197); the host exits with its
+    // status.
+    std::optional<std::vector<std::string>> command;
 };
 
 // Asked for the help text.
