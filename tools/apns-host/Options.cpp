@@ -98,13 +98,13 @@ Running a push server (-- COMMAND):
       https://api.sandbox.push.apple.com/3/device/$APNS_HOST_DEVICE_TOKEN ...'
   COMMAND starts once the application has registered for remote notifications, with the
   host's environment (plus the variables above), standard output and standard error, in the
-  host's process group; its standard input is /dev/null, or the host's standard input when
-  the session reads --script FILE. The session reads its commands as without COMMAND. Use
-  --output FILE to keep the host's lines apart from COMMAND's output. SIGINT and SIGTERM sent
-  to the host are passed on to COMMAND (a terminal's Ctrl-C reaches both at once); COMMAND
-  still running 10 s later is killed. When COMMAND ends, the host stops as on SIGTERM and
-  exits with COMMAND's status (see "Exit status"). The generated files live in a private
-  temporary directory, removed at exit.
+  host's process group. The host's session reads its commands as it does without COMMAND,
+  from standard input or --script FILE; COMMAND's standard input is /dev/null, or the host's
+  standard input with --script. Use --output FILE to keep the host's lines apart from
+  COMMAND's output. SIGINT and SIGTERM sent to the host are passed on to COMMAND (a
+  terminal's Ctrl-C reaches both at once); COMMAND still running 10 s later is killed. When
+  COMMAND ends, the host stops as on SIGTERM and exits with COMMAND's status (see "Exit
+  status"). The generated files live in a private temporary directory, removed at exit.
 
 Commands:
   {"call": M, "payload": P, "id": N}
