@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstddef>
 #include <utility>
 
 namespace nimborra::host {
@@ -10,6 +11,7 @@ namespace nimborra::host {
 namespace {
 
 constexpr std::string_view kHelp = R"(Usage: apns-host [OPTIONS]
+       apns-host [OPTIONS] -- COMMAND [ARGS...]
 
 Plays a phone: an application that loads the "ApnsService" push-notification plug-in, the
 simulated system underneath it, and the far side of the bridge. Commands are read as JSON
@@ -63,6 +65,8 @@ Options:
                      default action, or ACTION (--tap=ACTION, or the next argument unless it
                      starts with "-"); --no-tap ends it
   --describe         write the description of the protocol (one JSON document) and exit
+  --output FILE      write the host's lines to FILE instead of standard output (log lines
+                     still go to standard error)
   -h, --help         print this text and exit
 
 Provider API (a push server's requests reach the application; see "Provider API" below):
@@ -91,6 +95,32 @@ Provider API (a push server's requests reach the application; see "Provider API"
   --print-provider-token
                      print a provider token signed now with --auth-key, --key-id and
                      --team-id, and exit: the token for curl's "authorization: bearer" header
+
+Running a push server (-- COMMAND):
+  Everything after "--" is COMMAND, run as a child in a private network made for it (user,
+  network and mount namespaces: no root needed), which the host's provider API serves as
+  APNs would: "--" implies --provider-api on ports 443 and 2197 (the ports APNs serves;
+  the start line names 443) unless --provider-api is given. Inside:
+    - the only network is loopback; api.push.apple.com, api.sandbox.push.apple.com and
+      api.development.push.apple.com resolve to the host (a generated /etc/hosts, the
+      system's lines kept);
+    - the host's certificate is trusted: the system's CA bundles (such as
+      /etc/ssl/certs/ca-certificates.crt) read as themselves plus the certificate, and
+      COMMAND's environment has SSL_CERT_FILE and REQUESTS_CA_BUNDLE (that bundle) and
+      NODE_EXTRA_CA_CERTS (the certificate alone);
+    - APNS_HOST_DEVICE_TOKEN holds the device's token in lower-case hex.
+  So an APNs client reaches the host with its default address and no change, e.g.
+    apns-host --bundle examples/bundle -- sh -c 'curl --http2 \
+      https://api.sandbox.push.apple.com/3/device/$APNS_HOST_DEVICE_TOKEN ...'
+  COMMAND starts once the application has registered for remote notifications, with the
+  host's environment (plus the variables above), standard output and standard error, in the
+  host's process group. The host's session reads its commands as it does without COMMAND,
+  from standard input or --script FILE; COMMAND's standard input is /dev/null, or the host's
+  standard input with --script. Use --output FILE to keep the host's lines apart from
+  COMMAND's output. SIGINT and SIGTERM sent to the host are passed on to COMMAND (a
+  terminal's Ctrl-C reaches both at once); COMMAND still running 10 s later is killed. When
+  COMMAND ends, the host stops as on SIGTERM and exits with COMMAND's status (see "Exit
+  status"). The generated files live in a private temporary directory, removed at exit.
 
 Commands (each may also carry "id"; see above):
   {"call": M, "payload": P}
@@ -260,6 +290,12 @@ Exit status (once every call has been answered at the end of the input):
      says why
   With --provider-api, the host exits once SIGINT or SIGTERM has ended the session: 0, or 2
   as above; refused lines were answered on standard output and do not count.
+  With COMMAND, the host exits with COMMAND's exit status once COMMAND has ended: 128+N when
+  signal N ended it, 127 when it cannot be found, 126 when it cannot be run; 2 when the host
+  itself fails (as above, COMMAND then gets SIGTERM), and 2 with one line on standard error
+  saying why and what to do when the private namespaces cannot be made (for example
+  kernel.unprivileged_userns_clone=0, user.max_user_namespaces=0, or a container's seccomp
+  policy).
 )";
 
 // The options that take a value.
@@ -271,6 +307,7 @@ enum class ValueOption {
     app,
     status,
     present,
+    output,
     providerApi,
     tlsCert,
     tlsKey,
@@ -303,6 +340,9 @@ std::optional<ValueOption> valueOption(std::string_view name) {
     }
     if (name == "--present") {
         return ValueOption::present;
+    }
+    if (name == "--output") {
+        return ValueOption::output;
     }
     static constexpr std::array<std::pair<std::string_view, ValueOption>, 9> kProviderOptions{{
         {"--provider-api", ValueOption::providerApi},
@@ -449,6 +489,15 @@ ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
         if (argument == "-h" || argument == "--help") {
             return HelpRequest{};
         }
+        if (argument == "--") {
+            // Everything after it is the COMMAND, taken as given.
+            if (index + 1 == arguments.size()) {
+                return OptionError{"'--' needs a COMMAND after it"};
+            }
+            options.command.emplace(arguments.begin() + static_cast<std::ptrdiff_t>(index) + 1,
+                                    arguments.end());
+            break;
+        }
         if (argument == "--tap" || argument.starts_with("--tap=")) {
             // The action is optional: "--tap" alone is a plain tap; "--tap ACTION" names one
             // unless the next argument is an option.
@@ -575,6 +624,9 @@ ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
                 options.present = std::move(names);
                 break;
             }
+            case ValueOption::output:
+                options.output = std::filesystem::path(value);
+                break;
             case ValueOption::providerApi:
                 if (!readListenAddress(value, provider)) {
                     return OptionError{
@@ -619,6 +671,15 @@ ParsedOptions parseOptions(std::span<const std::string_view> arguments) {
         if (*option >= ValueOption::tlsCert) {
             firstProviderOption = firstProviderOption.value_or(name);
         }
+    }
+    if (options.command && options.printProviderToken) {
+        return OptionError{"--print-provider-token prints a token and exits: it takes no COMMAND"};
+    }
+    if (options.command && !providerApi) {
+        // COMMAND reaches the provider API where APNs serves: ports 443 and 2197.
+        providerApi = true;
+        provider.port = 443;
+        provider.additionalPorts = {2197};
     }
     if (auto problem = checkProviderOptions(options, providerApi, provider, firstProviderOption)) {
         return OptionError{std::move(*problem)};
