@@ -74,19 +74,24 @@ std::string lowerCaseHex(const std::vector<std::uint8_t>& bytes) {
     return text;
 }
 
-// Schedules the platform registration on the main queue and returns at once.
+// Schedules the platform registration on the main queue and returns at once. Should the main
+// queue not take it (memory ran out), the registration is not made and an error is logged: it
+// belongs on the main thread, so it is not made here instead.
 void registerOnMainQueue() {
     try {
-        platform::DispatchQueue::main().async([] {
+        const bool scheduled = platform::DispatchQueue::main().async([] {
             if (!platform::isMainThread()) {
                 platform::reportMainActorIsolationViolation(kRegistrationSourceFile,
                                                             kRegistrationSourceLine);
             }
             platform::UIApplication::sharedApplication().registerForRemoteNotifications();
         });
+        if (scheduled) {
+            return;
+        }
     } catch (...) {
-        apnsLogger().error("registerForRemoteNotifications: could not reach the main queue");
     }
+    apnsLogger().error("registerForRemoteNotifications: could not reach the main queue");
 }
 
 }  // namespace

@@ -236,54 +236,37 @@ void encodeValue(EncodingContext& context, const T& value) {
 
 // ---- Decoding ---------------------------------------------------------------------------------
 
-// Decoding reads from either of two sources with the same rules and the same failures: a Value
-// tree (decodeFromValue) or, without building a tree, the views of a parsed JSON document
-// (decode from text).
-template <class S>
-concept DecodingSource = std::same_as<S, platform::Value> || std::same_as<S, platform::JSONElement>;
-
-// The reading state of one decoding: the coding path and the first failure.
+// Records are read straight from the views of a parsed JSON document (platform::JSONElement),
+// without building a Value tree. The reading state of one decoding: the coding path and the
+// first failure.
 class NIMBORRA_CORE_EXPORT DecodingContext : public CodingState {
   public:
     // Each reads `value` into `out`, or records the failure and returns false.
-    bool read(const platform::Value& value, bool& out);
-    bool read(const platform::Value& value, std::int32_t& out);
-    bool read(const platform::Value& value, std::int64_t& out);
-    bool read(const platform::Value& value, double& out);
-    bool read(const platform::Value& value, std::string& out);
-    bool read(const platform::Value& value, platform::Data& out);
     bool read(const platform::JSONElement& value, bool& out);
     bool read(const platform::JSONElement& value, std::int32_t& out);
     bool read(const platform::JSONElement& value, std::int64_t& out);
     bool read(const platform::JSONElement& value, double& out);
     bool read(const platform::JSONElement& value, std::string& out);
     bool read(const platform::JSONElement& value, platform::Data& out);
-    // Checks that `value` is an object; reports null and other types as failures.
-    const platform::Dictionary* readObject(const platform::Value& value);
+    // Checks that `value` is an object (an array); reports null and other types as failures.
     std::optional<platform::JSONElement> readObject(const platform::JSONElement& value);
-    const platform::Array* readArray(const platform::Value& value);
     std::optional<platform::JSONElement> readArray(const platform::JSONElement& value);
     // Looks up a required member; reports an absent key.
-    const platform::Value* requireMember(const platform::Dictionary& object, std::string_view key);
     std::optional<platform::JSONElement> requireMember(const platform::JSONElement& object,
                                                        std::string_view key);
 
   private:
-    template <class Source>
-    void mismatch(std::string_view expected, const Source& found);
-    template <class Source>
-    bool readBoolean(const Source& value, bool& out);
-    template <class Source>
-    bool readDouble(const Source& value, double& out);
-    template <class Source>
-    bool readData(const Source& value, platform::Data& out);
+    // Records a typeMismatch (valueNotFound for null) for a value that is not `expected`.
+    void mismatch(std::string_view expected, const platform::JSONElement& found);
+    template <class Int>
+    bool readInteger(const platform::JSONElement& value, Int& out, std::string_view typeName);
 };
 
-template <class T, DecodingSource Source>
-bool decodeValue(DecodingContext& context, const Source& value, T& out);
+template <class T>
+bool decodeValue(DecodingContext& context, const platform::JSONElement& value, T& out);
 
-template <CodableRecord R, DecodingSource Source>
-bool decodeRecord(DecodingContext& context, const Source& value, R& record) {
+template <CodableRecord R>
+bool decodeRecord(DecodingContext& context, const platform::JSONElement& value, R& record) {
     constexpr std::size_t fieldCount = std::tuple_size_v<decltype(R::codingFields())>;
     if constexpr (fieldCount == 0) {
         // A record without fields does not look at the value at all.
@@ -316,8 +299,8 @@ bool decodeRecord(DecodingContext& context, const Source& value, R& record) {
     }
 }
 
-template <class T, DecodingSource Source>
-bool decodeValue(DecodingContext& context, const Source& value, T& out) {
+template <class T>
+bool decodeValue(DecodingContext& context, const platform::JSONElement& value, T& out) {
     if constexpr (WireEnum<T>) {
         std::int64_t raw = 0;
         if (!context.read(value, raw)) {

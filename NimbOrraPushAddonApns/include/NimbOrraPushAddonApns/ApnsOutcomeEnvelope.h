@@ -33,15 +33,15 @@ struct NIMBORRA_APNS_EXPORT ApnsOutcomeEnvelope {
         "Unknown outcome rawJson was not valid JSON";
 
     // {"error":{"code":code,"message":message}}.
-    static std::string errorReply(std::string_view code, std::string_view message);
+    [[nodiscard]] static std::string errorReply(std::string_view code, std::string_view message);
     // {"error":problem.toJSONObject()}.
-    static std::string failureReply(const core::NimbError& problem);
+    [[nodiscard]] static std::string failureReply(const core::NimbError& problem);
     // {"outcome":{"code":...,"data":...}}, or the "INTERNAL" error reply when rawJson is not JSON
     // (a top-level fragment such as 42 or null is accepted).
-    static std::string unknownReply(const ApnsServiceUnknownOutcome& outcome);
+    [[nodiscard]] static std::string unknownReply(const ApnsServiceUnknownOutcome& outcome);
     // {"success":...}: joined as text, so the encoder's member order is kept. "{}" stands in for
     // an encoding that is not UTF-8.
-    static std::string successReply(std::string encodedResponse);
+    [[nodiscard]] static std::string successReply(std::string encodedResponse);
 
     // The reply for any operation result. Only the encoding of a `success` response can fail;
     // that failure is returned for the caller to answer.
@@ -61,7 +61,7 @@ struct NIMBORRA_APNS_EXPORT ApnsOutcomeEnvelope {
     }
 
     // Serialises a reply tree with the platform serialiser and applies both fall-backs.
-    static std::string serialise(const platform::Value& tree);
+    [[nodiscard]] static std::string serialise(const platform::Value& tree);
 };
 
 }  // namespace nimborra::apns

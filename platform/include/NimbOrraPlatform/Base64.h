@@ -14,11 +14,12 @@
 namespace nimborra::platform {
 
 // Standard, padded base64 of `bytes`.
-NIMBORRA_PLATFORM_EXPORT std::string base64EncodedString(std::span<const std::uint8_t> bytes);
+[[nodiscard]] NIMBORRA_PLATFORM_EXPORT std::string base64EncodedString(
+    std::span<const std::uint8_t> bytes);
 
 // Decodes strict standard base64: length a multiple of four, "=" only as padding at the end,
 // no whitespace. Anything else yields nothing.
-NIMBORRA_PLATFORM_EXPORT std::optional<std::vector<std::uint8_t>> base64DecodedData(
+[[nodiscard]] NIMBORRA_PLATFORM_EXPORT std::optional<std::vector<std::uint8_t>> base64DecodedData(
     std::string_view text);
 
 }  // namespace nimborra::platform
