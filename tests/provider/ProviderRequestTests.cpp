@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "NimbOrraPlatform/Base64.h"
+#include "NimbOrraPlatform/Uuid.h"
 #include "NimbOrraProviderApi/ProviderRequest.h"
 #include "NimbOrraProviderApi/ProviderToken.h"
 
@@ -169,10 +170,11 @@ struct RequestCase {
     std::string path = "/3/device/" + kDevice;
     bool unregistered = false;
     bool bodyTooLarge = false;
+    std::string authority = "localhost";
 };
 
 ProviderVerdict run(const RequestCase& c) {
-    ProviderRequest request{c.method, c.path, "localhost", {}, c.body, c.bodyTooLarge};
+    ProviderRequest request{c.method, c.path, c.authority, {}, c.body, c.bodyTooLarge};
     request.headers = {{"authorization", "bearer " + token(kNow)}, {"apns-topic", kBundle}};
     for (const auto& edit : c.edits) {
         std::erase_if(request.headers, [&](const auto& h) { return h.first == edit.name; });
@@ -189,7 +191,7 @@ ProviderVerdict run(const RequestCase& c) {
     } else {
         authentication.tokens = &fresh;
     }
-    ProviderDestination destination{kBundle, kDevice, std::nullopt};
+    ProviderDestination destination{kBundle, kDevice, std::nullopt, ApnsEnvironment::development};
     if (c.unregistered) {
         destination.unregisteredAt = 1'650'000'000'000;
     }
@@ -236,6 +238,10 @@ TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {
         {{"payload not JSON", {}, R"({"aps":)"}, 400, "BadPayload"},
         {{"another device's token", {}, kAlert, false, "POST", "/3/device/" + std::string(64, 'b')},
          400, "BadDeviceToken"},
+        {{"production host, development token", {}, kAlert, false, "POST", path, false, false,
+          "API.push.apple.com.:443"}, 400, "BadDeviceToken"},
+        {{"production host, and an unregistered token", {}, kAlert, false, "POST", path, true,
+          false, "api.push.apple.com"}, 400, "BadDeviceToken"},
         {{"voip to the app topic", {{"apns-push-type", "voip"}}}, 400, "TopicDisallowed"},
         {{"liveactivity topic, no type", {{"apns-topic", live}}}, 400, "TopicDisallowed"},
         {{"another app's topic", {{"apns-topic", "com.other.app"}}}, 400, "DeviceTokenNotForTopic"},
@@ -287,6 +293,42 @@ TEST(ProviderRequest, AcceptsAndInfersWhatHeadersLeaveOut) {
          PushType::voip,
          10,
          kBundle + ".voip"},
+        {{"sandbox host",
+          {},
+          kAlert,
+          false,
+          "POST",
+          "/3/device/" + kDevice,
+          false,
+          false,
+          "api.sandbox.push.apple.com:443"},
+         PushType::alert,
+         10,
+         kBundle},
+        {{"development host",
+          {},
+          kAlert,
+          false,
+          "POST",
+          "/3/device/" + kDevice,
+          false,
+          false,
+          "api.development.push.apple.com"},
+         PushType::alert,
+         10,
+         kBundle},
+        {{"an address",
+          {},
+          kAlert,
+          false,
+          "POST",
+          "/3/device/" + kDevice,
+          false,
+          false,
+          "[::1]:2197"},
+         PushType::alert,
+         10,
+         kBundle},
         {{"widgets",
           {{"apns-topic", kBundle + ".push-type.widgets"}, {"apns-push-type", "widgets"}},
           R"({"aps":{"content-changed":true}})"},
@@ -316,8 +358,8 @@ TEST(ProviderRequest, AcceptsAndInfersWhatHeadersLeaveOut) {
     EXPECT_EQ(accepted.collapseId, std::string(64, 'c'));
     EXPECT_EQ(accepted.deviceToken, kDevice);
     EXPECT_EQ(*accepted.payload.find("aps")->find("alert")->text(), "hi");
-    const std::string uuid = makeUuid();
-    EXPECT_NE(uuid, makeUuid());
+    const std::string uuid = platform::makeUuid();
+    EXPECT_NE(uuid, platform::makeUuid());
     EXPECT_EQ(std::get<PushNotificationRequest>(run({"uuid", {{"apns-id", uuid}}})).apnsId, uuid);
 }
 

@@ -31,8 +31,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Records what it is handed; answers 200 with the request's apns-id, or holds the answer for
-// answerHeld(), or leaves the answer to `answer` (a handler's bugs, late answers).
+// Records what it is handed; answers with the request's apns-id as the rules would for the
+// body's size (200, or 413 past the limit), or holds the answer for answerHeld(), or leaves the
+// answer to `answer` (a handler's bugs, late answers).
 class Recorder : public ProviderRequestHandler {
   public:
     using Answer = std::function<void(ProviderResponder&)>;
@@ -48,6 +49,9 @@ class Recorder : public ProviderRequestHandler {
         for (const auto& [name, value] : request.headers) {
             id = name == "apns-id" ? value : id;
         }
+        const ProviderResponse ok =
+            request.bodyTooLarge ? ProviderResponse{413, id, R"({"reason":"PayloadTooLarge"})"}
+                                 : ProviderResponse{200, id, {}};
         std::unique_lock lock(mutex);
         seen.push_back(
             {std::move(request), authentication.tokens, authentication.certificateTopic});
@@ -56,7 +60,12 @@ class Recorder : public ProviderRequestHandler {
             return held.push_back(std::move(respond));
         }
         lock.unlock();
-        answer_ ? answer_(respond) : respond({200, id, {}});
+        answer_ ? answer_(respond) : respond(ok);
+    }
+    void refused(const TransportRefusal& refusal) override {
+        const std::lock_guard lock(mutex);
+        refusals.push_back(refusal);
+        changed.notify_all();
     }
     bool waitForCount(std::size_t count, std::chrono::milliseconds timeout = 5s) {
         std::unique_lock lock(mutex);
@@ -82,6 +91,7 @@ class Recorder : public ProviderRequestHandler {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<Seen> seen;
+    std::vector<TransportRefusal> refusals;
     std::vector<ProviderResponder> held;
 };
 
@@ -361,16 +371,18 @@ TEST(ProviderServerTls, ClientCertificateUidIsTheTopicAndNoCertificateIsRefused)
     EXPECT_EQ(handler.count(), 1u);
 }
 
+// A body past the limit is handed over as soon as it passes, marked, with no more of it held; a
+// header list past the limit resets the stream, and the handler hears of it.
 TEST(ProviderServerCleartext, BodyAndHeaderLimits) {
     const struct {
         std::size_t bodySize, headerSize;
-        long status;
+        long status;  // 0: the stream is reset
         bool handed;
     } rows[] = {
         {kVoipPayloadLimit, 10, 200, true},
-        {kVoipPayloadLimit + 1, 10, 413, false},
-        {1 << 20, 10, 413, false},
-        {10, 20000, 431, false},
+        {kVoipPayloadLimit + 1, 10, 413, true},
+        {1 << 20, 10, 413, true},
+        {10, 20000, 0, false},
     };
     for (const auto& row : rows) {
         Recorder handler;
@@ -380,10 +392,14 @@ TEST(ProviderServerCleartext, BodyAndHeaderLimits) {
         EXPECT_EQ(result.status, row.status)
             << row.bodySize << " " << row.headerSize << " " << curl_easy_strerror(result.code);
         EXPECT_EQ(handler.count(), row.handed ? 1u : 0u);
-        if (row.status == 413) {
-            EXPECT_EQ(result.body, R"({"reason":"PayloadTooLarge"})");
-        } else if (row.handed) {
-            EXPECT_EQ(handler.seen[0].request.body.size(), row.bodySize);
+        if (row.handed) {
+            const auto& request = handler.seen[0].request;
+            EXPECT_EQ(request.bodyTooLarge, row.bodySize > kVoipPayloadLimit);
+            EXPECT_LE(request.body.size(), kVoipPayloadLimit);
+        } else {
+            EXPECT_EQ(result.code, CURLE_HTTP2_STREAM);
+            ASSERT_EQ(handler.refusals.size(), 1u);
+            EXPECT_NE(handler.refusals[0].detail.find("header list"), std::string::npos);
         }
     }
 }

@@ -94,8 +94,11 @@ std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
     if (options.deviceToken) {
         token = platform::Data{*options.deviceToken};
     }
-    api->service_ = std::make_unique<provider::ProviderService>(*bundleIdentifier, std::move(token),
-                                                                api->device_, api->device_);
+    const auto environment = apsEnvironment();
+    api->service_ = std::make_unique<provider::ProviderService>(
+        *bundleIdentifier, std::move(token),
+        environment ? provider::apnsEnvironmentNamed(*environment) : std::nullopt, api->device_,
+        api->device_);
     session.attachProviderApi(api->device_, *api->service_);
     auto& application = platform::UIApplication::sharedApplication();
     application.setDeviceTokenIssuer(
@@ -121,7 +124,7 @@ std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
     start.port = api->server_->port();
     start.tls = tls;
     start.fingerprint = std::move(fingerprint);
-    start.environment = apsEnvironment();
+    start.environment = environment;
     start.topic = *bundleIdentifier;
     start.deviceToken = provider::ProviderService::hex(*api->service_->deviceToken());
     start.authentication = std::move(authentication);

@@ -42,15 +42,24 @@ std::string providerStartLine(const ProviderApiStart& start) {
 
 std::string providerLine(const provider::ProviderRecord& record) {
     Dictionary fields;
-    fields.set("apnsId", validUTF8(record.apnsId));
-    fields.set("status", record.status);
+    fields.set("apnsId", record.apnsId.empty() ? Value(nullptr) : Value(validUTF8(record.apnsId)));
+    fields.set("status", record.status != 0 ? Value(record.status) : Value(nullptr));
     fields.set("reason", textOrNull(record.reason));
     fields.set("topic", record.topic.empty() ? Value(nullptr) : Value(validUTF8(record.topic)));
     fields.set("pushType",
                record.pushType ? Value(provider::pushTypeName(*record.pushType)) : Value(nullptr));
     fields.set("priority", record.priority ? Value(*record.priority) : Value(nullptr));
     fields.set("outcome", provider::providerOutcomeName(record.outcome));
+    fields.set("explanation",
+               record.detail.empty() ? Value(nullptr) : Value(validUTF8(record.detail)));
     return line("provider", std::move(fields));
+}
+
+std::string providerDeliveryLine(std::string_view apnsId, provider::ProviderOutcome outcome) {
+    Dictionary fields;
+    fields.set("apnsId", validUTF8(apnsId));
+    fields.set("outcome", provider::providerOutcomeName(outcome));
+    return line("providerDelivery", std::move(fields));
 }
 
 std::string notificationCenterLine(const std::deque<platform::IncomingRemoteNotification>& shown) {

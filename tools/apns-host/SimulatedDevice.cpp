@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "NimbOrraPlatform/Text.h"
 #include "ProviderLines.h"
 #include "Session.h"
 
@@ -48,6 +49,11 @@ void SimulatedDevice::requestHandled(const provider::ProviderRecord& record) {
     output_.writeLine(providerLine(record));
 }
 
+void SimulatedDevice::keptNotificationDelivered(std::string_view apnsId,
+                                                provider::ProviderOutcome outcome) {
+    output_.writeLine(providerDeliveryLine(apnsId, outcome));
+}
+
 platform::ApplicationState SimulatedDevice::applicationState() const {
     const std::lock_guard lock(mutex_);
     return app_;
@@ -67,11 +73,7 @@ std::optional<platform::IncomingRemoteNotification> SimulatedDevice::takeShown(
     } else {
         // apns-ids are UUIDs: compared without regard to case, as servers write either.
         found = std::find_if(shown_.begin(), shown_.end(), [&](const auto& shown) {
-            return std::equal(shown.identifier.begin(), shown.identifier.end(), identifier.begin(),
-                              identifier.end(), [](char a, char b) {
-                                  return std::tolower(static_cast<unsigned char>(a)) ==
-                                         std::tolower(static_cast<unsigned char>(b));
-                              });
+            return platform::equalsIgnoringASCIICase(shown.identifier, identifier);
         });
     }
     if (found == shown_.end()) {

@@ -36,6 +36,8 @@ class SimulatedDevice final : public platform::RemoteNotificationReceiver,
     Taken take(const platform::IncomingRemoteNotification& notification) override;
     void present(const platform::IncomingRemoteNotification& notification) override;
     void requestHandled(const provider::ProviderRecord& record) override;
+    void keptNotificationDelivered(std::string_view apnsId,
+                                   provider::ProviderOutcome outcome) override;
 
     platform::ApplicationState applicationState() const;
     void setApplicationState(platform::ApplicationState app);
