@@ -44,38 +44,6 @@ ProviderConnection* self(void* data) {
     return static_cast<ProviderConnection*>(data);
 }
 
-// The lines a client can cause at will, each kind at most once a second.
-enum LineKind : int {
-    kStreamLimitLine,
-    kBudgetLine,
-    kReclaimLine,
-    kHeaderListLine,
-    kProtocolLine,
-    kTlsLine,
-    kHandshakeLine,
-    kIdleLine,
-};
-
-platform::LogLevel levelOf(int kind) {
-    return kind == kProtocolLine ? platform::LogLevel::info : platform::LogLevel::debug;
-}
-
-RepeatedLine& repeatedLine(const platform::Logger& log, int kind) {
-    static std::array<std::unique_ptr<RepeatedLine>, kIdleLine + 1> lines = [&] {
-        std::array<std::unique_ptr<RepeatedLine>, kIdleLine + 1> made;
-        for (std::size_t i = 0; i < made.size(); ++i) {
-            made[i] = std::make_unique<RepeatedLine>(log, levelOf(static_cast<int>(i)));
-        }
-        return made;
-    }();
-    return *lines[static_cast<std::size_t>(kind)];
-}
-
-template <class MakeMessage>
-void logRepeated(const platform::Logger& log, int kind, MakeMessage&& message) {
-    repeatedLine(log, kind).write(std::forward<MakeMessage>(message));
-}
-
 // The server's SETTINGS as nghttp2 wrote them, with the advertised stream limit in place of the
 // one nghttp2 was told.
 std::string withAdvertisedStreamLimit(const std::uint8_t* data, std::size_t length,
@@ -204,7 +172,7 @@ bool ProviderConnection::setUp(event_base* base, evutil_socket_t fd) {
                 if (error != 0 && ERR_GET_REASON(error) != SSL_R_UNEXPECTED_EOF_WHILE_READING) {
                     std::array<char, 256> reason{};
                     ERR_error_string_n(error, reason.data(), reason.size());
-                    logRepeated(connection->host_.log(), kTlsLine, [&] {
+                    connection->host_.line(LogLine::tls).write([&] {
                         return std::string("closed a connection whose TLS failed: ") +
                                reason.data();
                     });
@@ -353,7 +321,7 @@ void ProviderConnection::closeNow() {
     }
     closed_ = true;
     if (goawayError_) {
-        logRepeated(host_.log(), kProtocolLine, [&] {
+        host_.line(LogLine::protocolError).write([&] {
             return "closed a connection on a protocol error (" +
                    std::string(nghttp2_http2_strerror(*goawayError_)) +
                    "): " + (lastError_.empty() ? std::string("no detail") : lastError_);
@@ -388,7 +356,7 @@ void ProviderConnection::timerFired() {
     }
     const ProviderServerOptions& options = host_.options();
     if (!established_) {
-        logRepeated(host_.log(), kHandshakeLine, [&] {
+        host_.line(LogLine::handshake).write([&] {
             return "closed a connection that had not completed its " +
                    std::string(tls_ ? "TLS handshake and " : "") + "HTTP/2 preface within " +
                    std::to_string(options.handshakeTimeout.count()) + " ms";
@@ -402,7 +370,7 @@ void ProviderConnection::timerFired() {
         armTimer(awaitingAnswers_ > 0 ? std::chrono::steady_clock::duration(idle) : idle - quiet);
         return;
     }
-    logRepeated(host_.log(), kIdleLine, [&] {
+    host_.line(LogLine::idle).write([&] {
         return "closing a connection idle for " + std::to_string(idle.count()) + " s";
     });
     nghttp2_submit_goaway(session_, NGHTTP2_FLAG_NONE,
@@ -440,7 +408,7 @@ bool ProviderConnection::reclaim() {
     }
     for (auto& [id, stream] : streams_) {
         if (!stream.handedOver && !stream.reset) {
-            logRepeated(host_.log(), kReclaimLine, [&] {
+            host_.line(LogLine::reclaim).write([&] {
                 return "refused an unfinished stream of the connection holding the most of the "
                        "memory budget, to make room for another connection's";
             });
@@ -452,7 +420,7 @@ bool ProviderConnection::reclaim() {
     if (!outputBackedUp()) {
         return false;
     }
-    logRepeated(host_.log(), kReclaimLine, [&] {
+    host_.line(LogLine::reclaim).write([&] {
         return "closed a connection that holds " + std::to_string(held_) +
                " bytes of the memory budget and does not read its answers, to make room for "
                "another connection's";
@@ -560,7 +528,7 @@ int ProviderConnection::onBeginHeaders(nghttp2_session* session, const nghttp2_f
         // Refused before anything of it was read: the client may send it again. Submitted
         // first, the refusal is the stream's only reset (nghttp2 adds none to a closing stream).
         nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, id, NGHTTP2_REFUSED_STREAM);
-        logRepeated(connection->host_.log(), overLimit ? kStreamLimitLine : kBudgetLine, [&] {
+        connection->host_.line(overLimit ? LogLine::streamLimit : LogLine::budget).write([&] {
             return overLimit ? "refused a stream beyond the " +
                                    std::to_string(options.maximumConcurrentStreams) +
                                    " concurrent streams a connection may open"
@@ -605,7 +573,7 @@ int ProviderConnection::onHeader(nghttp2_session*, const nghttp2_frame* frame,
                              "after HPACK decoding); the stream was reset with ENHANCE_YOUR_CALM";
             connection->refusals_.push_back(std::move(refusal));
         }
-        logRepeated(connection->host_.log(), kHeaderListLine, [&] {
+        connection->host_.line(LogLine::headerList).write([&] {
             return "reset a stream whose header list passed " +
                    std::to_string(options.maximumHeaderListSize) + " bytes";
         });
@@ -616,7 +584,7 @@ int ProviderConnection::onHeader(nghttp2_session*, const nghttp2_frame* frame,
         return 0;  // trailers: counted, not kept
     }
     if (!connection->chargeStream(*stream, cost)) {
-        logRepeated(connection->host_.log(), kBudgetLine, [&] {
+        connection->host_.line(LogLine::budget).write([&] {
             return "refused a stream: unfinished and unanswered requests hold the whole memory "
                    "budget (" +
                    std::to_string(options.memoryBudget) + " bytes)";
@@ -662,7 +630,7 @@ int ProviderConnection::onDataChunk(nghttp2_session*, std::uint8_t, std::int32_t
         return 0;
     }
     if (!connection->chargeStream(*stream, length)) {
-        logRepeated(connection->host_.log(), kBudgetLine, [&] {
+        connection->host_.line(LogLine::budget).write([&] {
             return "refused a stream: unfinished and unanswered requests hold the whole memory "
                    "budget (" +
                    std::to_string(connection->host_.options().memoryBudget) + " bytes)";

@@ -23,6 +23,21 @@
 namespace nimborra::provider::detail {
 
 class ProviderConnection;
+class RepeatedLine;
+
+// The kinds of log line a client can cause at will; each is written at most once a second.
+enum class LogLine {
+    streamLimit,
+    budget,
+    reclaim,
+    headerList,
+    protocolError,
+    tls,
+    handshake,
+    idle,
+    refusedConnection,
+};
+inline constexpr std::size_t kLogLineKinds = 9;
 
 // What a connection needs of its server.
 class ConnectionHost {
@@ -42,6 +57,7 @@ class ConnectionHost {
     // The connection has closed itself; the server frees it later, outside its callbacks.
     virtual void connectionClosed(std::uint64_t connection) = 0;
     virtual const platform::Logger& log() const = 0;
+    virtual RepeatedLine& line(LogLine kind) = 0;
 
   protected:
     ~ConnectionHost() = default;

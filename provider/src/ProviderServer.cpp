@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -115,6 +116,9 @@ struct ProviderServer::Impl final : detail::ConnectionHost {
     const ProviderServerOptions& options() const override { return options_; }
     bool readingPaused() const override { return paused_; }
     const platform::Logger& log() const override { return transportLogger(); }
+    detail::RepeatedLine& line(detail::LogLine kind) override {
+        return *lines_[static_cast<std::size_t>(kind)];
+    }
     bool charge(detail::ProviderConnection& connection, std::size_t bytes) override;
     void release(detail::ProviderConnection& connection, std::size_t bytes) override;
     void refusedRequest(const TransportRefusal& refusal) override;
@@ -167,7 +171,19 @@ struct ProviderServer::Impl final : detail::ConnectionHost {
     bool stopping_ = false;
     // Stopping goes in steps: 0 GOAWAY said, 1 unfinished streams reset, 2 everything closed.
     int stopStep_ = 0;
-    detail::RepeatedLine refusedConnections_{transportLogger(), platform::LogLevel::info};
+    // Protocol errors and refused connections at info level, the rest at debug.
+    std::array<std::unique_ptr<detail::RepeatedLine>, detail::kLogLineKinds> lines_ = [] {
+        std::array<std::unique_ptr<detail::RepeatedLine>, detail::kLogLineKinds> made;
+        for (std::size_t i = 0; i < made.size(); ++i) {
+            const auto kind = static_cast<detail::LogLine>(i);
+            made[i] = std::make_unique<detail::RepeatedLine>(
+                transportLogger(),
+                kind == detail::LogLine::protocolError || kind == detail::LogLine::refusedConnection
+                    ? platform::LogLevel::info
+                    : platform::LogLevel::debug);
+        }
+        return made;
+    }();
 };
 
 std::optional<std::string> ProviderServer::Impl::listen() {
@@ -274,7 +290,7 @@ void ProviderServer::Impl::run() {
 
 void ProviderServer::Impl::accepted(evutil_socket_t fd) {
     if (stopping_ || open_ >= options_.maximumConnections) {
-        refusedConnections_.write([&] {
+        line(detail::LogLine::refusedConnection).write([&] {
             return "refused a connection: " + std::to_string(open_) + " are open, the most allowed";
         });
         evutil_closesocket(fd);
@@ -441,9 +457,9 @@ void ProviderServer::Impl::connectionClosed(std::uint64_t id) {
 }
 
 // Clients had stopGrace to finish what they began: the streams still unfinished are reset, and
-// the connections close once their answers are written. Three seconds later every connection
-// closes whatever is unwritten (a client that does not read, a zero flow-control window), and
-// the loop ends even if the handler still owes answers.
+// the connections close once their answers are written. stopGrace and a second later every
+// connection closes whatever is unwritten (a client that does not read, a zero flow-control
+// window), and the loop ends even if the handler still owes answers.
 void ProviderServer::Impl::stopStep() {
     ++stopStep_;
     for (auto& [id, connection] : connections_) {
@@ -454,7 +470,11 @@ void ProviderServer::Impl::stopStep() {
         }
     }
     if (stopStep_ == 1) {
-        const timeval after{3, 0};
+        const auto last = std::chrono::duration_cast<std::chrono::microseconds>(
+                              options_.stopGrace + std::chrono::seconds(1))
+                              .count();
+        const timeval after{static_cast<time_t>(last / 1000000),
+                            static_cast<suseconds_t>(last % 1000000)};
         evtimer_add(stopTimer_, &after);
     }
     finishIfDone();

@@ -132,8 +132,8 @@ class ProviderServer {
     // Stops accepting and says GOAWAY to each connection; lets every request already received
     // be answered and clients finish the streams they have begun for stopGrace; then resets the
     // streams still unfinished, closes every connection (at once, if its client does not read)
-    // and joins the thread. Returns within about stopGrace + 3 s whatever clients and the handler
-    // do; an answer that comes later has nowhere to go. Called by the destructor too.
+    // and joins the thread. Returns within about 2 x stopGrace + 1 s whatever clients and the
+    // handler do; an answer that comes later has nowhere to go. Called by the destructor too.
     void stop();
 
     struct Impl;
