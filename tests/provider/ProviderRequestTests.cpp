@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <span>
 #include <string>
 #include <vector>
@@ -94,6 +95,9 @@ TEST(ProviderToken, ChecksHeaderClaimsAndSignature) {
         {"not base64url", "e30.e30.a+b/", false},
         {"over 8 KiB", good + std::string(8192, 'A'), false},
     };
+    const auto wrongKey = verifier()->check(token(kNow, "OTHERKEY00")).detail;
+    EXPECT_NE(wrongKey.find("\"OTHERKEY00\""), std::string::npos) << wrongKey;
+    EXPECT_NE(wrongKey.find("\"" + kKeyId + "\""), std::string::npos) << wrongKey;
     for (const auto& c : cases) {
         EXPECT_EQ(verifier()->check(c.token).outcome, ProviderTokenCheck::Outcome::invalid)
             << c.label;
@@ -119,15 +123,20 @@ TEST(ProviderTokenSession, FollowsTheConnectionRules) {
         {"Basic abc", kNow, "MissingProviderToken", 0},
         {"bearer " + token(kNow + 301), kNow, "InvalidProviderToken", 1},
         {"bearer " + token(kNow - 3601), kNow, "ExpiredProviderToken", 2},
-        {first, kNow, "", 3},
-        {first, kNow + 3600, "", 3},
-        {second, kNow + 600, "TooManyProviderTokenUpdates", 4},
-        {second, kNow + 1199, "TooManyProviderTokenUpdates", 4},
-        {first, kNow + 1199, "", 4},
-        {"bearer x.y.z", kNow + 1199, "InvalidProviderToken", 5},
-        {second, kNow + 1200, "", 5},
-        {second, kNow + 600 + 3600, "", 5},
-        {second, kNow + 600 + 3601, "ExpiredProviderToken", 5},
+        // The extremes of 64 bits, where a subtraction would overflow.
+        {"bearer " + token(std::numeric_limits<std::int64_t>::min()), kNow, "ExpiredProviderToken",
+         3},
+        {"bearer " + token(std::numeric_limits<std::int64_t>::max()), kNow, "InvalidProviderToken",
+         4},
+        {first, kNow, "", 5},
+        {first, kNow + 3600, "", 5},
+        {second, kNow + 600, "TooManyProviderTokenUpdates", 6},
+        {second, kNow + 1199, "TooManyProviderTokenUpdates", 6},
+        {first, kNow + 1199, "", 6},
+        {"bearer x.y.z", kNow + 1199, "InvalidProviderToken", 7},
+        {second, kNow + 1200, "", 7},
+        {second, kNow + 600 + 3600, "", 7},
+        {second, kNow + 600 + 3601, "ExpiredProviderToken", 7},
     };
     ProviderTokenSession session(verifier());
     for (std::size_t i = 0; i < std::size(steps); ++i) {
@@ -252,6 +261,26 @@ TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {
         const auto refusal = refusalOf(run(row.request));
         EXPECT_EQ(refusal.status, row.status) << row.request.label;
         EXPECT_EQ(refusal.reason, row.reason) << row.request.label << ": " << refusal.detail;
+        EXPECT_FALSE(refusal.detail.empty()) << row.request.label;
+    }
+    // Explanations name what was expected beside what came, client text quoted and cut short.
+    const struct {
+        RequestCase request;
+        std::vector<std::string> says;
+    } explained[] = {
+        {{"topic", {{"apns-topic", "com.other.app"}}},
+         {"\"com.example.app\"", "\"com.other.app\""}},
+        {{"host", {}, kAlert, false, "POST", path, false, false, "api.push.apple.com"},
+         {"production", "development"}},
+        {{"priority", {{"apns-priority", "7\xff" + std::string(200, '7')}}},
+         {"apns-priority \"7\xef\xbf\xbd" "7", "7...\""}},
+    };
+    for (const auto& row : explained) {
+        const auto detail = refusalOf(run(row.request)).detail;
+        for (const auto& text : row.says) {
+            EXPECT_NE(detail.find(text), std::string::npos) << detail;
+        }
+        EXPECT_LT(detail.size(), 200u) << detail;
     }
     const auto gone = refusalOf(run({"gone", {}, kAlert, false, "POST", path, true}));
     EXPECT_EQ(refusalBody(gone), R"({"reason":"Unregistered","timestamp":1650000000000})");
