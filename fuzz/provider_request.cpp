@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "NimbOrraPlatform/JSONSerialization.h"
+#include "NimbOrraPlatform/Uuid.h"
 #include "NimbOrraProviderApi/ProviderRequest.h"
 #include "NimbOrraProviderApi/ProviderToken.h"
 
@@ -25,22 +26,6 @@ void require(bool condition) {
     if (!condition) {
         std::abort();
     }
-}
-
-// 8-4-4-4-12 hexadecimal digits: as the client sent it, or generated in lower case.
-bool isUuid(std::string_view id) {
-    if (id.size() != 36) {
-        return false;
-    }
-    for (std::size_t i = 0; i < id.size(); ++i) {
-        const char c = id[i];
-        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-        if (dash ? c != '-'
-                 : !((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f'))) {
-            return false;
-        }
-    }
-    return true;
 }
 
 std::string_view nextLine(std::string_view& text) {
@@ -74,7 +59,7 @@ void checkVerdict(const ProviderVerdict& verdict) {
                                                        "DeviceTokenNotForTopic",
                                                        "Unregistered"};
     if (const auto* accepted = std::get_if<PushNotificationRequest>(&verdict)) {
-        require(isUuid(accepted->apnsId));
+        require(platform::isUuidText(accepted->apnsId));
         require(accepted->priority == 10 || accepted->priority == 5 || accepted->priority == 1);
         require(accepted->expiration >= 0);
         require(!accepted->collapseId || accepted->collapseId->size() <= kCollapseIdLimit);
@@ -83,7 +68,7 @@ void checkVerdict(const ProviderVerdict& verdict) {
         return;
     }
     const auto& refusal = std::get<ProviderRefusal>(verdict);
-    require(isUuid(refusal.apnsId));
+    require(platform::isUuidText(refusal.apnsId));
     require(reasons.count(refusal.reason) == 1);
     static const std::set<int> statuses = {400, 403, 404, 405, 410, 413, 429};
     require(statuses.count(refusal.status) == 1);
@@ -131,8 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         "com.example.app", std::string(64, 'a'),
         request.path.ends_with("0") ? std::optional<std::int64_t>(1650000000000) : std::nullopt};
     constexpr std::int64_t now = 1'700'000'000;
-    checkVerdict(checkProviderRequest(request, destination, authentication, now, makeUuid));
-    checkVerdict(
-        checkProviderRequest(request, destination, authentication, now + 21 * 60, makeUuid));
+    checkVerdict(checkProviderRequest(request, destination, authentication, now));
+    checkVerdict(checkProviderRequest(request, destination, authentication, now + 21 * 60));
     return 0;
 }

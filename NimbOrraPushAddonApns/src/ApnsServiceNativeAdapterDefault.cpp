@@ -4,6 +4,7 @@
 
 #include "NimbOrraPlatform/Application.h"
 #include "NimbOrraPlatform/DispatchQueue.h"
+#include "NimbOrraPlatform/Hex.h"
 #include "NimbOrraPlatform/UserNotificationCenter.h"
 #include "NimbOrraPushAddonApns/ApnsCompletionBox.h"
 #include "NimbOrraPushAddonApns/ApnsLogger.h"
@@ -61,17 +62,6 @@ platform::UNAuthorizationOptions optionBit(UNAuthorizationOption option) {
             return platform::UNAuthorizationOptionProvisional;
     }
     return 0;
-}
-
-std::string lowerCaseHex(const std::vector<std::uint8_t>& bytes) {
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (const std::uint8_t byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 0xF];
-    }
-    return text;
 }
 
 // Schedules the platform registration on the main queue and returns at once. Should the main
@@ -140,7 +130,7 @@ ApnsServiceGetProviderEnvironmentResult ApnsServiceNativeAdapterDefault::getProv
 ApnsServiceNotifyDidRegisterForRemoteNotificationsResult
 ApnsServiceNativeAdapterDefault::notifyDidRegisterForRemoteNotifications(
     APNSServiceNotifyDidRegisterForRemoteNotificationsRequest request) {
-    emitTokenRefreshed(*eventEmitter_, lowerCaseHex(request.deviceToken.bytes));
+    emitTokenRefreshed(*eventEmitter_, platform::hexEncodedString(request.deviceToken.bytes));
     return ApnsServiceNotifyDidRegisterForRemoteNotificationsResult::success({});
 }
 

@@ -13,13 +13,13 @@
 #include <emmintrin.h>
 #endif
 
+#include "NimbOrraPlatform/Hex.h"
 #include "NimbOrraPlatform/JSONSerialization.h"
 
 namespace nimborra::platform {
 
 namespace {
 
-constexpr char kHexDigits[] = "0123456789abcdef";
 constexpr double kTwoToThe53 = 9007199254740992.0;
 
 // Characters that need an escape: the quotation mark, the reverse solidus, the solidus and
@@ -152,8 +152,8 @@ constexpr std::array<EscapedByte, 256> kEscapedBytes = [] {
             entry.bytes[1] = 'u';
             entry.bytes[2] = '0';
             entry.bytes[3] = '0';
-            entry.bytes[4] = kHexDigits[c >> 4];
-            entry.bytes[5] = kHexDigits[c & 0xF];
+            entry.bytes[4] = hexDigit(c >> 4);
+            entry.bytes[5] = hexDigit(c);
             entry.length = 6;
         }
     }

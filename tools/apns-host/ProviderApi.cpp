@@ -80,8 +80,10 @@ std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
     if (options.deviceToken) {
         token = platform::Data{*options.deviceToken};
     }
-    api->service_ = std::make_unique<provider::ProviderService>(*bundleIdentifier, std::move(token),
-                                                                phone, phone);
+    api->service_ = std::make_unique<provider::ProviderService>(
+        *bundleIdentifier, std::move(token),
+        profile.environment ? provider::apnsEnvironmentNamed(*profile.environment) : std::nullopt,
+        phone, phone);
     phone.attachProviderService(*api->service_);
     auto& system = platform::UIApplication::sharedApplication();
     system.setDeviceTokenIssuer([service = api->service_.get()] { return service->deviceToken(); });
