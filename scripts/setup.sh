@@ -11,6 +11,11 @@ packages=(
   openssl libssl-dev libnghttp2-dev libevent-dev
   curl libcurl4-openssl-dev python3-aioapns nghttp2-client nghttp2-server
 )
+# Node.js and npm build and test the Node client. A machine that already has both commands (from
+# another Node.js package, which carries its own npm and conflicts with Debian's) keeps them.
+if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+  packages+=(nodejs npm)
+fi
 
 missing=()
 for package in "${packages[@]}"; do
