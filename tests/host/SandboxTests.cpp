@@ -315,20 +315,33 @@ TEST_F(Sandbox, TheHostExitsWithTheCommandsStatus) {
 }
 
 TEST_F(Sandbox, SigtermReachesTheCommandWhichEndsTheHost) {
-    HostProcess host({"--bundle", (kSource / "examples" / "bundle").string(), "--", "sh", "-c",
-                      "trap 'echo terminated; kill $!; exit 3' TERM; sleep 60 & echo ready; wait"});
-    std::vector<std::string> lines;
-    while (auto line = host.readLine()) {
-        lines.push_back(*line);
-        if (*line == "ready") {
-            break;
+    const struct {
+        const char* what;
+        std::string command;
+        int status;
+        std::size_t saidSo;
+    } rows[] = {
+        {"a command that handles it",
+         "trap 'echo terminated; kill $!; exit 3' TERM; sleep 60 & echo ready; wait", 3, 1},
+        // Killed once the grace period is over, so that the host ends anyway.
+        {"a command that ignores it", "trap '' TERM; echo ready; exec sleep 60", 128 + SIGKILL, 0},
+    };
+    for (const auto& row : rows) {
+        HostProcess host({"--bundle", (kSource / "examples" / "bundle").string(), "--", "sh", "-c",
+                          row.command});
+        std::vector<std::string> lines;
+        while (auto line = host.readLine()) {
+            lines.push_back(*line);
+            if (*line == "ready") {
+                break;
+            }
         }
+        ASSERT_FALSE(lines.empty()) << row.what << "\n" << host.standardError();
+        ASSERT_EQ(lines.back(), "ready") << row.what << "\n" << host.standardError();
+        host.signal(SIGTERM);
+        EXPECT_EQ(host.finish(), row.status) << row.what << "\n" << host.standardError();
+        EXPECT_EQ(countContaining(host.remainingLines(), "terminated"), row.saidSo) << row.what;
     }
-    ASSERT_FALSE(lines.empty()) << host.standardError();
-    ASSERT_EQ(lines.back(), "ready") << host.standardError();
-    host.signal(SIGTERM);
-    EXPECT_EQ(host.finish(), 3) << host.standardError();
-    EXPECT_EQ(countContaining(host.remainingLines(), "terminated"), 1u);
 }
 
 TEST(SandboxHostsFile, KeepsTheSystemsLinesButApnsNamesAndPointsThoseAtTheHost) {
