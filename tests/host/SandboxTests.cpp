@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "HostProcess.h"
+#include "NetworkSandbox.h"
 #include "NimbOrraProviderApi/ProviderToken.h"
 #include "support/TestSupport.h"
 
@@ -85,12 +86,16 @@ class Sandbox : public ::testing::Test {
     static void TearDownTestSuite() { fs::remove(temporaryFile("key.p8")); }
 
     void SetUp() override {
-        // Whether this machine lets the host make its namespaces, asked once.
+        // Whether this machine lets the host make its namespaces, asked once. Only when the
+        // system's own unshare cannot make them either (with or without a user namespace) is
+        // the host's refusal the machine's doing rather than a fault.
         static const std::string unavailable = [] {
             const auto probe = run({"true"});
-            return probe.status == 2 && probe.standardError.find(kNoNamespaces) != std::string::npos
-                       ? probe.standardError
-                       : std::string();
+            const bool refused =
+                probe.status == 2 && probe.standardError.find(kNoNamespaces) != std::string::npos;
+            const bool systemRefuses = std::system("unshare -Urnm true >/dev/null 2>&1") != 0 &&
+                                       std::system("unshare -nm true >/dev/null 2>&1") != 0;
+            return refused && systemRefuses ? probe.standardError : std::string();
         }();
         if (!unavailable.empty()) {
             GTEST_SKIP() << "the private network cannot be made here: " << unavailable;
@@ -207,14 +212,40 @@ TEST_F(Sandbox, UnchangedClientsReachTheFarSideAtApnsAddresses) {
     }
 }
 
-TEST_F(Sandbox, CommandSeesOnlyLoopbackApnsNamesAtHomeAndTheDeviceToken) {
+// The certificates in a PEM file; -1 when it cannot be read.
+int certificatesIn(const fs::path& path) {
+    std::error_code error;
+    if (!fs::exists(path, error)) {
+        return -1;
+    }
+    const std::string text = readFile(path);
+    int count = 0;
+    for (auto at = text.find("BEGIN CERTIFICATE"); at != std::string::npos;
+         at = text.find("BEGIN CERTIFICATE", at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST_F(Sandbox, CommandSeesLoopbackApnsNamesAtHomeTheCertificateTrustedAndItsOwnIdentity) {
+    // One "name value" line per fact.
     const std::string facts =
-        "tail -n +3 /proc/net/dev | cut -d: -f1 | tr -d ' '; "
+        "echo interfaces $(tail -n +3 /proc/net/dev | cut -d: -f1); "
         "for name in api.push.apple.com api.sandbox.push.apple.com "
         "api.development.push.apple.com localhost; do "
-        "  getent hosts $name | head -n 1 | cut -d ' ' -f 1; "
+        "  echo $name $(getent hosts $name | head -n 1 | cut -d ' ' -f 1); "
         "done; "
-        "echo \"$APNS_HOST_DEVICE_TOKEN\"; readlink /proc/self/fd/0";
+        "echo token $APNS_HOST_DEVICE_TOKEN; "
+        "echo input $(readlink /proc/self/fd/0 | cut -d [ -f 1); "
+        "echo identity $(id -u) $(id -g); "
+        "for file in \"$SSL_CERT_FILE\" \"$REQUESTS_CA_BUNDLE\" \"$NODE_EXTRA_CA_CERTS\" "
+        "/etc/ssl/certs/ca-certificates.crt; do "
+        "  echo certificates $(grep -c 'BEGIN CERTIFICATE' \"$file\" 2>/dev/null || echo none); "
+        "done";
+    // The system's bundle as seen inside: the same plus the host's certificate.
+    const int system = certificatesIn("/etc/ssl/certs/ca-certificates.crt");
+    const auto inside = system < 0 ? std::string("none") : std::to_string(system + 1);
+    const auto bundle = system < 0 ? std::string("1") : inside;
     const auto script = temporaryFile("script.jsonl");
     std::ofstream(script) << "# a session with no commands\n";
     const struct {
@@ -228,19 +259,30 @@ TEST_F(Sandbox, CommandSeesOnlyLoopbackApnsNamesAtHomeAndTheDeviceToken) {
     for (const auto& row : rows) {
         const auto result = run({"sh", "-c", facts}, row.options);
         ASSERT_EQ(result.status, 0) << row.what << "\n" << result.standardError;
-        ASSERT_EQ(result.commandLines.size(), 7u) << row.what << "\n" << result.standardError;
-        EXPECT_EQ(result.commandLines[0], "lo") << row.what;
-        for (std::size_t name = 1; name <= 3; ++name) {
-            EXPECT_EQ(result.commandLines[name], "127.0.0.1") << row.what << " " << name;
-        }
-        EXPECT_TRUE(result.commandLines[4] == "127.0.0.1" || result.commandLines[4] == "::1")
-            << row.what << ": localhost is " << result.commandLines[4];
         ASSERT_FALSE(result.hostLines.empty()) << row.what;
         const auto token = member(result.hostLines[0], "deviceToken");
         EXPECT_EQ(token.size(), 64u) << row.what;
-        EXPECT_EQ(result.commandLines[5], token) << row.what;
-        EXPECT_TRUE(result.commandLines[6].starts_with(row.input))
-            << row.what << ": standard input is " << result.commandLines[6];
+        const std::vector<std::string> expected{
+            "interfaces lo",
+            "api.push.apple.com 127.0.0.1",
+            "api.sandbox.push.apple.com 127.0.0.1",
+            "api.development.push.apple.com 127.0.0.1",
+            "localhost",
+            "token " + token,
+            "input " + row.input,
+            "identity " + std::to_string(getuid()) + " " + std::to_string(getgid()),
+            "certificates " + bundle,  // SSL_CERT_FILE
+            "certificates " + bundle,  // REQUESTS_CA_BUNDLE
+            "certificates 1",          // NODE_EXTRA_CA_CERTS
+            "certificates " + inside,  // the system's bundle
+        };
+        ASSERT_EQ(result.commandLines.size(), expected.size()) << row.what << "\n"
+                                                               << result.standardError;
+        auto lines = result.commandLines;
+        // localhost may be either loopback address.
+        EXPECT_TRUE(lines[4] == "localhost 127.0.0.1" || lines[4] == "localhost ::1") << lines[4];
+        lines[4] = "localhost";
+        EXPECT_EQ(lines, expected) << row.what;
     }
     fs::remove(script);
 }
@@ -273,20 +315,75 @@ TEST_F(Sandbox, TheHostExitsWithTheCommandsStatus) {
 }
 
 TEST_F(Sandbox, SigtermReachesTheCommandWhichEndsTheHost) {
-    HostProcess host({"--bundle", (kSource / "examples" / "bundle").string(), "--", "sh", "-c",
-                      "trap 'echo terminated; kill $!; exit 3' TERM; sleep 60 & echo ready; wait"});
-    std::vector<std::string> lines;
-    while (auto line = host.readLine()) {
-        lines.push_back(*line);
-        if (*line == "ready") {
-            break;
+    const struct {
+        const char* what;
+        std::string command;
+        int status;
+        std::size_t saidSo;
+    } rows[] = {
+        {"a command that handles it",
+         "trap 'echo terminated; kill $!; exit 3' TERM; sleep 60 & echo ready; wait", 3, 1},
+        // Killed once the grace period is over, so that the host ends anyway.
+        {"a command that ignores it", "trap '' TERM; echo ready; exec sleep 60", 128 + SIGKILL, 0},
+    };
+    for (const auto& row : rows) {
+        HostProcess host({"--bundle", (kSource / "examples" / "bundle").string(), "--", "sh", "-c",
+                          row.command});
+        std::vector<std::string> lines;
+        while (auto line = host.readLine()) {
+            lines.push_back(*line);
+            if (*line == "ready") {
+                break;
+            }
         }
+        ASSERT_FALSE(lines.empty()) << row.what << "\n" << host.standardError();
+        ASSERT_EQ(lines.back(), "ready") << row.what << "\n" << host.standardError();
+        host.signal(SIGTERM);
+        EXPECT_EQ(host.finish(), row.status) << row.what << "\n" << host.standardError();
+        EXPECT_EQ(countContaining(host.remainingLines(), "terminated"), row.saidSo) << row.what;
     }
-    ASSERT_FALSE(lines.empty()) << host.standardError();
-    ASSERT_EQ(lines.back(), "ready") << host.standardError();
-    host.signal(SIGTERM);
-    EXPECT_EQ(host.finish(), 3) << host.standardError();
-    EXPECT_EQ(countContaining(host.remainingLines(), "terminated"), 1u);
+}
+
+TEST(SandboxHostsFile, KeepsTheSystemsLinesButApnsNamesAndPointsThoseAtTheHost) {
+    const std::string apns =
+        "# apns-host: APNs's provider API\n"
+        "127.0.0.1\tapi.push.apple.com api.sandbox.push.apple.com api.development.push.apple.com\n";
+    const std::string localhost = "127.0.0.1\tlocalhost\n::1\tlocalhost\n";
+    const struct {
+        const char* what;
+        std::string system;
+        std::string address;
+        std::string expected;
+    } rows[] = {
+        {"Debian's", "127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost\n", "127.0.0.1",
+         "127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost\n" + apns},
+        {"APNs's names in any case, beside others, before a comment",
+         "10.0.0.1 API.Push.Apple.COM\n127.0.0.1 localhost\n"
+         "192.168.1.2\tgateway api.sandbox.push.apple.com # old\n"
+         "  10.0.0.2   api.development.push.apple.com\n"
+         "# api.push.apple.com in a comment stays\n"
+         "10.0.0.3 apis.push.apple.com api.push.apple.com.example\n",
+         "127.0.0.1",
+         "127.0.0.1 localhost\n# api.push.apple.com in a comment stays\n"
+         "10.0.0.3 apis.push.apple.com api.push.apple.com.example\n" +
+             apns},
+        {"no localhost: one is added", "10.1.1.1 build-host\n127.0.1.1 mylocalhost\n", "127.0.0.1",
+         "10.1.1.1 build-host\n127.0.1.1 mylocalhost\n" + localhost + apns},
+        {"localhost as an address's second name", "127.0.0.1\tvm localhost\n", "127.0.0.1",
+         "127.0.0.1\tvm localhost\n" + apns},
+        {"a last line without a line break", "127.0.0.1 localhost", "127.0.0.1",
+         "127.0.0.1 localhost\n" + apns},
+        {"empty", "", "127.0.0.1", localhost + apns},
+        {"only a name where the address goes", "localhost\n", "127.0.0.1",
+         "localhost\n" + localhost + apns},
+        {"IPv6", "::1 localhost\n", "::1",
+         "::1 localhost\n# apns-host: APNs's provider API\n::1\tapi.push.apple.com "
+         "api.sandbox.push.apple.com api.development.push.apple.com\n"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(host::NetworkSandbox::hostsFile(row.system, row.address), row.expected)
+            << row.what;
+    }
 }
 
 // The options that go with "--" and --output, refused before anything runs (no namespace needed).
