@@ -38,6 +38,7 @@
 #include <vector>
 
 #include "NimbOrraPlatform/JSONSerialization.h"
+#include "NimbOrraPlatform/Text.h"
 #include "NimbOrraPlatform/Uuid.h"
 #include "NimbOrraProviderApi/ProviderRequest.h"
 #include "NimbOrraProviderApi/ProviderServer.h"
@@ -292,14 +293,16 @@ Reply sendThroughTransport(const ProviderRequest& request) {
     return reply;
 }
 
-// The header fields nghttp2 passes on: it drops those whose names are not HTTP tokens (rather
-// than refusing the request), so the transport never sees them.
+// The header fields as the server's nghttp2 passes them on: nghttp2's client sends names in
+// lower case, and the server drops those that are not HTTP tokens (rather than refusing the
+// request), so the transport never sees them.
 ProviderRequest asPassedOn(ProviderRequest request) {
+    for (auto& header : request.headers) {
+        header.first = platform::asciiLowercased(header.first);
+    }
     std::erase_if(request.headers, [](const auto& header) {
         const auto& name = header.first;
         return (name.empty() || name[0] != ':') &&
-               std::none_of(name.begin(), name.end(),
-                            [](char c) { return c >= 'A' && c <= 'Z'; }) &&
                nghttp2_check_header_name(reinterpret_cast<const std::uint8_t*>(name.data()),
                                          name.size()) == 0;
     });
