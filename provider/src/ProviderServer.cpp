@@ -319,7 +319,8 @@ bool ProviderServer::Impl::charge(detail::ProviderConnection& connection, std::s
         return true;
     }
     // The budget is spent. A connection holding less than its fair share takes room from the
-    // one holding the most, as long as that one holds more than its share; anyone else waits.
+    // one holding the most, as long as that one holds more than its share; any other stream is
+    // refused.
     const std::size_t holders = holders_ + (connection.held() == 0 ? 1 : 0);
     const std::size_t share = limit / holders;
     if (connection.held() + bytes > share) {

@@ -56,9 +56,10 @@ ProviderRecord recordFor(const PushNotificationRequest& request, ProviderOutcome
     return record;
 }
 
-platform::IncomingRemoteNotification incomingFor(const PushNotificationRequest& request) {
+// The notification the device takes; the payload moves out of `request` (a copy for a kept one).
+platform::IncomingRemoteNotification incomingFor(PushNotificationRequest& request) {
     return {request.apnsId, request.collapseId, std::string(pushTypeName(request.pushType)),
-            request.payload};
+            std::move(request.payload)};
 }
 
 // A refusal of the service's own (not the rules'), for an accepted request it cannot deliver.
@@ -108,7 +109,9 @@ ProviderService::ProviderService(std::string bundleIdentifier,
       observer_(observer),
       token_(deviceToken ? std::move(*deviceToken) : randomToken()),
       queue_(std::make_unique<platform::DispatchQueue>("com.nimborra.provider.delivery",
-                                                       platform::DispatchQoS::userInitiated)) {}
+                                                       platform::DispatchQoS::userInitiated)) {
+    updateDestination();
+}
 
 ProviderService::~ProviderService() {
     stop();
@@ -126,9 +129,14 @@ std::optional<platform::Data> ProviderService::deviceToken() const {
     return token_;
 }
 
-ProviderDestination ProviderService::destination() const {
+std::shared_ptr<const ProviderDestination> ProviderService::destination() const {
     const std::lock_guard lock(mutex_);
-    return {bundleIdentifier_, hex(token_), unregisteredAt_, environment_};
+    return destination_;
+}
+
+void ProviderService::updateDestination() {
+    destination_ = std::make_shared<const ProviderDestination>(
+        ProviderDestination{bundleIdentifier_, hex(token_), unregisteredAt_, environment_});
 }
 
 void ProviderService::setDeviceRegistered(bool registered) {
@@ -136,12 +144,14 @@ void ProviderService::setDeviceRegistered(bool registered) {
     if (!registered) {
         if (!unregisteredAt_) {
             unregisteredAt_ = nowMilliseconds();
+            updateDestination();
         }
         return;
     }
     if (unregisteredAt_) {
         unregisteredAt_.reset();
         token_ = randomToken();
+        updateDestination();
     }
 }
 
@@ -193,7 +203,7 @@ void ProviderService::record(const ProviderRefusal& refusal) {
 void ProviderService::handle(ProviderRequest request,
                              const ConnectionAuthentication& authentication,
                              ProviderResponder respond) {
-    auto verdict = checkProviderRequest(request, destination(), authentication, nowSeconds());
+    auto verdict = checkProviderRequest(request, *destination(), authentication, nowSeconds());
     if (auto* refusal = std::get_if<ProviderRefusal>(&verdict)) {
         record(*refusal);
         respond({refusal->status, refusal->apnsId, refusalBody(*refusal)});
@@ -243,7 +253,7 @@ void ProviderService::refused(const TransportRefusal& refusal) {
     observer_.requestHandled(record);
 }
 
-void ProviderService::deliver(const PushNotificationRequest& request, ProviderResponder& respond) {
+void ProviderService::deliver(PushNotificationRequest& request, ProviderResponder& respond) {
     std::unique_lock lock(mutex_);
     if (!online_) {
         // The service keeps only the newest notification that may still wait.

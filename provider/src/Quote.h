@@ -14,8 +14,11 @@ inline constexpr std::size_t kQuotedLimit = 80;
 
 inline std::string quotedText(std::string_view text) {
     const bool cut = text.size() > kQuotedLimit;
-    return "\"" + platform::validUTF8(text.substr(0, cut ? kQuotedLimit : text.size())) +
-           (cut ? "...\"" : "\"");
+    // Appended piece by piece: GCC 12 warns (-Wrestrict, wrongly) about "\"" + std::string.
+    std::string quoted(1, '"');
+    quoted += platform::validUTF8(text.substr(0, cut ? kQuotedLimit : text.size()));
+    quoted += cut ? "...\"" : "\"";
+    return quoted;
 }
 
 }  // namespace nimborra::provider::detail

@@ -110,7 +110,7 @@ struct ProviderServerOptions {
     std::uint32_t maximumHeaderListSize = 16 * 1024;
     std::size_t maximumPendingRequests = 256;
     // Bytes for every unfinished and unanswered request together.
-    std::size_t memoryBudget = 16 * 1024 * 1024;
+    std::size_t memoryBudget = 6 * 1024 * 1024;
     std::chrono::milliseconds handshakeTimeout{10000};
     std::chrono::seconds idleTimeout{3600};
     // How long stop() lets clients finish the streams they have begun before it resets them.

@@ -117,10 +117,13 @@ class ProviderService final : public ProviderRequestHandler {
     void stop();
 
   private:
-    void deliver(const PushNotificationRequest& request, ProviderResponder& respond);
+    void deliver(PushNotificationRequest& request, ProviderResponder& respond);
     void present(const PushNotificationRequest& request, ProviderOutcome outcome);
     void record(const ProviderRefusal& refusal);
-    ProviderDestination destination() const;
+    // What the rules compare requests with; replaced, never changed, when the device changes,
+    // so that a request's check shares it without copying.
+    std::shared_ptr<const ProviderDestination> destination() const;
+    void updateDestination();
 
     const std::string bundleIdentifier_;
     const std::optional<ApnsEnvironment> environment_;
@@ -132,6 +135,7 @@ class ProviderService final : public ProviderRequestHandler {
     std::optional<std::int64_t> unregisteredAt_;
     bool online_ = true;
     std::optional<PushNotificationRequest> kept_;
+    std::shared_ptr<const ProviderDestination> destination_;
     // Null once stopped.
     std::unique_ptr<platform::DispatchQueue> queue_;
 };
