@@ -87,10 +87,6 @@ EscapeLanes escapeLanes(__m128i bytes) {
     return {special, control};
 }
 
-bool needsNoEscape(__m128i bytes) {
-    const EscapeLanes lanes = escapeLanes(bytes);
-    return _mm_movemask_epi8(_mm_or_si128(lanes.special, lanes.control)) == 0;
-}
 #endif
 
 // How many bytes escaping adds to `text`. Sixteen bytes at a time where SSE2 is available (every
@@ -161,7 +157,7 @@ constexpr std::array<EscapedByte, 256> kEscapedBytes = [] {
 }();
 
 // The room writeEscaped may write beyond the end of its output (never counted in it).
-constexpr std::size_t kEscapeSlack = 8;
+constexpr std::size_t kEscapeSlack = 16;
 
 // Writes the escaped bytes of `text` at `p`, where escapeExtra(text) + text.size() bytes plus
 // kEscapeSlack more are available, and returns the end of what it wrote.
@@ -169,20 +165,27 @@ char* writeEscaped(char* p, std::string_view text) {
     const char* in = text.data();
     const char* const end = in + text.size();
 #if defined(__SSE2__)
-    // Blocks without an escape are copied whole; the others byte by byte, without branches.
+    // Sixteen bytes are copied at a time; where one of them needs an escape, the copy counts only
+    // up to that byte, its escape follows, and the next sixteen start after it. So each escape
+    // costs one step, however densely they come (quotation marks and solidi in nested JSON).
     while (end - in >= 16) {
         const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
-        if (needsNoEscape(bytes)) {
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bytes);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bytes);
+        const EscapeLanes lanes = escapeLanes(bytes);
+        const auto mask =
+            static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(lanes.special, lanes.control)));
+        if (mask == 0) {
             in += 16;
             p += 16;
             continue;
         }
-        for (const char* const blockEnd = in + 16; in != blockEnd; ++in) {
-            const EscapedByte& escaped = kEscapedBytes[static_cast<unsigned char>(*in)];
-            std::memcpy(p, escaped.bytes, 8);
-            p += escaped.length;
-        }
+        const auto clean = static_cast<std::size_t>(std::countr_zero(mask));
+        in += clean;
+        p += clean;
+        const EscapedByte& escaped = kEscapedBytes[static_cast<unsigned char>(*in)];
+        std::memcpy(p, escaped.bytes, 8);
+        p += escaped.length;
+        ++in;
     }
 #endif
     for (; in != end; ++in) {
