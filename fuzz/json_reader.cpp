@@ -25,14 +25,16 @@ Value fromSimdjson(simdjson::dom::element element) {
     switch (element.type()) {
         case element_type::ARRAY: {
             Array array;
-            for (simdjson::dom::element item : element.get_array().value_unsafe()) {
+            const simdjson::dom::array items = element.get_array().value_unsafe();
+            for (simdjson::dom::element item : items) {
                 array.push_back(fromSimdjson(item));
             }
             return Value(std::move(array));
         }
         case element_type::OBJECT: {
             Dictionary dictionary;
-            for (simdjson::dom::key_value_pair member : element.get_object().value_unsafe()) {
+            const simdjson::dom::object members = element.get_object().value_unsafe();
+            for (simdjson::dom::key_value_pair member : members) {
                 dictionary.set(Key(std::string(member.key)), fromSimdjson(member.value));
             }
             return Value(std::move(dictionary));

@@ -57,7 +57,7 @@ void EncodingContext::writeKey(std::string_view key) {
 }
 
 void EncodingContext::write(bool value) {
-    out_ += value ? "true" : "false";
+    out_ += value ? std::string_view("true") : std::string_view("false");
 }
 
 void EncodingContext::write(std::int64_t value) {

@@ -185,8 +185,14 @@ std::string refusalReason(std::string_view text) {
 // One value of a parsed document. A container's entry is followed by its elements (an object's
 // by a text entry for each key, then that key's value), and `next` is the index just past the
 // container's last element, so that siblings are found by following `next`.
+struct TextSpan {
+    std::uint32_t offset;
+    std::uint32_t length;
+};
+
 struct TapeEntry {
-    Value::Kind kind;
+    // A Value::Kind.
+    std::uint8_t kind;
     // Text: the unescaped bytes are in the document's own buffer, not in the input.
     bool unescaped;
     std::uint32_t next;
@@ -195,13 +201,13 @@ struct TapeEntry {
         std::int64_t integer;
         std::uint64_t unsignedInteger;
         double real;
-        struct {
-            std::uint32_t offset;
-            std::uint32_t length;
-        } text;
-        std::uint32_t count;  // elements of an array, members of an object
+        TextSpan text;
     };
+
+    Value::Kind valueKind() const { return static_cast<Value::Kind>(kind); }
 };
+
+static_assert(sizeof(TapeEntry) == 16);
 
 // The largest text the tape can address (its offsets are 32 bits), as simdjson's limit.
 constexpr std::size_t kLargestText = 0xFFFFFFFF;
@@ -278,7 +284,7 @@ class Reader {
         begin_ = text.data();
         end_ = text.data() + text.size();
         tape_ = doc_.tape.data();
-        capacity_ = static_cast<std::uint32_t>(doc_.tape.size());
+        capacity_ = doc_.tape.size();
         used_ = 0;
         doc_.strings.clear();
 
@@ -301,7 +307,7 @@ class Reader {
                     return false;
                 }
                 const bool object = *p == '{';
-                stack[depth++] = {used_, object};
+                stack[depth++] = {static_cast<std::uint32_t>(used_), object};
                 push(object ? Value::Kind::dictionary : Value::Kind::array);
                 p = skipWhitespace(p + 1);
                 if (p != end_ && *p == (object ? '}' : ']')) {
@@ -352,12 +358,11 @@ class Reader {
             }
             // The closing entry that no value owns.
             push(Value::Kind::null);
-            doc_.entries = used_ - 1;
+            doc_.entries = static_cast<std::uint32_t>(used_ - 1);
             return true;
         }
         {
             const Frame frame = stack[depth - 1];
-            ++tape_[frame.entry].count;
             p = skipWhitespace(p);
             if (p == end_) {
                 return false;
@@ -399,21 +404,22 @@ class Reader {
             grow();
         }
         TapeEntry& entry = tape_[used_];
-        entry.kind = kind;
+        entry.kind = static_cast<std::uint8_t>(kind);
         entry.unescaped = false;
-        entry.next = ++used_;
+        entry.next = static_cast<std::uint32_t>(++used_);
         entry.integer = 0;
         return entry;
     }
 
     void grow() {
-        const std::size_t capacity = std::max<std::size_t>(64, std::size_t{capacity_} * 2);
-        doc_.tape.resize(capacity);
+        capacity_ = std::max<std::size_t>(64, capacity_ * 2);
+        doc_.tape.resize(capacity_);
         tape_ = doc_.tape.data();
-        capacity_ = static_cast<std::uint32_t>(capacity);
     }
 
-    void close(std::uint32_t container) { tape_[container].next = used_; }
+    void close(std::uint32_t container) {
+        tape_[container].next = static_cast<std::uint32_t>(used_);
+    }
 
     const char* skipWhitespace(const char* p) const {
         while (p != end_ && isWhitespace(*p)) {
@@ -688,8 +694,10 @@ class Reader {
     const char* begin_ = nullptr;
     const char* end_ = nullptr;
     TapeEntry* tape_ = nullptr;
-    std::uint32_t capacity_ = 0;
-    std::uint32_t used_ = 0;
+    // Of another type than the tape's fields, so that writing an entry is not taken to change
+    // them.
+    std::size_t capacity_ = 0;
+    std::size_t used_ = 0;
     bool sawHighBit_ = false;
 };
 
@@ -712,25 +720,24 @@ constexpr std::size_t kKeptStringBytes = 1 << 20;
 // document of its own, so that the visited one stays intact.
 class DocumentLease {
   public:
-    DocumentLease() {
-        if (!taken) {
-            document_ = &threadDocument();
-            taken = true;
-            ownsThread_ = true;
+    DocumentLease() : thread_(threadDocument()) {
+        if (!thread_.taken) {
+            thread_.taken = true;
+            document_ = &thread_.document;
         } else {
             own_.emplace();
             document_ = &*own_;
         }
     }
     ~DocumentLease() {
-        if (ownsThread_) {
+        if (document_ == &thread_.document) {
             if (document_->tape.size() > kKeptTapeEntries) {
                 std::vector<TapeEntry>().swap(document_->tape);
             }
             if (document_->strings.capacity() > kKeptStringBytes) {
                 std::string().swap(document_->strings);
             }
-            taken = false;
+            thread_.taken = false;
         }
     }
     DocumentLease(const DocumentLease&) = delete;
@@ -739,18 +746,19 @@ class DocumentLease {
     JSONDocument& document() { return *document_; }
 
   private:
-    static JSONDocument& threadDocument() {
-        thread_local JSONDocument document;
+    struct ThreadDocument {
+        JSONDocument document;
+        bool taken = false;
+    };
+    static ThreadDocument& threadDocument() {
+        thread_local ThreadDocument document;
         return document;
     }
-    static thread_local bool taken;
 
+    ThreadDocument& thread_;
     JSONDocument* document_ = nullptr;
     std::optional<JSONDocument> own_;
-    bool ownsThread_ = false;
 };
-
-thread_local bool DocumentLease::taken = false;
 
 // Parses `text` by the reading rules of jsonObject into `document`; on success the root is the
 // tape's first entry. On failure, `error` (when given) says why.
@@ -774,7 +782,7 @@ bool parseText(JSONDocument& document, std::string_view text, bool fragmentsAllo
         }
         return false;
     }
-    const Value::Kind root = document.tape.front().kind;
+    const Value::Kind root = document.tape.front().valueKind();
     if (!fragmentsAllowed && root != Value::Kind::array && root != Value::Kind::dictionary) {
         setError("the top-level value is not an array or an object");
         return false;
@@ -782,13 +790,24 @@ bool parseText(JSONDocument& document, std::string_view text, bool fragmentsAllo
     return true;
 }
 
+// The elements of the array, or members of the object, at `index`.
+std::size_t childCount(const JSONDocument& document, std::uint32_t index) {
+    const TapeEntry& container = document.tape[index];
+    const std::uint32_t step = container.valueKind() == Value::Kind::dictionary ? 1 : 0;
+    std::size_t count = 0;
+    for (std::uint32_t i = index + 1; i < container.next; i = document.tape[i + step].next) {
+        ++count;
+    }
+    return count;
+}
+
 // The Value of the tape entry at `index` and everything under it.
 Value convert(const JSONDocument& document, std::uint32_t index) {
     const TapeEntry& entry = document.tape[index];
-    switch (entry.kind) {
+    switch (entry.valueKind()) {
         case Value::Kind::array: {
             Array array;
-            array.reserve(entry.count);
+            array.reserve(childCount(document, index));
             for (std::uint32_t i = index + 1; i < entry.next; i = document.tape[i].next) {
                 array.push_back(convert(document, i));
             }
@@ -796,7 +815,7 @@ Value convert(const JSONDocument& document, std::uint32_t index) {
         }
         case Value::Kind::dictionary: {
             Dictionary dictionary;
-            dictionary.reserve(entry.count);
+            dictionary.reserve(childCount(document, index));
             for (std::uint32_t i = index + 1; i < entry.next; i = document.tape[i + 1].next) {
                 // Dictionary::set replaces an earlier equal key, so the last duplicate wins.
                 dictionary.set(Key(document.text(document.tape[i])), convert(document, i + 1));
@@ -827,7 +846,7 @@ const JSONDocument& documentOf(const void* document) {
 // Makes views; their constructor is private to the reader.
 struct JSONElementAccess {
     static JSONElement view(const JSONDocument& document, std::uint32_t index) {
-        return JSONElement(&document, index, document.tape[index].kind);
+        return JSONElement(&document, index, document.tape[index].valueKind());
     }
 };
 
@@ -924,7 +943,7 @@ std::size_t JSONElement::size() const {
     if (kind_ != Value::Kind::array && kind_ != Value::Kind::dictionary) {
         return 0;
     }
-    return documentOf(document_).tape[index_].count;
+    return childCount(documentOf(document_), static_cast<std::uint32_t>(index_));
 }
 
 JSONElement::Iterator JSONElement::begin() const {
@@ -935,7 +954,7 @@ JSONElement::Iterator JSONElement::begin() const {
     const JSONDocument& document = documentOf(document_);
     position.document_ = document_;
     position.index_ = index_ + 1;
-    position.kind_ = document.tape[index_ + 1].kind;
+    position.kind_ = document.tape[index_ + 1].valueKind();
     return position;
 }
 
@@ -953,7 +972,7 @@ JSONElement::Iterator& JSONElement::Iterator::operator++() {
     const JSONDocument& document = documentOf(document_);
     // Past the last element is the entry after the array, or the tape's closing null entry.
     index_ = document.tape[index_].next;
-    kind_ = document.tape[index_].kind;
+    kind_ = document.tape[index_].valueKind();
     return *this;
 }
 

@@ -374,6 +374,21 @@ bool isContainer(const Value& value) {
 }  // namespace
 
 void appendJSONString(std::string& out, std::string_view text) {
+    // Short texts (most keys and many values) are checked byte by byte and, when nothing in them
+    // needs an escape, appended as they stand.
+    constexpr std::size_t kShort = 16;
+    if (text.size() < kShort) {
+        unsigned escapes = 0;
+        for (const char c : text) {
+            escapes |= kEscapeExtra[static_cast<unsigned char>(c)];
+        }
+        if (escapes == 0) {
+            out += '"';
+            out += text;
+            out += '"';
+            return;
+        }
+    }
     // Two passes: the first sizes the literal exactly, the second writes it in place, so that a
     // long text costs at most one reallocation and no per-character appends.
     const std::size_t extra = escapeExtra(text);
@@ -460,6 +475,27 @@ std::optional<std::string> JSONSerialization::data(const Value& value, JSONWriti
         std::string out;
         Writer writer{out, options.sortedKeys, {}};
         if (!writer.write(value, 0)) {
+            if (error != nullptr) {
+                *error = std::move(writer.error);
+            }
+            return std::nullopt;
+        }
+        return out;
+    } catch (const std::exception& e) {
+        if (error != nullptr) {
+            *error = e.what();
+        }
+        return std::nullopt;
+    }
+}
+
+std::optional<std::string> JSONSerialization::data(const Dictionary& object,
+                                                   JSONWritingOptions options, std::string* error) {
+    try {
+        std::string out;
+        Writer writer{out, options.sortedKeys, {}};
+        // At the depth that data(Value) gives a top-level dictionary.
+        if (!writer.writeDictionary(object, 1)) {
             if (error != nullptr) {
                 *error = std::move(writer.error);
             }

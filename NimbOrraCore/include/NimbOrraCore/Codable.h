@@ -91,6 +91,27 @@ constexpr E fromWireValue(std::int64_t raw) {
 
 namespace detail {
 
+// The text that introduces a member: its key in quotation marks and the colon, after a comma
+// unless it is the first member. Made when the record's coding is compiled.
+template <std::size_t Length>
+struct MemberOpening {
+    char text[Length];
+
+    constexpr MemberOpening(std::string_view key, bool first) : text{} {
+        std::size_t at = 0;
+        if (!first) {
+            text[at++] = ',';
+        }
+        text[at++] = '"';
+        for (const char c : key) {
+            text[at++] = c;
+        }
+        text[at++] = '"';
+        text[at] = ':';
+    }
+    constexpr std::string_view view() const { return {text, Length}; }
+};
+
 // Whether a key is written as it stands between quotation marks: no character of it needs an
 // escape. Record keys are constants, so this is settled when the record's coding is compiled.
 constexpr bool isPlainKey(std::string_view key) {
@@ -174,14 +195,14 @@ void encodeRecord(EncodingContext& context, const R& record) {
                     return;
                 }
                 constexpr auto& field = std::get<I>(fields);
-                if constexpr (I > 0) {
-                    out += ',';
-                }
                 if constexpr (detail::isPlainKey(field.key)) {
-                    out += '"';
-                    out += field.key;
-                    out += "\":";
+                    static constexpr detail::MemberOpening<field.key.size() + (I > 0 ? 4 : 3)>
+                        opening(field.key, I == 0);
+                    out += opening.view();
                 } else {
+                    if constexpr (I > 0) {
+                        out += ',';
+                    }
                     context.writeKey(field.key);
                 }
                 encodeValue(context, record.*(field.member));
@@ -313,24 +334,22 @@ bool decodeValue(DecodingContext& context, const platform::JSONElement& value, T
     } else if constexpr (CodableRecord<T>) {
         return decodeRecord(context, value, out);
     } else {
-        // std::vector<E>
+        // std::vector<E>, read in place: on a failure the whole decoding fails, so a vector
+        // left half read is never handed out.
         const auto array = context.readArray(value);
         if (!array) {
             return false;
         }
-        T result;
-        result.reserve(array->size());
+        out.clear();
+        out.reserve(array->size());
         std::size_t index = 0;
         for (const auto& item : *array) {
-            typename T::value_type element{};
-            if (!decodeValue(context, item, element)) {
+            if (!decodeValue(context, item, out.emplace_back())) {
                 context.leaveIndex(index);
                 return false;
             }
-            result.push_back(std::move(element));
             ++index;
         }
-        out = std::move(result);
         return true;
     }
 }
