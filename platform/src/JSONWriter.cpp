@@ -165,27 +165,37 @@ char* writeEscaped(char* p, std::string_view text) {
     const char* in = text.data();
     const char* const end = in + text.size();
 #if defined(__SSE2__)
-    // Sixteen bytes are copied at a time; where one of them needs an escape, the copy counts only
-    // up to that byte, its escape follows, and the next sixteen start after it. So each escape
-    // costs one step, however densely they come (quotation marks and solidi in nested JSON).
-    while (end - in >= 16) {
+    // Sixteen bytes at a time. A block without escapes is copied whole; in one with escapes, each
+    // clean stretch is copied with one 16-byte store (the bytes after it are overwritten next)
+    // and each escape with one 8-byte store, walking the block's escape mask, so that densely
+    // escaped text (quotation marks and solidi in nested JSON) costs one step per escape.
+    // Stores reach at most 16 bytes past what is written: the slack.
+    while (end - in >= 32) {
         const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bytes);
         const EscapeLanes lanes = escapeLanes(bytes);
-        const auto mask =
+        auto mask =
             static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(lanes.special, lanes.control)));
         if (mask == 0) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bytes);
             in += 16;
             p += 16;
             continue;
         }
-        const auto clean = static_cast<std::size_t>(std::countr_zero(mask));
-        in += clean;
-        p += clean;
-        const EscapedByte& escaped = kEscapedBytes[static_cast<unsigned char>(*in)];
-        std::memcpy(p, escaped.bytes, 8);
-        p += escaped.length;
-        ++in;
+        unsigned done = 0;
+        while (mask != 0) {
+            const auto at = static_cast<unsigned>(std::countr_zero(mask));
+            std::memcpy(p, in + done, 16);
+            p += at - done;
+            const EscapedByte& escaped = kEscapedBytes[static_cast<unsigned char>(in[at])];
+            std::memcpy(p, escaped.bytes, 8);
+            p += escaped.length;
+            done = at + 1;
+            mask &= mask - 1;
+        }
+        // The rest of the block (reading ahead into the next one, which is there).
+        std::memcpy(p, in + done, 16);
+        p += 16 - done;
+        in += 16;
     }
 #endif
     for (; in != end; ++in) {
