@@ -20,45 +20,32 @@ std::string describeNumber(double number) {
 
 }  // namespace
 
-// ---- CodingPath -------------------------------------------------------------------------------
-
-std::string detail::CodingPath::format() const {
-    std::string text;
-    for (std::size_t i = 0; i < size_; ++i) {
-        const Component& component =
-            i < inlineCapacity ? inline_[i] : overflow_[i - inlineCapacity];
-        if (component.isIndex) {
-            text += '[';
-            text += std::to_string(component.index);
-            text += ']';
-        } else {
-            if (!text.empty()) {
-                text += '.';
-            }
-            text += component.key;
-        }
-    }
-    return text;
-}
-
 // ---- CodingState ------------------------------------------------------------------------------
 
-void CodingState::pushKey(std::string_view key) {
-    path_.push({key, 0, false});
-}
-void CodingState::pushIndex(std::size_t index) {
-    path_.push({{}, index, true});
-}
-void CodingState::pop() {
-    path_.pop();
-}
-std::string CodingState::codingPath() const {
-    return path_.format();
+CodingError CodingState::error() const {
+    // Dotted keys and bracketed indices from the outermost level in: "options[0]",
+    // "notification.badge".
+    std::string path;
+    for (auto component = path_.rbegin(); component != path_.rend(); ++component) {
+        if (component->isIndex) {
+            path += '[';
+            path += std::to_string(component->index);
+            path += ']';
+        } else {
+            if (!path.empty()) {
+                path += '.';
+            }
+            path += component->key;
+        }
+    }
+    return CodingError(kind_, std::move(path), detail_);
 }
 
 void CodingState::fail(CodingErrorKind kind, std::string detail) {
-    if (!error_) {
-        error_.emplace(kind, codingPath(), std::move(detail));
+    if (!failed_) {
+        failed_ = true;
+        kind_ = kind;
+        detail_ = std::move(detail);
     }
 }
 
@@ -70,7 +57,7 @@ void EncodingContext::writeKey(std::string_view key) {
 }
 
 void EncodingContext::write(bool value) {
-    out_ += value ? "true" : "false";
+    out_ += value ? std::string_view("true") : std::string_view("false");
 }
 
 void EncodingContext::write(std::int64_t value) {

@@ -39,7 +39,7 @@ class NIMBORRA_CORE_EXPORT JSONDecoder {
             return notJSON(reason);
         }
         if (!decoded) {
-            return *context.error();
+            return context.error();
         }
         return result;
     }

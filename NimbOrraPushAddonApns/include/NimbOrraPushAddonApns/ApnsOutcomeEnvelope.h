@@ -48,11 +48,16 @@ struct NIMBORRA_APNS_EXPORT ApnsOutcomeEnvelope {
     template <class Response>
     static core::CodingResult<std::string> reply(const ApnsServiceResult<Response>& result) {
         if (const Response* response = result.successValue()) {
-            auto encoded = core::OrraJSONCoding::makeEncoder().encode(*response);
+            // The response is encoded straight after the reply's opening, in one buffer.
+            std::string opening;
+            opening.reserve(kSuccessReplyCapacity);
+            opening += successOpening;
+            auto encoded =
+                core::OrraJSONCoding::makeEncoder().encode(*response, std::move(opening));
             if (!encoded.ok()) {
                 return encoded.error();
             }
-            return successReply(std::move(encoded).value());
+            return closeSuccessReply(std::move(encoded).value());
         }
         if (const auto* outcome = result.unknownValue()) {
             return unknownReply(*outcome);
@@ -60,8 +65,19 @@ struct NIMBORRA_APNS_EXPORT ApnsOutcomeEnvelope {
         return failureReply(*result.problem());
     }
 
+    // The text of a success reply before its response record.
+    static constexpr std::string_view successOpening = "{\"success\":";
+
     // Serialises a reply tree with the platform serialiser and applies both fall-backs.
     [[nodiscard]] static std::string serialise(const platform::Value& tree);
+
+  private:
+    // Room for the usual small success replies without a second allocation.
+    static constexpr std::size_t kSuccessReplyCapacity = 64;
+
+    // Completes a reply that holds successOpening and an encoded response: "{}" in place of an
+    // encoding that is not UTF-8, then the closing brace.
+    static std::string closeSuccessReply(std::string reply);
 };
 
 }  // namespace nimborra::apns

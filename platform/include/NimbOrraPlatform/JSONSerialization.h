@@ -47,6 +47,11 @@ class NIMBORRA_PLATFORM_EXPORT JSONSerialization {
     [[nodiscard]] static std::optional<std::string> data(const Value& value,
                                                          JSONWritingOptions options = {},
                                                          std::string* error = nullptr);
+    // The same for a dictionary, written as the top-level object without being copied into a
+    // Value first.
+    [[nodiscard]] static std::optional<std::string> data(const Dictionary& object,
+                                                         JSONWritingOptions options = {},
+                                                         std::string* error = nullptr);
 
     // True when `value` can be written: the top level is an array or a dictionary and, at any
     // depth (at most maximumDepth), keys are text and values are null, booleans, numbers
