@@ -16,6 +16,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "NimbOrraPlatform/Text.h"
+
 namespace nimborra::host {
 
 namespace {
@@ -179,19 +181,6 @@ int bindMount(const fs::path& source, const fs::path& target) {
     return ::mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) == 0 ? 0 : errno;
 }
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t index = 0; index < a.size(); ++index) {
-        const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
-        if (lower(a[index]) != lower(b[index])) {
-            return false;
-        }
-    }
-    return true;
-}
-
 }  // namespace
 
 std::string NetworkSandbox::hostsFile(std::string_view system, std::string_view address) {
@@ -216,9 +205,10 @@ std::string NetworkSandbox::hostsFile(std::string_view system, std::string_view 
             const std::string_view field = fields.substr(0, length);
             fields.remove_prefix(length);
             if (!std::exchange(first, false)) {
-                hasLocalhost = hasLocalhost || equalsIgnoringCase(field, "localhost");
+                hasLocalhost =
+                    hasLocalhost || platform::equalsIgnoringASCIICase(field, "localhost");
                 for (const auto name : hostNames) {
-                    apns = apns || equalsIgnoringCase(field, name);
+                    apns = apns || platform::equalsIgnoringASCIICase(field, name);
                 }
             }
         }
