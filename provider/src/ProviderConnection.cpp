@@ -26,6 +26,8 @@ namespace {
 constexpr std::size_t kOutputLimit = 16 * 1024;
 // How long a connection that is closing may take to write its last frames.
 constexpr auto kClosingGrace = std::chrono::seconds(1);
+constexpr std::string_view kBudgetSpent =
+    "refused a stream: unfinished and unanswered requests hold the whole memory budget";
 // What nghttp2 is told of the stream limit: never reached, so that a stream beyond the
 // advertised limit is refused here, alone, where nghttp2 would end the whole connection.
 constexpr std::uint32_t kNoStreamLimit = std::numeric_limits<std::uint32_t>::max();
@@ -103,7 +105,9 @@ bool ProviderConnection::setUp(event_base* base, evutil_socket_t fd) {
     }
     timer_ = evtimer_new(
         base, [](evutil_socket_t, short, void* c) { self(c)->timerFired(); }, this);
-    if (events_ == nullptr || timer_ == nullptr) {
+    resume_ = event_new(
+        base, -1, 0, [](evutil_socket_t, short, void* c) { self(c)->received(); }, this);
+    if (events_ == nullptr || timer_ == nullptr || resume_ == nullptr) {
         return false;
     }
     if (options.tokens) {
@@ -197,32 +201,48 @@ ProviderConnection::~ProviderConnection() {
     if (events_ != nullptr) {
         bufferevent_free(events_);
     }
-    if (timer_ != nullptr) {
-        event_free(timer_);
+    for (event* e : {timer_, resume_}) {
+        if (e != nullptr) {
+            event_free(e);
+        }
     }
     nghttp2_session_del(session_);
 }
 
+bool ProviderConnection::backlogged() const {
+    return ready_.size() >= kReadyLimit || host_.readingPaused();
+}
+
 void ProviderConnection::received() {
+    if (closed_) {
+        return;
+    }
     touch();
     evbuffer* input = bufferevent_get_input(events_);
-    const std::size_t length = evbuffer_get_length(input);
-    if (closing_ || length == 0) {
+    std::size_t length = evbuffer_get_length(input);
+    if (closing_) {
         evbuffer_drain(input, length);
         return;
     }
-    const unsigned char* data = evbuffer_pullup(input, -1);
-    const ssize_t used = nghttp2_session_mem_recv(session_, data, length);
-    evbuffer_drain(input, length);
-    for (const TransportRefusal& refusal : std::exchange(refusals_, {})) {
-        host_.refusedRequest(refusal);
-    }
-    if (used < 0) {
-        // Not HTTP/2 (an HTTP/1.1 request, say), or a protocol error: nghttp2 may have queued a
-        // GOAWAY saying which; it is sent and the connection closed.
-        logProtocolError(nghttp2_strerror(static_cast<int>(used)));
-        fail();
-        return;
+    // In slices, so that a client with many requests in one read parses no more of them than
+    // the server takes on; the rest waits in the input (and, once reading stops, in the
+    // client) until they are taken.
+    while (length > 0 && !backlogged()) {
+        const std::size_t slice = std::min(length, kReceiveSlice);
+        const unsigned char* data = evbuffer_pullup(input, static_cast<ssize_t>(slice));
+        const ssize_t used = nghttp2_session_mem_recv(session_, data, slice);
+        evbuffer_drain(input, slice);
+        length -= slice;
+        for (const TransportRefusal& refusal : std::exchange(refusals_, {})) {
+            host_.refusedRequest(refusal);
+        }
+        if (used < 0) {
+            // Not HTTP/2 (an HTTP/1.1 request, say), or a protocol error: nghttp2 may have
+            // queued a GOAWAY saying which; it is sent and the connection closed.
+            logProtocolError(nghttp2_strerror(static_cast<int>(used)));
+            fail();
+            return;
+        }
     }
     flush();
     if (!closed_ && !ready_.empty()) {
@@ -273,11 +293,15 @@ void ProviderConnection::updateReading() {
     if (closed_) {
         return;
     }
-    const bool read = !closing_ && !host_.readingPaused() && !outputBackedUp();
+    const bool read = !closing_ && !backlogged() && !outputBackedUp();
     if (read != reading_) {
         reading_ = read;
         if (read) {
             bufferevent_enable(events_, EV_READ);
+            // What was read before the pause is parsed at once, not when more arrives.
+            if (evbuffer_get_length(bufferevent_get_input(events_)) > 0) {
+                event_active(resume_, 0, 0);
+            }
         } else {
             bufferevent_disable(events_, EV_READ);
         }
@@ -332,6 +356,7 @@ void ProviderConnection::closeNow() {
     bufferevent_free(events_);
     events_ = nullptr;
     evtimer_del(timer_);
+    event_del(resume_);
     for (auto& [id, stream] : streams_) {
         stream.charged = 0;
     }
@@ -436,6 +461,9 @@ std::optional<std::pair<std::int32_t, ProviderRequest>> ProviderConnection::take
         Stream* stream = find(id);
         if (stream != nullptr && !stream->answered && !stream->reset) {
             ++awaitingAnswers_;
+            if (ready_.size() + 1 == kReadyLimit) {
+                updateReading();
+            }
             return std::pair{id, std::move(stream->request)};
         }
     }
@@ -532,9 +560,7 @@ int ProviderConnection::onBeginHeaders(nghttp2_session* session, const nghttp2_f
             return overLimit ? "refused a stream beyond the " +
                                    std::to_string(options.maximumConcurrentStreams) +
                                    " concurrent streams a connection may open"
-                             : "refused a stream: unfinished and unanswered requests hold the "
-                               "whole memory budget (" +
-                                   std::to_string(options.memoryBudget) + " bytes)";
+                             : std::string(kBudgetSpent);
         });
         return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;
     }
@@ -584,11 +610,7 @@ int ProviderConnection::onHeader(nghttp2_session*, const nghttp2_frame* frame,
         return 0;  // trailers: counted, not kept
     }
     if (!connection->chargeStream(*stream, cost)) {
-        connection->host_.line(LogLine::budget).write([&] {
-            return "refused a stream: unfinished and unanswered requests hold the whole memory "
-                   "budget (" +
-                   std::to_string(options.memoryBudget) + " bytes)";
-        });
+        connection->host_.line(LogLine::budget).write([] { return std::string(kBudgetSpent); });
         connection->resetStream(id, *stream, NGHTTP2_REFUSED_STREAM);
         return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;
     }
@@ -630,11 +652,7 @@ int ProviderConnection::onDataChunk(nghttp2_session*, std::uint8_t, std::int32_t
         return 0;
     }
     if (!connection->chargeStream(*stream, length)) {
-        connection->host_.line(LogLine::budget).write([&] {
-            return "refused a stream: unfinished and unanswered requests hold the whole memory "
-                   "budget (" +
-                   std::to_string(connection->host_.options().memoryBudget) + " bytes)";
-        });
+        connection->host_.line(LogLine::budget).write([] { return std::string(kBudgetSpent); });
         connection->resetStream(id, *stream, NGHTTP2_REFUSED_STREAM);
         return 0;
     }

@@ -67,7 +67,11 @@ class ProviderConnection {
   public:
     // The memory budget's charge for one stream before any of its headers: what nghttp2 and this
     // class keep for it (a little more than measured, so that the budget errs on the safe side).
-    static constexpr std::size_t kStreamCost = 1024;
+    static constexpr std::size_t kStreamCost = 768;
+    // Complete requests a connection may have waiting for the handler before it stops parsing
+    // its input, and how much input it parses at a time.
+    static constexpr std::size_t kReadyLimit = 8;
+    static constexpr std::size_t kReceiveSlice = 1024;
 
     // Serves `fd`; null (and the socket closed) when the connection cannot be set up.
     static std::unique_ptr<ProviderConnection> open(ConnectionHost& host, event_base* base,
@@ -128,6 +132,8 @@ class ProviderConnection {
     bool setUp(event_base* base, evutil_socket_t fd);
 
     void received();
+    // Too many complete requests wait, here or everywhere: parse no more for now.
+    bool backlogged() const;
     void flush();
     bool write(const std::uint8_t* data, std::size_t length);
     void fail();
@@ -164,6 +170,8 @@ class ProviderConnection {
     const std::uint64_t id_;
     bufferevent* events_ = nullptr;
     event* timer_ = nullptr;
+    // Parses what waits in the input once a backlog has cleared.
+    event* resume_ = nullptr;
     nghttp2_session* session_ = nullptr;
     std::unique_ptr<ProviderTokenSession> tokens_;
     ConnectionAuthentication authentication_;

@@ -137,7 +137,8 @@ struct ProviderServer::Impl final : detail::ConnectionHost {
     void stopStep();
     void finishIfDone();
     void add(detail::ProviderConnection& connection, std::size_t bytes);
-    detail::ProviderConnection* heaviest(const detail::ProviderConnection& besides);
+    std::size_t budget() const;
+    detail::ProviderConnection* heaviest(const detail::ProviderConnection* besides);
     detail::ProviderConnection* find(std::uint64_t id) {
         const auto it = connections_.find(id);
         return it == connections_.end() || it->second->closed() ? nullptr : it->second.get();
@@ -302,6 +303,14 @@ void ProviderServer::Impl::accepted(evutil_socket_t fd) {
         connections_.emplace(id, std::move(connection));
         ++open_;
     }
+    // The new connection's own cost came out of the budget: what requests hold beyond it now is
+    // given back by those holding the most.
+    while (used_ > budget()) {
+        auto* victim = heaviest(nullptr);
+        if (victim == nullptr || !victim->reclaim()) {
+            break;
+        }
+    }
 }
 
 void ProviderServer::Impl::add(detail::ProviderConnection& connection, std::size_t bytes) {
@@ -312,8 +321,21 @@ void ProviderServer::Impl::add(detail::ProviderConnection& connection, std::size
     used_ += bytes;
 }
 
+// Each open connection costs memory of its own (its TLS state, its HTTP/2 session, its HPACK
+// table, its buffers: measured, with a margin), set aside from memoryLimit before requests get
+// any; what is left, up to memoryBudget, is for requests.
+std::size_t ProviderServer::Impl::budget() const {
+    constexpr std::size_t kTlsConnectionCost = 44 * 1024;
+    constexpr std::size_t kCleartextConnectionCost = 20 * 1024;
+    constexpr std::size_t kLeast = 1024 * 1024;
+    const std::size_t reserved =
+        open_ * (options_.tls ? kTlsConnectionCost : kCleartextConnectionCost);
+    const std::size_t room = options_.memoryLimit > reserved ? options_.memoryLimit - reserved : 0;
+    return std::max(std::min(options_.memoryBudget, room), std::min(options_.memoryBudget, kLeast));
+}
+
 bool ProviderServer::Impl::charge(detail::ProviderConnection& connection, std::size_t bytes) {
-    const std::size_t limit = options_.memoryBudget;
+    const std::size_t limit = budget();
     if (used_ + bytes <= limit) {
         add(connection, bytes);
         return true;
@@ -327,7 +349,7 @@ bool ProviderServer::Impl::charge(detail::ProviderConnection& connection, std::s
         return false;
     }
     while (used_ + bytes > limit) {
-        auto* victim = heaviest(connection);
+        auto* victim = heaviest(&connection);
         if (victim == nullptr || victim->held() <= share || !victim->reclaim()) {
             return false;
         }
@@ -346,10 +368,10 @@ void ProviderServer::Impl::release(detail::ProviderConnection& connection, std::
 }
 
 detail::ProviderConnection* ProviderServer::Impl::heaviest(
-    const detail::ProviderConnection& besides) {
+    const detail::ProviderConnection* besides) {
     detail::ProviderConnection* found = nullptr;
     for (auto& [id, connection] : connections_) {
-        if (connection.get() != &besides && !connection->closed() &&
+        if (connection.get() != besides && !connection->closed() &&
             (found == nullptr || connection->held() > found->held())) {
             found = connection.get();
         }

@@ -19,7 +19,8 @@
 // - the body: no more than kVoipPayloadLimit bytes of it are held; a longer one is handed over
 //   marked bodyTooLarge as soon as it passes that, and the rest is read and dropped;
 // - memory: unfinished and unanswered requests (a fixed cost per stream, header lists as decoded,
-//   bodies) share one budget, memoryBudget. A stream that would take the server past it is
+//   bodies) share one budget: memoryBudget, less as connections open (memoryLimit less each
+//   open connection's own cost, 1 MB at least). A stream that would take the server past it is
 //   refused (REFUSED_STREAM) unless its connection holds less than its fair share (the budget
 //   divided among the connections holding any); then the oldest unfinished streams of the
 //   connection holding the most are refused to make room, or, when that one holds no unfinished
@@ -109,8 +110,12 @@ struct ProviderServerOptions {
     std::uint32_t maximumConcurrentStreams = 1000;
     std::uint32_t maximumHeaderListSize = 16 * 1024;
     std::size_t maximumPendingRequests = 256;
-    // Bytes for every unfinished and unanswered request together.
-    std::size_t memoryBudget = 6 * 1024 * 1024;
+    // Bytes for every unfinished and unanswered request together, at most; and the most the
+    // connections and their requests together may take: each open connection's own cost is set
+    // aside from memoryLimit first, so that the budget shrinks as connections open and the
+    // host stays within its bound at the connection limit.
+    std::size_t memoryBudget = 24 * 1024 * 1024;
+    std::size_t memoryLimit = 36 * 1024 * 1024;
     std::chrono::milliseconds handshakeTimeout{10000};
     std::chrono::seconds idleTimeout{3600};
     // How long stop() lets clients finish the streams they have begun before it resets them.
