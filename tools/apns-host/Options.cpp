@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <utility>
 
+#include "NimbOrraPlatform/Hex.h"
+
 namespace nimborra::host {
 
 namespace {
@@ -273,10 +275,16 @@ Output:
                                   profile's aps-environment), "topic", "deviceToken",
                                   "authentication" (what is checked)
   {"provider":{...}}              one per request, before the "system" line it causes:
-                                  "apnsId", "status", "reason" (null for 200), "topic",
-                                  "pushType", "priority" (null when unreadable), "outcome":
-                                  "delivered", "replaced", "kept while offline",
-                                  "discarded", "not handled by this add-on" or "refused"
+                                  "apnsId", "status" (null for a stream the transport
+                                  reset instead of answering), "reason" (null for 200),
+                                  "topic", "pushType", "priority" (null when unreadable),
+                                  "outcome": "delivered", "replaced", "kept while
+                                  offline", "discarded", "not handled by this add-on",
+                                  "refused" or "reset", "explanation" (why, for people;
+                                  null when accepted)
+  {"providerDelivery":{...}}      a notification kept while the device was offline, once
+                                  it is back online: "apnsId", "outcome" ("delivered",
+                                  "replaced" or "discarded")
   {"command":C} {"comment":T}     echoed input (--echo, --demo); a line that is not JSON is
                                   echoed as a string, bytes that are not UTF-8 replaced
                                   by U+FFFD
@@ -395,28 +403,7 @@ std::optional<std::vector<std::uint8_t>> readDeviceToken(std::string_view text) 
     if (text.size() != 64) {
         return std::nullopt;
     }
-    const auto digit = [](char c) -> int {
-        if (c >= '0' && c <= '9') {
-            return c - '0';
-        }
-        if (c >= 'a' && c <= 'f') {
-            return c - 'a' + 10;
-        }
-        if (c >= 'A' && c <= 'F') {
-            return c - 'A' + 10;
-        }
-        return -1;
-    };
-    std::vector<std::uint8_t> bytes;
-    for (std::size_t index = 0; index < text.size(); index += 2) {
-        const int high = digit(text[index]);
-        const int low = digit(text[index + 1]);
-        if (high < 0 || low < 0) {
-            return std::nullopt;
-        }
-        bytes.push_back(static_cast<std::uint8_t>(high * 16 + low));
-    }
-    return bytes;
+    return platform::hexDecodedData(text);
 }
 
 // The provider options that only make sense together; the reason when they do not.
