@@ -28,16 +28,17 @@ namespace nimborra::bench {
 namespace {
 
 constexpr std::size_t kProfileSize = 12 * 1024;
-constexpr std::string_view kFirstDevice = "\t\t<string>00008030-001A2B3C4D5E6F70</string>\n";
+constexpr std::string_view kFirstDevice = "<string>00008030-001A2B3C4D5E6F70</string>";
 
 // The test profile's property list with `extraDevices` more provisioned devices, which is how
-// real development profiles grow.
+// real development profiles grow. Each device adds a line of the same length, inserted after the
+// first device; the profile stays unpadded when that device is not found.
 std::string paddedPlist(std::size_t extraDevices) {
     std::string xml = testing::profilePlist("development");
     std::string devices;
     for (std::size_t i = 0; i < extraDevices; ++i) {
         char line[64];
-        std::snprintf(line, sizeof line, "\t\t<string>00008110-%016zX</string>\n",
+        std::snprintf(line, sizeof line, "\n<string>00008110-%016zX</string>",
                       0x1A2B3C4D5E6F7000 + i * 0x1111);
         devices += line;
     }
@@ -60,7 +61,9 @@ class ProfileBundle {
         const std::size_t overhead = first->size() - paddedPlist(0).size();
         const std::size_t deviceLine = paddedPlist(1).size() - paddedPlist(0).size();
         const std::size_t fixed = overhead + paddedPlist(0).size();
-        const std::size_t wanted = fixed < kProfileSize ? (kProfileSize - fixed) / deviceLine : 0;
+        // deviceLine is 0 when the first device could not be found: no padding then.
+        const std::size_t wanted =
+            fixed < kProfileSize && deviceLine > 0 ? (kProfileSize - fixed) / deviceLine : 0;
         const auto profile = testing::makeSignedProfile(paddedPlist(wanted));
         if (!profile) {
             return;

@@ -114,7 +114,10 @@ void RoundTripQueueFloor(benchmark::State& state) {
     platform::DispatchQueue queue("com.nimborra.bench.floor", platform::DispatchQoS::userInitiated);
     std::binary_semaphore answered{0};
     for (auto _ : state) {
-        queue.async([&answered] { answered.release(); });
+        if (!queue.async([&answered] { answered.release(); })) {
+            state.SkipWithError("the queue refused a work item");
+            return;
+        }
         answered.acquire();
     }
 }
@@ -142,17 +145,27 @@ void PipelinedPlugin(benchmark::State& state) {
 
 void PipelinedQueueFloor(benchmark::State& state) {
     platform::DispatchQueue queue("com.nimborra.bench.floor", platform::DispatchQoS::userInitiated);
+    bool refused = false;
     for (auto _ : state) {
         std::atomic<std::int64_t> remaining{kPipelinedCalls};
         std::binary_semaphore allAnswered{0};
+        const auto countDown = [&] {
+            if (remaining.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+                allAnswered.release();
+            }
+        };
         for (std::int64_t i = 0; i < kPipelinedCalls; ++i) {
-            queue.async([&] {
-                if (remaining.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-                    allAnswered.release();
-                }
-            });
+            if (!queue.async(countDown)) {
+                // Counted here instead, so that the wait below still ends.
+                refused = true;
+                countDown();
+            }
         }
         allAnswered.acquire();
+    }
+    if (refused) {
+        state.SkipWithError("the queue refused work items");
+        return;
     }
     state.counters["calls_per_second"] = benchmark::Counter(
         static_cast<double>(kPipelinedCalls), benchmark::Counter::kIsIterationInvariantRate);

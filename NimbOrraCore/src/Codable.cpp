@@ -18,90 +18,34 @@ std::string describeNumber(double number) {
     return text;
 }
 
-// Reads an integral number of type Int into `out`: integers in range, and reals that are
-// integral and in range (3.0, 1e2). Anything else numeric is dataCorrupted.
-template <class Int, class Source>
-bool readInteger(DecodingContext& context, const Source& value, Int& out,
-                 std::string_view typeName) {
-    constexpr auto lowest = std::numeric_limits<Int>::min();
-    constexpr auto highest = std::numeric_limits<Int>::max();
-    if (const auto i = value.integer()) {
-        if (*i < lowest || *i > highest) {
-            context.fail(
-                CodingErrorKind::dataCorrupted,
-                "the number " + std::to_string(*i) + " does not fit in " + std::string(typeName));
-            return false;
-        }
-        out = static_cast<Int>(*i);
-        return true;
-    }
-    if (const auto u = value.unsignedInteger()) {
-        context.fail(
-            CodingErrorKind::dataCorrupted,
-            "the number " + std::to_string(*u) + " does not fit in " + std::string(typeName));
-        return false;
-    }
-    if (const auto r = value.real()) {
-        const double d = *r;
-        if (std::trunc(d) != d) {
-            context.fail(CodingErrorKind::dataCorrupted,
-                         "the number " + describeNumber(d) + " is not an integer");
-            return false;
-        }
-        // Bounds as doubles: lowest is exact (a power of two), highest + 1 likewise.
-        if (d < static_cast<double>(lowest) || d >= -static_cast<double>(lowest)) {
-            context.fail(
-                CodingErrorKind::dataCorrupted,
-                "the number " + describeNumber(d) + " does not fit in " + std::string(typeName));
-            return false;
-        }
-        out = static_cast<Int>(d);
-        return true;
-    }
-    return false;
-}
-
 }  // namespace
-
-// ---- CodingPath -------------------------------------------------------------------------------
-
-std::string detail::CodingPath::format() const {
-    std::string text;
-    for (std::size_t i = 0; i < size_; ++i) {
-        const Component& component =
-            i < inlineCapacity ? inline_[i] : overflow_[i - inlineCapacity];
-        if (component.isIndex) {
-            text += '[';
-            text += std::to_string(component.index);
-            text += ']';
-        } else {
-            if (!text.empty()) {
-                text += '.';
-            }
-            text += component.key;
-        }
-    }
-    return text;
-}
 
 // ---- CodingState ------------------------------------------------------------------------------
 
-void CodingState::pushKey(std::string_view key) {
-    path_.push({key, 0, false});
-}
-void CodingState::pushIndex(std::size_t index) {
-    path_.push({{}, index, true});
-}
-void CodingState::pop() {
-    path_.pop();
-}
-std::string CodingState::codingPath() const {
-    return path_.format();
+CodingError CodingState::error() const {
+    // Dotted keys and bracketed indices from the outermost level in: "options[0]",
+    // "notification.badge".
+    std::string path;
+    for (auto component = path_.rbegin(); component != path_.rend(); ++component) {
+        if (component->isIndex) {
+            path += '[';
+            path += std::to_string(component->index);
+            path += ']';
+        } else {
+            if (!path.empty()) {
+                path += '.';
+            }
+            path += component->key;
+        }
+    }
+    return CodingError(kind_, std::move(path), detail_);
 }
 
 void CodingState::fail(CodingErrorKind kind, std::string detail) {
-    if (!error_) {
-        error_.emplace(kind, codingPath(), std::move(detail));
+    if (!failed_) {
+        failed_ = true;
+        kind_ = kind;
+        detail_ = std::move(detail);
     }
 }
 
@@ -113,7 +57,7 @@ void EncodingContext::writeKey(std::string_view key) {
 }
 
 void EncodingContext::write(bool value) {
-    out_ += value ? "true" : "false";
+    out_ += value ? std::string_view("true") : std::string_view("false");
 }
 
 void EncodingContext::write(std::int64_t value) {
@@ -139,11 +83,7 @@ void EncodingContext::write(const platform::Data& value) {
 
 // ---- DecodingContext --------------------------------------------------------------------------
 
-// Both sources share every rule below; only the way a value is looked at differs, and both
-// offer the same accessors (a pointer for a Value, an optional for a view).
-
-template <class Source>
-void DecodingContext::mismatch(std::string_view expected, const Source& found) {
+void DecodingContext::mismatch(std::string_view expected, const platform::JSONElement& found) {
     if (found.isNull()) {
         fail(CodingErrorKind::valueNotFound,
              "expected " + std::string(expected) + " but found null");
@@ -153,8 +93,49 @@ void DecodingContext::mismatch(std::string_view expected, const Source& found) {
     }
 }
 
-template <class Source>
-bool DecodingContext::readBoolean(const Source& value, bool& out) {
+// Reads an integral number of type Int into `out`: integers in range, and reals that are
+// integral and in range (3.0, 1e2). Anything else numeric is dataCorrupted; anything else a
+// mismatch.
+template <class Int>
+bool DecodingContext::readInteger(const platform::JSONElement& value, Int& out,
+                                  std::string_view typeName) {
+    constexpr auto lowest = std::numeric_limits<Int>::min();
+    constexpr auto highest = std::numeric_limits<Int>::max();
+    if (const auto i = value.integer()) {
+        if (*i < lowest || *i > highest) {
+            fail(CodingErrorKind::dataCorrupted,
+                 "the number " + std::to_string(*i) + " does not fit in " + std::string(typeName));
+            return false;
+        }
+        out = static_cast<Int>(*i);
+        return true;
+    }
+    if (const auto u = value.unsignedInteger()) {
+        fail(CodingErrorKind::dataCorrupted,
+             "the number " + std::to_string(*u) + " does not fit in " + std::string(typeName));
+        return false;
+    }
+    if (const auto r = value.real()) {
+        const double d = *r;
+        if (std::trunc(d) != d) {
+            fail(CodingErrorKind::dataCorrupted,
+                 "the number " + describeNumber(d) + " is not an integer");
+            return false;
+        }
+        // Bounds as doubles: lowest is exact (a power of two), highest + 1 likewise.
+        if (d < static_cast<double>(lowest) || d >= -static_cast<double>(lowest)) {
+            fail(CodingErrorKind::dataCorrupted,
+                 "the number " + describeNumber(d) + " does not fit in " + std::string(typeName));
+            return false;
+        }
+        out = static_cast<Int>(d);
+        return true;
+    }
+    mismatch("an integer", value);
+    return false;
+}
+
+bool DecodingContext::read(const platform::JSONElement& value, bool& out) {
     if (const auto b = value.boolean()) {
         out = *b;
         return true;
@@ -163,8 +144,15 @@ bool DecodingContext::readBoolean(const Source& value, bool& out) {
     return false;
 }
 
-template <class Source>
-bool DecodingContext::readDouble(const Source& value, double& out) {
+bool DecodingContext::read(const platform::JSONElement& value, std::int32_t& out) {
+    return readInteger(value, out, "a 32-bit integer");
+}
+
+bool DecodingContext::read(const platform::JSONElement& value, std::int64_t& out) {
+    return readInteger(value, out, "a 64-bit integer");
+}
+
+bool DecodingContext::read(const platform::JSONElement& value, double& out) {
     if (const auto r = value.real()) {
         out = *r;
         return true;
@@ -181,8 +169,16 @@ bool DecodingContext::readDouble(const Source& value, double& out) {
     return false;
 }
 
-template <class Source>
-bool DecodingContext::readData(const Source& value, platform::Data& out) {
+bool DecodingContext::read(const platform::JSONElement& value, std::string& out) {
+    if (const auto t = value.text()) {
+        out.assign(t->data(), t->size());
+        return true;
+    }
+    mismatch("a string", value);
+    return false;
+}
+
+bool DecodingContext::read(const platform::JSONElement& value, platform::Data& out) {
     const auto t = value.text();
     if (!t) {
         mismatch("a base64 string", value);
@@ -197,96 +193,6 @@ bool DecodingContext::readData(const Source& value, platform::Data& out) {
     return true;
 }
 
-bool DecodingContext::read(const platform::Value& value, bool& out) {
-    return readBoolean(value, out);
-}
-
-bool DecodingContext::read(const platform::JSONElement& value, bool& out) {
-    return readBoolean(value, out);
-}
-
-bool DecodingContext::read(const platform::Value& value, std::int32_t& out) {
-    if (readInteger(*this, value, out, "a 32-bit integer")) {
-        return true;
-    }
-    if (!failed()) {
-        mismatch("an integer", value);
-    }
-    return false;
-}
-
-bool DecodingContext::read(const platform::JSONElement& value, std::int32_t& out) {
-    if (readInteger(*this, value, out, "a 32-bit integer")) {
-        return true;
-    }
-    if (!failed()) {
-        mismatch("an integer", value);
-    }
-    return false;
-}
-
-bool DecodingContext::read(const platform::Value& value, std::int64_t& out) {
-    if (readInteger(*this, value, out, "a 64-bit integer")) {
-        return true;
-    }
-    if (!failed()) {
-        mismatch("an integer", value);
-    }
-    return false;
-}
-
-bool DecodingContext::read(const platform::JSONElement& value, std::int64_t& out) {
-    if (readInteger(*this, value, out, "a 64-bit integer")) {
-        return true;
-    }
-    if (!failed()) {
-        mismatch("an integer", value);
-    }
-    return false;
-}
-
-bool DecodingContext::read(const platform::Value& value, double& out) {
-    return readDouble(value, out);
-}
-
-bool DecodingContext::read(const platform::JSONElement& value, double& out) {
-    return readDouble(value, out);
-}
-
-bool DecodingContext::read(const platform::Value& value, std::string& out) {
-    if (const auto* t = value.text()) {
-        out = *t;
-        return true;
-    }
-    mismatch("a string", value);
-    return false;
-}
-
-bool DecodingContext::read(const platform::JSONElement& value, std::string& out) {
-    if (const auto t = value.text()) {
-        out.assign(t->data(), t->size());
-        return true;
-    }
-    mismatch("a string", value);
-    return false;
-}
-
-bool DecodingContext::read(const platform::Value& value, platform::Data& out) {
-    return readData(value, out);
-}
-
-bool DecodingContext::read(const platform::JSONElement& value, platform::Data& out) {
-    return readData(value, out);
-}
-
-const platform::Dictionary* DecodingContext::readObject(const platform::Value& value) {
-    if (const auto* d = value.dictionary()) {
-        return d;
-    }
-    mismatch("an object", value);
-    return nullptr;
-}
-
 std::optional<platform::JSONElement> DecodingContext::readObject(
     const platform::JSONElement& value) {
     if (value.kind() == platform::Value::Kind::dictionary) {
@@ -296,14 +202,6 @@ std::optional<platform::JSONElement> DecodingContext::readObject(
     return std::nullopt;
 }
 
-const platform::Array* DecodingContext::readArray(const platform::Value& value) {
-    if (const auto* a = value.array()) {
-        return a;
-    }
-    mismatch("an array", value);
-    return nullptr;
-}
-
 std::optional<platform::JSONElement> DecodingContext::readArray(
     const platform::JSONElement& value) {
     if (value.kind() == platform::Value::Kind::array) {
@@ -311,15 +209,6 @@ std::optional<platform::JSONElement> DecodingContext::readArray(
     }
     mismatch("an array", value);
     return std::nullopt;
-}
-
-const platform::Value* DecodingContext::requireMember(const platform::Dictionary& object,
-                                                      std::string_view key) {
-    const platform::Value* member = object.find(key);
-    if (member == nullptr) {
-        fail(CodingErrorKind::keyNotFound, "no value for key \"" + std::string(key) + "\"");
-    }
-    return member;
 }
 
 std::optional<platform::JSONElement> DecodingContext::requireMember(

@@ -92,7 +92,6 @@ void encodeSorted(core::EncodingContext& context, const R& record,
                 out += ',';
             }
             context.writeKey(field.key);
-            context.pushKey(field.key);
             const std::size_t start = out.size();
             core::encodeValue(context, record.*(field.member));
             if constexpr (std::is_floating_point_v<Member>) {
@@ -100,7 +99,6 @@ void encodeSorted(core::EncodingContext& context, const R& record,
                     out.replace(start, 2, "0");
                 }
             }
-            context.pop();
         }(),
         ...);
     out += '}';

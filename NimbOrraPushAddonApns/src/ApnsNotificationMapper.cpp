@@ -1,5 +1,6 @@
 #include "NimbOrraPushAddonApns/ApnsNotificationMapper.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -169,19 +170,26 @@ std::string ApnsNotificationMapper::encodeUserInfoJson(
     // Two characters fit the string's inline buffer: returning this never allocates.
     constexpr const char* kFallback = "{}";
     try {
-        // JSON keys are text: every key is replaced by its description. Setting a key that is
-        // already there replaces its value, so of two keys that describe alike the later wins.
-        Dictionary byText;
-        byText.reserve(userInfo.size());
-        for (const auto& [key, value] : userInfo) {
-            byText.set(key.description(), value);
-        }
-        const Value root(std::move(byText));
         // One value that JSON cannot hold spoils the whole text; nothing is left out silently.
         // The writer refuses exactly what isValidJSONObject refuses (byte data, dates, non-finite
         // numbers, non-text keys, nesting beyond the limit), so its failure is the check.
-        std::optional<std::string> text =
-            JSONSerialization::data(root, platform::JSONWritingOptions{.sortedKeys = true});
+        constexpr platform::JSONWritingOptions sorted{.sortedKeys = true};
+        std::optional<std::string> text;
+        if (std::all_of(userInfo.begin(), userInfo.end(),
+                        [](const Dictionary::Entry& entry) { return entry.first.isText(); })) {
+            // The usual user info, keyed by text only: written as it stands.
+            text = JSONSerialization::data(userInfo, sorted);
+        } else {
+            // JSON keys are text: every key is replaced by its description. Setting a key that
+            // is already there replaces its value, so of two keys that describe alike the later
+            // wins.
+            Dictionary byText;
+            byText.reserve(userInfo.size());
+            for (const auto& [key, value] : userInfo) {
+                byText.set(key.description(), value);
+            }
+            text = JSONSerialization::data(byText, sorted);
+        }
         if (!text || !platform::isValidUTF8(*text)) {
             return kFallback;
         }

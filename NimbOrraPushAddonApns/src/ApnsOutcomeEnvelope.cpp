@@ -63,15 +63,20 @@ std::string ApnsOutcomeEnvelope::unknownReply(const ApnsServiceUnknownOutcome& o
 }
 
 std::string ApnsOutcomeEnvelope::successReply(std::string encodedResponse) {
-    constexpr std::string_view prefix = "{\"success\":";
-    if (!platform::isValidUTF8(encodedResponse)) {
-        encodedResponse = "{}";
+    std::string reply;
+    reply.reserve(successOpening.size() + encodedResponse.size() + 1);
+    reply += successOpening;
+    reply += encodedResponse;
+    return closeSuccessReply(std::move(reply));
+}
+
+std::string ApnsOutcomeEnvelope::closeSuccessReply(std::string reply) {
+    if (!platform::isValidUTF8(std::string_view(reply).substr(successOpening.size()))) {
+        reply.resize(successOpening.size());
+        reply += "{}";
     }
-    // Built in the encoder's buffer: its spare capacity usually takes the few added bytes, so
-    // the reply costs no allocation of its own.
-    encodedResponse.insert(0, prefix);
-    encodedResponse += '}';
-    return encodedResponse;
+    reply += '}';
+    return reply;
 }
 
 }  // namespace nimborra::apns

@@ -4,6 +4,7 @@
 
 #include "NimbOrraPlatform/Application.h"
 #include "NimbOrraPlatform/DispatchQueue.h"
+#include "NimbOrraPlatform/Hex.h"
 #include "NimbOrraPlatform/UserNotificationCenter.h"
 #include "NimbOrraPushAddonApns/ApnsCompletionBox.h"
 #include "NimbOrraPushAddonApns/ApnsLogger.h"
@@ -63,30 +64,24 @@ platform::UNAuthorizationOptions optionBit(UNAuthorizationOption option) {
     return 0;
 }
 
-std::string lowerCaseHex(const std::vector<std::uint8_t>& bytes) {
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (const std::uint8_t byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 0xF];
-    }
-    return text;
-}
-
-// Schedules the platform registration on the main queue and returns at once.
+// Schedules the platform registration on the main queue and returns at once. Should the main
+// queue not take it (memory ran out), the registration is not made and an error is logged: it
+// belongs on the main thread, so it is not made here instead.
 void registerOnMainQueue() {
     try {
-        platform::DispatchQueue::main().async([] {
+        const bool scheduled = platform::DispatchQueue::main().async([] {
             if (!platform::isMainThread()) {
                 platform::reportMainActorIsolationViolation(kRegistrationSourceFile,
                                                             kRegistrationSourceLine);
             }
             platform::UIApplication::sharedApplication().registerForRemoteNotifications();
         });
+        if (scheduled) {
+            return;
+        }
     } catch (...) {
-        apnsLogger().error("registerForRemoteNotifications: could not reach the main queue");
     }
+    apnsLogger().error("registerForRemoteNotifications: could not reach the main queue");
 }
 
 }  // namespace
@@ -135,7 +130,7 @@ ApnsServiceGetProviderEnvironmentResult ApnsServiceNativeAdapterDefault::getProv
 ApnsServiceNotifyDidRegisterForRemoteNotificationsResult
 ApnsServiceNativeAdapterDefault::notifyDidRegisterForRemoteNotifications(
     APNSServiceNotifyDidRegisterForRemoteNotificationsRequest request) {
-    emitTokenRefreshed(*eventEmitter_, lowerCaseHex(request.deviceToken.bytes));
+    emitTokenRefreshed(*eventEmitter_, platform::hexEncodedString(request.deviceToken.bytes));
     return ApnsServiceNotifyDidRegisterForRemoteNotificationsResult::success({});
 }
 

@@ -7,8 +7,19 @@
 #include <utility>
 
 #include "NimbOrraPlatform/DispatchQueue.h"
+#include "NimbOrraPlatform/Logger.h"
 
 namespace nimborra::platform {
+
+namespace {
+
+const Logger& applicationLogger() {
+    // Never destroyed, like the application object that uses it.
+    static const Logger* logger = new Logger("com.nimborra.platform", "application");
+    return *logger;
+}
+
+}  // namespace
 
 struct UIApplication::State {
     mutable std::mutex mutex;
@@ -51,8 +62,14 @@ void UIApplication::registerForRemoteNotifications() {
         return;
     }
     // The system answers a registration later, never inside the call that asked for it.
-    DispatchQueue::main().async(
-        [callback = std::move(callback), token = std::move(*token)] { callback(token); });
+    if (!DispatchQueue::main().async(
+            [callback = std::move(callback), token = std::move(*token)] { callback(token); })) {
+        // Only running out of memory gets here. The callback belongs on the main thread, so it is
+        // not run here instead; the application learns the token at its next registration.
+        applicationLogger().error(
+            "registerForRemoteNotifications: the device token could not be handed to the main "
+            "queue");
+    }
 }
 
 void UIApplication::setDeviceTokenIssuer(DeviceTokenIssuer issuer) {

@@ -1,14 +1,30 @@
-// The reading half of JSONSerialization, over simdjson, and the JSONElement views of a parsed
-// document. This is the only source file that includes simdjson's header: it is large and slow
-// to compile.
+// The reading half of JSONSerialization: our own strict JSON reader, which parses a text into a
+// tape (one entry per value, in document order) that the JSONElement views look at and from
+// which jsonObject builds its Value tree. simdjson supplies what is worth having from it: the
+// processor-specific UTF-8 validator, and the words in which a refused text is described. This
+// is the only source file that includes simdjson's header: it is large and slow to compile.
+//
+// Why a reader of our own: the bridge's requests are mostly a few dozen bytes, where a general
+// parser's set-up for each text costs more than the reading itself; this reader has no set-up
+// beyond a thread's reusable tape, and it reads the usual texts in one pass without copying
+// strings that hold no escapes.
 #include <simdjson.h>
 
+#include <algorithm>
 #include <bit>
+#include <charconv>
 #include <cstdint>
+#include <cstring>
+#include <limits>
 #include <new>
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "NimbOrraPlatform/JSONSerialization.h"
 
@@ -75,60 +91,6 @@ bool equip(simdjson::dom::parser& parser, std::size_t capacity) {
                                                      parser.implementation) == simdjson::SUCCESS;
 }
 
-// The parser of this thread: a simdjson parser is not safe to share, and keeping it avoids
-// reallocating its buffers on every call. While a visit (visitJSON) looks at the document it
-// holds, the parser is taken; a parse on the same thread meanwhile (from inside the visit) gets a
-// parser of its own, so that the visited document stays intact.
-class ParserLease {
-  public:
-    ParserLease() {
-        if (!threadParserTaken) {
-            parser_ = &threadParser();
-            threadParserTaken = true;
-            taken_ = true;
-        } else {
-            own_.emplace();
-            prepare(*own_);
-            parser_ = &*own_;
-        }
-    }
-    ~ParserLease() {
-        if (taken_) {
-            threadParserTaken = false;
-        }
-    }
-    ParserLease(const ParserLease&) = delete;
-    ParserLease& operator=(const ParserLease&) = delete;
-
-    simdjson::dom::parser& parser() { return *parser_; }
-
-  private:
-    // Every parser accepts nesting up to maximumDepth, the thread's and the occasional own one,
-    // and has its parser implementation from our kernel (see kernel()).
-    static void prepare(simdjson::dom::parser& parser) {
-        if (!equip(parser, simdjson::SIMDJSON_PADDING)) {
-            throw std::bad_alloc();
-        }
-    }
-
-    static simdjson::dom::parser& threadParser() {
-        thread_local simdjson::dom::parser parser = [] {
-            simdjson::dom::parser p;
-            prepare(p);
-            return p;
-        }();
-        return parser;
-    }
-
-    static thread_local bool threadParserTaken;
-
-    simdjson::dom::parser* parser_ = nullptr;
-    std::optional<simdjson::dom::parser> own_;
-    bool taken_ = false;
-};
-
-thread_local bool ParserLease::threadParserTaken = false;
-
 // Whether `token` is an integer in JSON's grammar that no 64-bit integer holds: above the
 // unsigned maximum, or below the signed minimum.
 bool isBigInteger(std::string_view token) {
@@ -185,27 +147,23 @@ std::optional<std::string> withBigIntegersAsReals(std::string_view text) {
     return rewritten;
 }
 
-// Parses `text` with the reading rules of jsonObject; on success `root` is the top-level value.
-bool parseText(simdjson::dom::parser& parser, std::string_view text, bool fragmentsAllowed,
-               std::string* error, simdjson::dom::element& root) {
-    auto setError = [error](std::string_view description) {
-        if (error != nullptr) {
-            *error = description;
-        }
-    };
+// Why simdjson refuses `text` (without its byte-order mark; not empty): its own error message,
+// after integers that no 64-bit integer holds have been given an exponent, as the reader takes
+// them (so that such an integer is not what gets blamed). Our reader and simdjson accept the same
+// texts (fuzz/json_reader checks that they do), so a refusal is described in simdjson's words;
+// should simdjson accept the text all the same, a plain description stands in.
+std::string refusalReason(std::string_view text) {
     try {
-        if (text.starts_with(kByteOrderMark)) {
-            text.remove_prefix(kByteOrderMark.size());
-        }
-        if (text.empty()) {
-            setError("the text is empty");
-            return false;
-        }
+        thread_local simdjson::dom::parser parser = [] {
+            simdjson::dom::parser p;
+            if (!equip(p, simdjson::SIMDJSON_PADDING)) {
+                throw std::bad_alloc();
+            }
+            return p;
+        }();
+        simdjson::dom::element root;
         auto status = parser.parse(text.data(), text.size()).get(root);
         if (status != simdjson::SUCCESS) {
-            // Every valid JSON number is read: one that no 64-bit integer holds as a double.
-            // (simdjson's error code for those integers differs between versions; a text
-            // without them costs one more scan on its way to being refused.)
             if (const auto rewritten = withBigIntegersAsReals(text)) {
                 if (parser.parse(rewritten->data(), rewritten->size()).get(root) ==
                     simdjson::SUCCESS) {
@@ -214,127 +172,682 @@ bool parseText(simdjson::dom::parser& parser, std::string_view text, bool fragme
             }
         }
         if (status != simdjson::SUCCESS) {
-            setError(simdjson::error_message(status));
-            return false;
+            return simdjson::error_message(status);
         }
-        const auto type = root.type();
-        if (!fragmentsAllowed && type != simdjson::dom::element_type::ARRAY &&
-            type != simdjson::dom::element_type::OBJECT) {
-            setError("the top-level value is not an array or an object");
-            return false;
-        }
-        return true;
+        return "the text is not valid JSON";
     } catch (const std::exception& e) {
-        setError(e.what());
-        return false;
+        return e.what();
     }
 }
 
-Value convert(simdjson::dom::element element) {
-    using simdjson::dom::element_type;
-    switch (element.type()) {
-        case element_type::ARRAY: {
-            simdjson::dom::array source = element.get_array().value_unsafe();
+// ---- The tape ----------------------------------------------------------------------------------
+
+// One value of a parsed document. A container's entry is followed by its elements (an object's
+// by a text entry for each key, then that key's value), and `next` is the index just past the
+// container's last element, so that siblings are found by following `next`.
+struct TextSpan {
+    std::uint32_t offset;
+    std::uint32_t length;
+};
+
+struct TapeEntry {
+    // A Value::Kind.
+    std::uint8_t kind;
+    // Text: the unescaped bytes are in the document's own buffer, not in the input.
+    bool unescaped;
+    std::uint32_t next;
+    union {
+        bool boolean;
+        std::int64_t integer;
+        std::uint64_t unsignedInteger;
+        double real;
+        TextSpan text;
+    };
+
+    Value::Kind valueKind() const { return static_cast<Value::Kind>(kind); }
+};
+
+static_assert(sizeof(TapeEntry) == 16);
+
+// The largest text the tape can address (its offsets are 32 bits), as simdjson's limit.
+constexpr std::size_t kLargestText = 0xFFFFFFFF;
+
+}  // namespace
+
+// A parsed document: the tape, ended by a null entry that no value owns (so that following
+// `next` from the last value still lands on an entry), and the unescaped strings. Views point
+// into it, and into the input text, which outlives the visit.
+struct JSONDocument {
+    std::string_view input;
+    // Its size is the room made so far; the first `entries` + 1 are this text's.
+    std::vector<TapeEntry> tape;
+    std::uint32_t entries = 0;
+    std::string strings;
+
+    std::string_view text(const TapeEntry& entry) const {
+        const char* base = entry.unescaped ? strings.data() : input.data();
+        return {base + entry.text.offset, entry.text.length};
+    }
+};
+
+namespace {
+
+constexpr bool isWhitespace(char c) {
+    return c == ' ' || c == '\n' || c == '\r' || c == '\t';
+}
+
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
+void appendUTF8(std::string& out, std::uint32_t codePoint) {
+    if (codePoint < 0x80) {
+        out += static_cast<char>(codePoint);
+    } else if (codePoint < 0x800) {
+        out += static_cast<char>(0xC0 | (codePoint >> 6));
+        out += static_cast<char>(0x80 | (codePoint & 0x3F));
+    } else if (codePoint < 0x10000) {
+        out += static_cast<char>(0xE0 | (codePoint >> 12));
+        out += static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (codePoint & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | (codePoint >> 18));
+        out += static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
+        out += static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (codePoint & 0x3F));
+    }
+}
+
+// Reads one text into a document's tape by JSON's grammar (RFC 8259), with the rules of
+// jsonObject: nesting up to maximumDepth, integers as signed 64-bit when they fit, unsigned
+// 64-bit beyond that, the nearest double beyond 64 bits; reals as the nearest double (refused
+// when that is infinite); strings valid UTF-8 without unescaped control characters and without
+// lone surrogates in escapes. It only decides whether the text is JSON; why not is asked of
+// simdjson (refusalReason).
+//
+// The position in the text is kept in local variables and handed from step to step, so that the
+// compiler need not assume that writing the tape moves it.
+class Reader {
+  public:
+    explicit Reader(JSONDocument& document) : doc_(document) {}
+
+    bool read(std::string_view text) {
+        begin_ = text.data();
+        end_ = text.data() + text.size();
+        tape_ = doc_.tape.data();
+        capacity_ = doc_.tape.size();
+        used_ = 0;
+        doc_.strings.clear();
+
+        struct Frame {
+            std::uint32_t entry;
+            bool object;
+        };
+        Frame stack[JSONSerialization::maximumDepth];
+        std::size_t depth = 0;
+
+        const char* p = skipWhitespace(begin_);
+    value:
+        if (p == end_) {
+            return false;
+        }
+        switch (*p) {
+            case '{':
+            case '[': {
+                if (depth == JSONSerialization::maximumDepth) {
+                    return false;
+                }
+                const bool object = *p == '{';
+                stack[depth++] = {static_cast<std::uint32_t>(used_), object};
+                push(object ? Value::Kind::dictionary : Value::Kind::array);
+                p = skipWhitespace(p + 1);
+                if (p != end_ && *p == (object ? '}' : ']')) {
+                    ++p;
+                    close(stack[--depth].entry);
+                    goto afterValue;
+                }
+                if (object) {
+                    goto key;
+                }
+                goto value;
+            }
+            case '"':
+                p = readString(p);
+                break;
+            case 't':
+                p = readAtom(p, "true");
+                if (p != nullptr) {
+                    push(Value::Kind::boolean).boolean = true;
+                }
+                break;
+            case 'f':
+                p = readAtom(p, "false");
+                if (p != nullptr) {
+                    push(Value::Kind::boolean).boolean = false;
+                }
+                break;
+            case 'n':
+                p = readAtom(p, "null");
+                if (p != nullptr) {
+                    push(Value::Kind::null);
+                }
+                break;
+            default:
+                p = readNumber(p);
+                break;
+        }
+        if (p == nullptr) {
+            return false;
+        }
+    afterValue:
+        if (depth == 0) {
+            p = skipWhitespace(p);
+            if (p != end_ ||
+                (sawHighBit_ &&
+                 !kernel().validate_utf8(begin_, static_cast<std::size_t>(end_ - begin_)))) {
+                return false;
+            }
+            // The closing entry that no value owns.
+            push(Value::Kind::null);
+            doc_.entries = static_cast<std::uint32_t>(used_ - 1);
+            return true;
+        }
+        {
+            const Frame frame = stack[depth - 1];
+            p = skipWhitespace(p);
+            if (p == end_) {
+                return false;
+            }
+            if (*p == ',') {
+                p = skipWhitespace(p + 1);
+                if (frame.object) {
+                    goto key;
+                }
+                goto value;
+            }
+            if (*p != (frame.object ? '}' : ']')) {
+                return false;
+            }
+            ++p;
+            close(frame.entry);
+            --depth;
+            goto afterValue;
+        }
+    key:
+        if (p == end_ || *p != '"') {
+            return false;
+        }
+        p = readString(p);
+        if (p == nullptr) {
+            return false;
+        }
+        p = skipWhitespace(p);
+        if (p == end_ || *p != ':') {
+            return false;
+        }
+        p = skipWhitespace(p + 1);
+        goto value;
+    }
+
+  private:
+    TapeEntry& push(Value::Kind kind) {
+        if (used_ == capacity_) {
+            grow();
+        }
+        TapeEntry& entry = tape_[used_];
+        entry.kind = static_cast<std::uint8_t>(kind);
+        entry.unescaped = false;
+        entry.next = static_cast<std::uint32_t>(++used_);
+        entry.integer = 0;
+        return entry;
+    }
+
+    void grow() {
+        capacity_ = std::max<std::size_t>(64, capacity_ * 2);
+        doc_.tape.resize(capacity_);
+        tape_ = doc_.tape.data();
+    }
+
+    void close(std::uint32_t container) {
+        tape_[container].next = static_cast<std::uint32_t>(used_);
+    }
+
+    const char* skipWhitespace(const char* p) const {
+        while (p != end_ && isWhitespace(*p)) {
+            ++p;
+        }
+        return p;
+    }
+
+    const char* readAtom(const char* p, std::string_view atom) const {
+        if (static_cast<std::size_t>(end_ - p) < atom.size() ||
+            std::memcmp(p, atom.data(), atom.size()) != 0) {
+            return nullptr;
+        }
+        return p + atom.size();
+    }
+
+    // The next quotation mark, reverse solidus or control character from `from`, or the end of
+    // the text; notes any byte above 0x7F on the way.
+    const char* findSpecial(const char* q) {
+#if defined(__SSE2__)
+        while (end_ - q >= 16) {
+            const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q));
+            const __m128i special =
+                _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')),
+                                          _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'))),
+                             _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(0x1F)), bytes));
+            const auto mask = static_cast<unsigned>(_mm_movemask_epi8(special));
+            const auto high = static_cast<unsigned>(_mm_movemask_epi8(bytes));
+            if (mask != 0) {
+                const auto at = static_cast<unsigned>(std::countr_zero(mask));
+                sawHighBit_ |= (high & ((1u << at) - 1)) != 0;
+                return q + at;
+            }
+            sawHighBit_ |= high != 0;
+            q += 16;
+        }
+#endif
+        for (; q != end_; ++q) {
+            const auto c = static_cast<unsigned char>(*q);
+            if (c == '"' || c == '\\' || c < 0x20) {
+                return q;
+            }
+            sawHighBit_ |= c >= 0x80;
+        }
+        return q;
+    }
+
+    // A string from its opening quotation mark, as a text entry; the position after it, or
+    // nullptr. Strings without escapes stay in the input; the others are unescaped into the
+    // document's buffer.
+    const char* readString(const char* p) {
+        const char* run = p + 1;
+        const char* q = findSpecial(run);
+        if (q == end_) {
+            return nullptr;
+        }
+        if (*q == '"') {
+            TapeEntry& entry = push(Value::Kind::text);
+            entry.text = {static_cast<std::uint32_t>(run - begin_),
+                          static_cast<std::uint32_t>(q - run)};
+            return q + 1;
+        }
+        std::string& out = doc_.strings;
+        const auto offset = static_cast<std::uint32_t>(out.size());
+        for (;;) {
+            out.append(run, q);
+            if (q == end_ || *q != '\\') {
+                if (q == end_ || *q != '"') {
+                    return nullptr;  // the end, or a control character
+                }
+                break;
+            }
+            ++q;
+            if (q == end_) {
+                return nullptr;
+            }
+            switch (*q) {
+                case '"':
+                case '\\':
+                case '/':
+                    out += *q;
+                    break;
+                case 'b':
+                    out += '\b';
+                    break;
+                case 'f':
+                    out += '\f';
+                    break;
+                case 'n':
+                    out += '\n';
+                    break;
+                case 'r':
+                    out += '\r';
+                    break;
+                case 't':
+                    out += '\t';
+                    break;
+                case 'u': {
+                    std::uint32_t codePoint = 0;
+                    if (!readHex4(q + 1, codePoint)) {
+                        return nullptr;
+                    }
+                    q += 4;
+                    if (codePoint >= 0xDC00 && codePoint <= 0xDFFF) {
+                        return nullptr;  // a low surrogate without a high one
+                    }
+                    if (codePoint >= 0xD800 && codePoint <= 0xDBFF) {
+                        std::uint32_t low = 0;
+                        if (end_ - q < 7 || q[1] != '\\' || q[2] != 'u' || !readHex4(q + 3, low) ||
+                            low < 0xDC00 || low > 0xDFFF) {
+                            return nullptr;
+                        }
+                        q += 6;
+                        codePoint = 0x10000 + ((codePoint - 0xD800) << 10) + (low - 0xDC00);
+                    }
+                    appendUTF8(out, codePoint);
+                    break;
+                }
+                default:
+                    return nullptr;
+            }
+            run = q + 1;
+            q = findSpecial(run);
+        }
+        TapeEntry& entry = push(Value::Kind::text);
+        entry.unescaped = true;
+        entry.text = {offset, static_cast<std::uint32_t>(out.size() - offset)};
+        return q + 1;
+    }
+
+    bool readHex4(const char* at, std::uint32_t& value) const {
+        if (end_ - at < 4) {
+            return false;
+        }
+        value = 0;
+        for (int i = 0; i < 4; ++i) {
+            const int digit = hexValue(at[i]);
+            if (digit < 0) {
+                return false;
+            }
+            value = value << 4 | static_cast<std::uint32_t>(digit);
+        }
+        return true;
+    }
+
+    bool isDigit(const char* at) const {
+        return at != end_ && *at >= '0' && *at <= '9';
+    }
+
+    // A number by JSON's grammar, -?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?, from `start`;
+    // the position after it, or nullptr.
+    const char* readNumber(const char* const start) {
+        const char* p = start;
+        const bool negative = *p == '-';
+        if (negative) {
+            ++p;
+        }
+        if (!isDigit(p)) {
+            return nullptr;
+        }
+        std::uint64_t magnitude = 0;
+        bool overflow = false;
+        if (*p == '0') {
+            ++p;
+        } else {
+            while (isDigit(p)) {
+                const auto digit = static_cast<std::uint64_t>(*p - '0');
+                overflow |= magnitude > (std::numeric_limits<std::uint64_t>::max() - digit) / 10;
+                magnitude = magnitude * 10 + digit;
+                ++p;
+            }
+        }
+        bool integral = true;
+        if (p != end_ && *p == '.') {
+            ++p;
+            if (!isDigit(p)) {
+                return nullptr;
+            }
+            while (isDigit(p)) {
+                ++p;
+            }
+            integral = false;
+        }
+        if (p != end_ && (*p == 'e' || *p == 'E')) {
+            ++p;
+            if (p != end_ && (*p == '+' || *p == '-')) {
+                ++p;
+            }
+            if (!isDigit(p)) {
+                return nullptr;
+            }
+            while (isDigit(p)) {
+                ++p;
+            }
+            integral = false;
+        }
+        if (integral && !overflow) {
+            if (!negative) {
+                if (magnitude <= static_cast<std::uint64_t>(INT64_MAX)) {
+                    push(Value::Kind::integer).integer = static_cast<std::int64_t>(magnitude);
+                } else {
+                    push(Value::Kind::unsignedInteger).unsignedInteger = magnitude;
+                }
+                return p;
+            }
+            if (magnitude <= static_cast<std::uint64_t>(INT64_MAX) + 1) {
+                // -0 is the integer 0.
+                push(Value::Kind::integer).integer = static_cast<std::int64_t>(0 - magnitude);
+                return p;
+            }
+        }
+        double real = 0;
+        const auto [end, status] = std::from_chars(start, p, real);
+        if (end != p) {
+            return nullptr;
+        }
+        if (status == std::errc::result_out_of_range) {
+            // Beyond the largest double is refused; below the smallest is a zero of its sign.
+            if (!tendsToZero(start, p)) {
+                return nullptr;
+            }
+            real = negative ? -0.0 : 0.0;
+        } else if (status != std::errc()) {
+            return nullptr;
+        }
+        push(Value::Kind::real).real = real;
+        return p;
+    }
+
+    // For a number token that is out of a double's range: whether it is too small rather than
+    // too large. Such a number's decimal exponent is beyond 300 either way, so its sign settles
+    // it: the exponent is the digits before the point from the first significant one (or minus
+    // the zeros after the point before it), plus the written exponent.
+    static bool tendsToZero(const char* q, const char* const end) {
+        q += *q == '-' ? 1 : 0;
+        const auto digit = [&] { return q != end && *q >= '0' && *q <= '9'; };
+        std::int64_t leading = 0;
+        bool significant = false;
+        for (; digit(); ++q) {
+            significant |= *q != '0';
+            leading += significant ? 1 : 0;
+        }
+        if (q != end && *q == '.') {
+            for (++q; digit() && !significant; ++q) {
+                significant = *q != '0';
+                leading -= significant ? 0 : 1;
+            }
+            while (digit()) {
+                ++q;
+            }
+        }
+        std::int64_t exponent = 0;
+        if (q != end) {
+            ++q;  // e or E
+            const bool negativeExponent = *q == '-';
+            if (*q == '+' || *q == '-') {
+                ++q;
+            }
+            for (; q != end; ++q) {
+                if (exponent < 1'000'000'000) {
+                    exponent = exponent * 10 + (*q - '0');
+                }
+            }
+            if (negativeExponent) {
+                exponent = -exponent;
+            }
+        }
+        return leading + exponent <= 0;
+    }
+
+    JSONDocument& doc_;
+    const char* begin_ = nullptr;
+    const char* end_ = nullptr;
+    TapeEntry* tape_ = nullptr;
+    // Of another type than the tape's fields, so that writing an entry is not taken to change
+    // them.
+    std::size_t capacity_ = 0;
+    std::size_t used_ = 0;
+    bool sawHighBit_ = false;
+};
+
+// Parses `text` (its byte-order mark removed) into `document`; false when it is not JSON.
+bool readDocument(std::string_view text, JSONDocument& document) {
+    document.input = text;
+    if (text.size() > kLargestText) {
+        return false;
+    }
+    return Reader(document).read(text);
+}
+
+// Above this many entries (or bytes of unescaped text) a thread's document lets go of its
+// memory after use, so that one huge text does not keep a thread's memory up for good.
+constexpr std::size_t kKeptTapeEntries = 1 << 16;
+constexpr std::size_t kKeptStringBytes = 1 << 20;
+
+// The document of this thread: kept between texts, so that its buffers are reused. While a visit
+// looks at it, it is taken; a parse on the same thread meanwhile (from inside the visit) gets a
+// document of its own, so that the visited one stays intact.
+class DocumentLease {
+  public:
+    DocumentLease() : thread_(threadDocument()) {
+        if (!thread_.taken) {
+            thread_.taken = true;
+            document_ = &thread_.document;
+        } else {
+            own_.emplace();
+            document_ = &*own_;
+        }
+    }
+    ~DocumentLease() {
+        if (document_ == &thread_.document) {
+            if (document_->tape.size() > kKeptTapeEntries) {
+                std::vector<TapeEntry>().swap(document_->tape);
+            }
+            if (document_->strings.capacity() > kKeptStringBytes) {
+                std::string().swap(document_->strings);
+            }
+            thread_.taken = false;
+        }
+    }
+    DocumentLease(const DocumentLease&) = delete;
+    DocumentLease& operator=(const DocumentLease&) = delete;
+
+    JSONDocument& document() { return *document_; }
+
+  private:
+    struct ThreadDocument {
+        JSONDocument document;
+        bool taken = false;
+    };
+    static ThreadDocument& threadDocument() {
+        thread_local ThreadDocument document;
+        return document;
+    }
+
+    ThreadDocument& thread_;
+    JSONDocument* document_ = nullptr;
+    std::optional<JSONDocument> own_;
+};
+
+// Parses `text` by the reading rules of jsonObject into `document`; on success the root is the
+// tape's first entry. On failure, `error` (when given) says why.
+bool parseText(JSONDocument& document, std::string_view text, bool fragmentsAllowed,
+               std::string* error) {
+    auto setError = [error](std::string_view description) {
+        if (error != nullptr) {
+            *error = description;
+        }
+    };
+    if (text.starts_with(kByteOrderMark)) {
+        text.remove_prefix(kByteOrderMark.size());
+    }
+    if (text.empty()) {
+        setError("the text is empty");
+        return false;
+    }
+    if (!readDocument(text, document)) {
+        if (error != nullptr) {
+            *error = refusalReason(text);
+        }
+        return false;
+    }
+    const Value::Kind root = document.tape.front().valueKind();
+    if (!fragmentsAllowed && root != Value::Kind::array && root != Value::Kind::dictionary) {
+        setError("the top-level value is not an array or an object");
+        return false;
+    }
+    return true;
+}
+
+// The elements of the array, or members of the object, at `index`.
+std::size_t childCount(const JSONDocument& document, std::uint32_t index) {
+    const TapeEntry& container = document.tape[index];
+    const std::uint32_t step = container.valueKind() == Value::Kind::dictionary ? 1 : 0;
+    std::size_t count = 0;
+    for (std::uint32_t i = index + 1; i < container.next; i = document.tape[i + step].next) {
+        ++count;
+    }
+    return count;
+}
+
+// The Value of the tape entry at `index` and everything under it.
+Value convert(const JSONDocument& document, std::uint32_t index) {
+    const TapeEntry& entry = document.tape[index];
+    switch (entry.valueKind()) {
+        case Value::Kind::array: {
             Array array;
-            array.reserve(source.size());
-            for (simdjson::dom::element item : source) {
-                array.push_back(convert(item));
+            array.reserve(childCount(document, index));
+            for (std::uint32_t i = index + 1; i < entry.next; i = document.tape[i].next) {
+                array.push_back(convert(document, i));
             }
             return Value(std::move(array));
         }
-        case element_type::OBJECT: {
-            simdjson::dom::object source = element.get_object().value_unsafe();
+        case Value::Kind::dictionary: {
             Dictionary dictionary;
-            dictionary.reserve(source.size());
-            for (simdjson::dom::key_value_pair member : source) {
+            dictionary.reserve(childCount(document, index));
+            for (std::uint32_t i = index + 1; i < entry.next; i = document.tape[i + 1].next) {
                 // Dictionary::set replaces an earlier equal key, so the last duplicate wins.
-                dictionary.set(Key(std::string(member.key)), convert(member.value));
+                dictionary.set(Key(document.text(document.tape[i])), convert(document, i + 1));
             }
             return Value(std::move(dictionary));
         }
-        case element_type::INT64:
-            return Value(element.get_int64().value_unsafe());
-        case element_type::UINT64:
-            return Value(element.get_uint64().value_unsafe());
-        case element_type::DOUBLE:
-            return Value(element.get_double().value_unsafe());
-        case element_type::STRING:
-            return Value(std::string(element.get_string().value_unsafe()));
-        case element_type::BOOL:
-            return Value(element.get_bool().value_unsafe());
-        case element_type::NULL_VALUE:
+        case Value::Kind::integer:
+            return Value(entry.integer);
+        case Value::Kind::unsignedInteger:
+            return Value(entry.unsignedInteger);
+        case Value::Kind::real:
+            return Value(entry.real);
+        case Value::Kind::text:
+            return Value(document.text(entry));
+        case Value::Kind::boolean:
+            return Value(entry.boolean);
+        default:
             return Value(nullptr);
     }
-    return Value(nullptr);
 }
 
-// A view and simdjson's own handles all reference one spot of a document's tape: the document
-// and the index on its tape. simdjson keeps the handles' constructors to itself, so a handle is
-// made from those two words bit for bit.
-struct TapeSpot {
-    const simdjson::dom::document* document;
-    std::size_t index;
-};
-
-static_assert(std::is_trivially_copyable_v<simdjson::internal::tape_ref>);
-static_assert(std::is_trivially_copyable_v<simdjson::dom::element>);
-static_assert(std::is_trivially_copyable_v<simdjson::dom::array::iterator>);
-static_assert(sizeof(TapeSpot) == sizeof(simdjson::dom::element));
-static_assert(sizeof(TapeSpot) == sizeof(simdjson::dom::array::iterator));
-
-// The kind of Value that jsonObject makes of an element: integers signed when they fit,
-// unsigned only beyond the signed range (simdjson makes the same split; the check is a
-// safeguard). Anything else on the tape (the end of an array) reads as null.
-Value::Kind kindOf(simdjson::dom::element element) {
-    using simdjson::dom::element_type;
-    switch (element.type()) {
-        case element_type::ARRAY:
-            return Value::Kind::array;
-        case element_type::OBJECT:
-            return Value::Kind::dictionary;
-        case element_type::INT64:
-            return Value::Kind::integer;
-        case element_type::UINT64:
-            return element.get_uint64().value_unsafe() <= static_cast<std::uint64_t>(INT64_MAX)
-                       ? Value::Kind::integer
-                       : Value::Kind::unsignedInteger;
-        case element_type::DOUBLE:
-            return Value::Kind::real;
-        case element_type::STRING:
-            return Value::Kind::text;
-        case element_type::BOOL:
-            return Value::Kind::boolean;
-        case element_type::NULL_VALUE:
-            return Value::Kind::null;
-    }
-    return Value::Kind::null;
+const JSONDocument& documentOf(const void* document) {
+    return *static_cast<const JSONDocument*>(document);
 }
 
 }  // namespace
 
-// Converts between the views and simdjson's handles; the views' private members are its own.
+// Makes views; their constructor is private to the reader.
 struct JSONElementAccess {
-    static simdjson::dom::element element(const JSONElement& view) {
-        return std::bit_cast<simdjson::dom::element>(
-            TapeSpot{static_cast<const simdjson::dom::document*>(view.document_), view.index_});
+    static JSONElement view(const JSONDocument& document, std::uint32_t index) {
+        return JSONElement(&document, index, document.tape[index].valueKind());
     }
-    static JSONElement view(simdjson::dom::element element) {
-        const auto spot = std::bit_cast<TapeSpot>(element);
-        return JSONElement(spot.document, spot.index, kindOf(element));
-    }
-    static simdjson::dom::array::iterator iterator(const JSONElement::Iterator& position) {
-        return std::bit_cast<simdjson::dom::array::iterator>(TapeSpot{
-            static_cast<const simdjson::dom::document*>(position.document_), position.index_});
-    }
-    static JSONElement::Iterator position(simdjson::dom::array::iterator iterator, bool atEnd) {
-        const auto spot = std::bit_cast<TapeSpot>(iterator);
-        JSONElement::Iterator position;
-        position.document_ = spot.document;
-        position.index_ = spot.index;
-        position.kind_ = atEnd ? Value::Kind::null : kindOf(*iterator);
-        return position;
-    }
-    static bool isNullView(const JSONElement& view) { return view.document_ == nullptr; }
 };
 
 // ---- JSONSerialization ------------------------------------------------------------------------
@@ -342,12 +855,11 @@ struct JSONElementAccess {
 std::optional<Value> JSONSerialization::jsonObject(std::string_view text,
                                                    JSONReadingOptions options, std::string* error) {
     try {
-        ParserLease lease;
-        simdjson::dom::element root;
-        if (!parseText(lease.parser(), text, options.fragmentsAllowed, error, root)) {
+        DocumentLease lease;
+        if (!parseText(lease.document(), text, options.fragmentsAllowed, error)) {
             return std::nullopt;
         }
-        return convert(root);
+        return convert(lease.document(), 0);
     } catch (const std::exception& e) {
         if (error != nullptr) {
             *error = e.what();
@@ -361,11 +873,20 @@ bool isValidUTF8(std::string_view bytes) {
     // dispatch; anything else goes to simdjson's validator (our kernel's, see kernel()).
     constexpr std::size_t kShort = 64;
     if (bytes.size() <= kShort) {
-        unsigned char any = 0;
-        for (const char c : bytes) {
-            any |= static_cast<unsigned char>(c);
+        unsigned any = 0;
+        std::size_t i = 0;
+#if defined(__SSE2__)
+        __m128i high = _mm_setzero_si128();
+        for (; i + 16 <= bytes.size(); i += 16) {
+            high = _mm_or_si128(
+                high, _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes.data() + i)));
         }
-        if (any < 0x80) {
+        any = static_cast<unsigned>(_mm_movemask_epi8(high));
+#endif
+        for (; i < bytes.size(); ++i) {
+            any |= static_cast<unsigned char>(bytes[i]) & 0x80u;
+        }
+        if (any == 0) {
             return true;
         }
     }
@@ -380,100 +901,78 @@ bool isValidUTF8(std::string_view bytes) {
 
 bool detail::visitJSON(std::string_view text, bool fragmentsAllowed, std::string* error,
                        JSONVisitFunction visit, void* context) {
-    std::optional<ParserLease> lease;
-    simdjson::dom::element root;
+    std::optional<DocumentLease> lease;
     try {
         lease.emplace();
+        if (!parseText(lease->document(), text, fragmentsAllowed, error)) {
+            return false;
+        }
     } catch (const std::exception& e) {
         if (error != nullptr) {
             *error = e.what();
         }
         return false;
     }
-    if (!parseText(lease->parser(), text, fragmentsAllowed, error, root)) {
-        return false;
-    }
-    visit(context, JSONElementAccess::view(root));
+    const JSONDocument& document = lease->document();
+    visit(context, JSONElementAccess::view(document, 0));
     return true;
 }
 
 bool JSONElement::booleanValue() const {
-    return JSONElementAccess::element(*this).get_bool().value_unsafe();
+    return documentOf(document_).tape[index_].boolean;
 }
 
 std::int64_t JSONElement::integerValue() const {
-    const auto element = JSONElementAccess::element(*this);
-    if (element.type() == simdjson::dom::element_type::UINT64) {
-        return static_cast<std::int64_t>(element.get_uint64().value_unsafe());
-    }
-    return element.get_int64().value_unsafe();
+    return documentOf(document_).tape[index_].integer;
 }
 
 std::uint64_t JSONElement::unsignedIntegerValue() const {
-    return JSONElementAccess::element(*this).get_uint64().value_unsafe();
+    return documentOf(document_).tape[index_].unsignedInteger;
 }
 
 double JSONElement::realValue() const {
-    return JSONElementAccess::element(*this).get_double().value_unsafe();
+    return documentOf(document_).tape[index_].real;
 }
 
 std::string_view JSONElement::textValue() const {
-    return JSONElementAccess::element(*this).get_string().value_unsafe();
+    const JSONDocument& document = documentOf(document_);
+    return document.text(document.tape[index_]);
 }
 
 std::size_t JSONElement::size() const {
     if (kind_ != Value::Kind::array && kind_ != Value::Kind::dictionary) {
         return 0;
     }
-    const auto element = JSONElementAccess::element(*this);
-    simdjson::dom::array array;
-    if (element.get_array().get(array) == simdjson::SUCCESS) {
-        const std::size_t saturated = array.size();
-        if (saturated < 0xFFFFFF) {
-            return saturated;
-        }
-        std::size_t count = 0;
-        for (auto it = array.begin(); it != array.end(); ++it) {
-            ++count;
-        }
-        return count;
-    }
-    simdjson::dom::object object;
-    if (element.get_object().get(object) == simdjson::SUCCESS) {
-        const std::size_t saturated = object.size();
-        if (saturated < 0xFFFFFF) {
-            return saturated;
-        }
-        std::size_t count = 0;
-        for (auto it = object.begin(); it != object.end(); ++it) {
-            ++count;
-        }
-        return count;
-    }
-    return 0;
+    return childCount(documentOf(document_), static_cast<std::uint32_t>(index_));
 }
 
 JSONElement::Iterator JSONElement::begin() const {
+    Iterator position;
     if (kind_ != Value::Kind::array) {
-        return {};
+        return position;
     }
-    const auto array = JSONElementAccess::element(*this).get_array().value_unsafe();
-    return JSONElementAccess::position(array.begin(), array.begin() == array.end());
+    const JSONDocument& document = documentOf(document_);
+    position.document_ = document_;
+    position.index_ = index_ + 1;
+    position.kind_ = document.tape[index_ + 1].valueKind();
+    return position;
 }
 
 JSONElement::Iterator JSONElement::end() const {
+    Iterator position;
     if (kind_ != Value::Kind::array) {
-        return {};
+        return position;
     }
-    return JSONElementAccess::position(
-        JSONElementAccess::element(*this).get_array().value_unsafe().end(), true);
+    position.document_ = document_;
+    position.index_ = documentOf(document_).tape[index_].next;
+    return position;
 }
 
 JSONElement::Iterator& JSONElement::Iterator::operator++() {
-    auto iterator = JSONElementAccess::iterator(*this);
-    ++iterator;
-    // The closing bracket follows the last element; its tape entry reads as null.
-    *this = JSONElementAccess::position(iterator, false);
+    const JSONDocument& document = documentOf(document_);
+    // Past the last element is the entry after the array, or the tape's closing null entry.
+    index_ = document.tape[index_].next;
+    kind_ = document.tape[index_].valueKind();
     return *this;
 }
 
@@ -481,24 +980,27 @@ std::optional<JSONElement> JSONElement::member(std::string_view key) const {
     if (kind_ != Value::Kind::dictionary) {
         return std::nullopt;
     }
-    const auto object = JSONElementAccess::element(*this).get_object().value_unsafe();
-    std::optional<simdjson::dom::element> found;
-    for (auto it = object.begin(); it != object.end(); ++it) {
-        if (it.key_equals(key)) {
-            found = it.value();  // a later duplicate replaces it
+    const JSONDocument& document = documentOf(document_);
+    const std::uint32_t end = document.tape[index_].next;
+    std::optional<std::uint32_t> found;
+    for (std::uint32_t i = static_cast<std::uint32_t>(index_) + 1; i < end;
+         i = document.tape[i + 1].next) {
+        const TapeEntry& name = document.tape[i];
+        if (name.text.length == key.size() && document.text(name) == key) {
+            found = i + 1;  // a later duplicate replaces it
         }
     }
     if (!found) {
         return std::nullopt;
     }
-    return JSONElementAccess::view(*found);
+    return JSONElementAccess::view(document, *found);
 }
 
 Value JSONElement::toValue() const {
-    if (JSONElementAccess::isNullView(*this)) {
+    if (document_ == nullptr) {
         return Value(nullptr);
     }
-    return convert(JSONElementAccess::element(*this));
+    return convert(documentOf(document_), static_cast<std::uint32_t>(index_));
 }
 
 }  // namespace nimborra::platform

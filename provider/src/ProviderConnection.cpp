@@ -10,48 +10,30 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
+#include <limits>
 #include <string>
 #include <string_view>
+
+#include "NimbOrraPlatform/Uuid.h"
+#include "RepeatedLine.h"
 
 namespace nimborra::provider::detail {
 namespace {
 
 // Output a connection may hold before it stops reading: answers wait in the HTTP/2 session
-// (bounded by its streams) rather than in an ever-growing buffer for a client that does not read.
-constexpr std::size_t kOutputLimit = 64 * 1024;
+// (bounded by its streams and the memory budget) rather than in a buffer for a client that does
+// not read. Small, since it is multiplied by the number of connections.
+constexpr std::size_t kOutputLimit = 16 * 1024;
 // How long a connection that is closing may take to write its last frames.
-constexpr auto kClosingGrace = std::chrono::seconds(2);
+constexpr auto kClosingGrace = std::chrono::seconds(1);
+constexpr std::string_view kBudgetSpent =
+    "refused a stream: unfinished and unanswered requests hold the whole memory budget";
+// What nghttp2 is told of the stream limit: never reached, so that a stream beyond the
+// advertised limit is refused here, alone, where nghttp2 would end the whole connection.
+constexpr std::uint32_t kNoStreamLimit = std::numeric_limits<std::uint32_t>::max();
 
 std::string_view text(const std::uint8_t* data, std::size_t length) {
     return {reinterpret_cast<const char*>(data), length};
-}
-
-bool isUuid(std::string_view id) {
-    if (id.size() != 36) {
-        return false;
-    }
-    for (std::size_t i = 0; i < id.size(); ++i) {
-        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-        if (dash ? id[i] != '-' : std::isxdigit(static_cast<unsigned char>(id[i])) == 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// The apns-id of an answer the transport gives itself: the request's own when it is a UUID, as
-// APNs echoes it, else a new one.
-std::string apnsIdFor(const ProviderRequest& request) {
-    for (const auto& [name, value] : request.headers) {
-        if (name == "apns-id" && isUuid(value)) {
-            std::string id = value;
-            std::transform(id.begin(), id.end(), id.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-            return id;
-        }
-    }
-    return makeUuid();
 }
 
 nghttp2_nv header(std::string_view name, std::string_view value) {
@@ -62,6 +44,25 @@ nghttp2_nv header(std::string_view name, std::string_view value) {
 
 ProviderConnection* self(void* data) {
     return static_cast<ProviderConnection*>(data);
+}
+
+// The server's SETTINGS as nghttp2 wrote them, with the advertised stream limit in place of the
+// one nghttp2 was told.
+std::string withAdvertisedStreamLimit(const std::uint8_t* data, std::size_t length,
+                                      std::uint32_t limit) {
+    std::string frame(reinterpret_cast<const char*>(data), length);
+    constexpr std::size_t kHeaderLength = 9;
+    if (length < kHeaderLength || data[3] != NGHTTP2_SETTINGS) {
+        return frame;
+    }
+    for (std::size_t at = kHeaderLength; at + 6 <= length; at += 6) {
+        if (data[at] == 0 && data[at + 1] == NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS) {
+            for (std::size_t i = 0; i < 4; ++i) {
+                frame[at + 2 + i] = static_cast<char>(limit >> (24 - 8 * i));
+            }
+        }
+    }
+    return frame;
 }
 
 }  // namespace
@@ -104,7 +105,9 @@ bool ProviderConnection::setUp(event_base* base, evutil_socket_t fd) {
     }
     timer_ = evtimer_new(
         base, [](evutil_socket_t, short, void* c) { self(c)->timerFired(); }, this);
-    if (events_ == nullptr || timer_ == nullptr) {
+    resume_ = event_new(
+        base, -1, 0, [](evutil_socket_t, short, void* c) { self(c)->received(); }, this);
+    if (events_ == nullptr || timer_ == nullptr || resume_ == nullptr) {
         return false;
     }
     if (options.tokens) {
@@ -121,12 +124,20 @@ bool ProviderConnection::setUp(event_base* base, evutil_socket_t fd) {
     nghttp2_session_callbacks_set_on_header_callback(callbacks, onHeader);
     nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks, onDataChunk);
     nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks, onFrameReceived);
+    nghttp2_session_callbacks_set_on_frame_send_callback(callbacks, onFrameSent);
     nghttp2_session_callbacks_set_on_stream_close_callback(callbacks, onStreamClosed);
+    nghttp2_session_callbacks_set_error_callback2(callbacks, onError);
     int result = nghttp2_option_new(&sessionOptions);
     if (result == 0) {
         // Closed streams are kept only for priority bookkeeping this server does not use; not
         // keeping them bounds a connection's memory by its open streams.
         nghttp2_option_set_no_closed_streams(sessionOptions, 1);
+        // nghttp2 ends a connection whose client resets many streams (GOAWAY INTERNAL_ERROR).
+        // Here a reset stream costs nothing once its request is dropped, and the streams and
+        // requests a client may hold are bounded anyway, so resets are not limited.
+        nghttp2_option_set_stream_reset_rate_limit(sessionOptions,
+                                                   std::numeric_limits<std::uint32_t>::max(),
+                                                   std::numeric_limits<std::uint32_t>::max());
         result = nghttp2_session_server_new2(&session_, callbacks, this, sessionOptions);
     }
     nghttp2_option_del(sessionOptions);
@@ -135,7 +146,7 @@ bool ProviderConnection::setUp(event_base* base, evutil_socket_t fd) {
         return false;
     }
     const std::array<nghttp2_settings_entry, 2> settings{{
-        {NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS, options.maximumConcurrentStreams},
+        {NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS, kNoStreamLimit},
         {NGHTTP2_SETTINGS_MAX_HEADER_LIST_SIZE, options.maximumHeaderListSize},
     }};
     if (nghttp2_submit_settings(session_, NGHTTP2_FLAG_NONE, settings.data(), settings.size()) !=
@@ -161,11 +172,14 @@ bool ProviderConnection::setUp(event_base* base, evutil_socket_t fd) {
             }
             if (connection->tls_ && (what & BEV_EVENT_ERROR) != 0) {
                 const unsigned long error = bufferevent_get_openssl_error(connection->events_);
-                if (error != 0) {
+                // A peer that closes without close_notify has simply gone: not a TLS failure.
+                if (error != 0 && ERR_GET_REASON(error) != SSL_R_UNEXPECTED_EOF_WHILE_READING) {
                     std::array<char, 256> reason{};
                     ERR_error_string_n(error, reason.data(), reason.size());
-                    connection->host_.log().debug(std::string("TLS connection failed: ") +
-                                                  reason.data());
+                    connection->host_.line(LogLine::tls).write([&] {
+                        return std::string("closed a connection whose TLS failed: ") +
+                               reason.data();
+                    });
                 }
             }
             connection->closeNow();
@@ -177,41 +191,58 @@ bool ProviderConnection::setUp(event_base* base, evutil_socket_t fd) {
         return false;
     }
     touch();
-    armTimer(options.idleTimeout);
+    armTimer(options.handshakeTimeout);
     flush();
     return true;
 }
 
 ProviderConnection::~ProviderConnection() {
+    closed_ = true;
     if (events_ != nullptr) {
         bufferevent_free(events_);
     }
-    if (timer_ != nullptr) {
-        event_free(timer_);
+    for (event* e : {timer_, resume_}) {
+        if (e != nullptr) {
+            event_free(e);
+        }
     }
     nghttp2_session_del(session_);
 }
 
+bool ProviderConnection::backlogged() const {
+    return ready_.size() >= kReadyLimit || host_.readingPaused();
+}
+
 void ProviderConnection::received() {
+    if (closed_) {
+        return;
+    }
     touch();
     evbuffer* input = bufferevent_get_input(events_);
-    const std::size_t length = evbuffer_get_length(input);
-    if (closing_ || length == 0) {
+    std::size_t length = evbuffer_get_length(input);
+    if (closing_) {
         evbuffer_drain(input, length);
         return;
     }
-    const unsigned char* data = evbuffer_pullup(input, -1);
-    const ssize_t used = nghttp2_session_mem_recv(session_, data, length);
-    evbuffer_drain(input, length);
-    if (used < 0) {
-        // Not HTTP/2 (an HTTP/1.1 request, say), or a protocol error: nghttp2 may have queued a
-        // GOAWAY saying which; it is sent and the connection closed.
-        host_.log().debug([&] {
-            return "closing a connection that broke HTTP/2: " +
-                   std::string(nghttp2_strerror(static_cast<int>(used)));
-        });
-        fail();
-        return;
+    // In slices, so that a client with many requests in one read parses no more of them than
+    // the server takes on; the rest waits in the input (and, once reading stops, in the
+    // client) until they are taken.
+    while (length > 0 && !backlogged()) {
+        const std::size_t slice = std::min(length, kReceiveSlice);
+        const unsigned char* data = evbuffer_pullup(input, static_cast<ssize_t>(slice));
+        const ssize_t used = nghttp2_session_mem_recv(session_, data, slice);
+        evbuffer_drain(input, slice);
+        length -= slice;
+        for (const TransportRefusal& refusal : std::exchange(refusals_, {})) {
+            host_.refusedRequest(refusal);
+        }
+        if (used < 0) {
+            // Not HTTP/2 (an HTTP/1.1 request, say), or a protocol error: nghttp2 may have
+            // queued a GOAWAY saying which; it is sent and the connection closed.
+            logProtocolError(nghttp2_strerror(static_cast<int>(used)));
+            fail();
+            return;
+        }
     }
     flush();
     if (!closed_ && !ready_.empty()) {
@@ -219,22 +250,33 @@ void ProviderConnection::received() {
     }
 }
 
+bool ProviderConnection::write(const std::uint8_t* data, std::size_t length) {
+    if (!settingsWritten_) {
+        // The first frame out is the server's SETTINGS (submitted in setUp).
+        settingsWritten_ = true;
+        const std::string frame =
+            withAdvertisedStreamLimit(data, length, host_.options().maximumConcurrentStreams);
+        return bufferevent_write(events_, frame.data(), frame.size()) == 0;
+    }
+    return bufferevent_write(events_, data, length) == 0;
+}
+
 void ProviderConnection::flush() {
     if (closed_) {
         return;
     }
-    evbuffer* output = bufferevent_get_output(events_);
-    while (evbuffer_get_length(output) < kOutputLimit) {
+    while (!outputBackedUp()) {
         const std::uint8_t* data = nullptr;
         const ssize_t length = nghttp2_session_mem_send(session_, &data);
         if (length < 0) {
+            logProtocolError(nghttp2_strerror(static_cast<int>(length)));
             closeNow();
             return;
         }
         if (length == 0) {
             break;
         }
-        if (bufferevent_write(events_, data, static_cast<std::size_t>(length)) != 0) {
+        if (!write(data, static_cast<std::size_t>(length))) {
             closeNow();
             return;
         }
@@ -243,16 +285,23 @@ void ProviderConnection::flush() {
     closeIfDone();
 }
 
+bool ProviderConnection::outputBackedUp() const {
+    return evbuffer_get_length(bufferevent_get_output(events_)) >= kOutputLimit;
+}
+
 void ProviderConnection::updateReading() {
     if (closed_) {
         return;
     }
-    const bool read = !closing_ && !host_.readingPaused() &&
-                      evbuffer_get_length(bufferevent_get_output(events_)) < kOutputLimit;
+    const bool read = !closing_ && !backlogged() && !outputBackedUp();
     if (read != reading_) {
         reading_ = read;
         if (read) {
             bufferevent_enable(events_, EV_READ);
+            // What was read before the pause is parsed at once, not when more arrives.
+            if (evbuffer_get_length(bufferevent_get_input(events_)) > 0) {
+                event_active(resume_, 0, 0);
+            }
         } else {
             bufferevent_disable(events_, EV_READ);
         }
@@ -260,6 +309,9 @@ void ProviderConnection::updateReading() {
 }
 
 void ProviderConnection::closeIfDone() {
+    if (closed_) {
+        return;
+    }
     const bool done = closing_ || (nghttp2_session_want_read(session_) == 0 &&
                                    nghttp2_session_want_write(session_) == 0);
     if (done && evbuffer_get_length(bufferevent_get_output(events_)) == 0) {
@@ -278,16 +330,37 @@ void ProviderConnection::fail() {
     flush();
 }
 
+void ProviderConnection::logProtocolError(const std::string& what) {
+    if (!lastError_.empty() && lastError_ != what) {
+        lastError_ = what + ": " + lastError_;
+    } else {
+        lastError_ = what;
+    }
+    goawayError_ = goawayError_.value_or(NGHTTP2_PROTOCOL_ERROR);
+}
+
 void ProviderConnection::closeNow() {
     if (closed_) {
         return;
     }
     closed_ = true;
-    // The socket (and its TLS state) goes at once; the object itself is freed by the server
-    // outside this connection's callbacks.
+    if (goawayError_) {
+        host_.line(LogLine::protocolError).write([&] {
+            return "closed a connection on a protocol error (" +
+                   std::string(nghttp2_http2_strerror(*goawayError_)) +
+                   "): " + (lastError_.empty() ? std::string("no detail") : lastError_);
+        });
+    }
+    // The socket (and its TLS state) goes at once, and with it what its streams held; the
+    // object itself is freed by the server outside this connection's callbacks.
     bufferevent_free(events_);
     events_ = nullptr;
     evtimer_del(timer_);
+    event_del(resume_);
+    for (auto& [id, stream] : streams_) {
+        stream.charged = 0;
+    }
+    host_.release(*this, held_);
     host_.connectionClosed(id_);
 }
 
@@ -306,13 +379,25 @@ void ProviderConnection::timerFired() {
         closeNow();
         return;
     }
-    const auto idle = host_.options().idleTimeout;
+    const ProviderServerOptions& options = host_.options();
+    if (!established_) {
+        host_.line(LogLine::handshake).write([&] {
+            return "closed a connection that had not completed its " +
+                   std::string(tls_ ? "TLS handshake and " : "") + "HTTP/2 preface within " +
+                   std::to_string(options.handshakeTimeout.count()) + " ms";
+        });
+        closeNow();
+        return;
+    }
+    const auto idle = options.idleTimeout;
     const auto quiet = std::chrono::steady_clock::now() - lastActivity_;
     if (awaitingAnswers_ > 0 || quiet < idle) {
         armTimer(awaitingAnswers_ > 0 ? std::chrono::steady_clock::duration(idle) : idle - quiet);
         return;
     }
-    host_.log().debug("closing a connection idle for " + std::to_string(idle.count()) + " s");
+    host_.line(LogLine::idle).write([&] {
+        return "closing a connection idle for " + std::to_string(idle.count()) + " s";
+    });
     nghttp2_submit_goaway(session_, NGHTTP2_FLAG_NONE,
                           nghttp2_session_get_last_proc_stream_id(session_), NGHTTP2_NO_ERROR,
                           nullptr, 0);
@@ -330,13 +415,55 @@ void ProviderConnection::shutDown() {
     flush();
 }
 
+void ProviderConnection::resetUnfinished() {
+    if (closed_) {
+        return;
+    }
+    for (auto& [id, stream] : streams_) {
+        if (!stream.handedOver) {
+            resetStream(id, stream, NGHTTP2_CANCEL);
+        }
+    }
+    flush();
+}
+
+bool ProviderConnection::reclaim() {
+    if (closed_) {
+        return false;
+    }
+    for (auto& [id, stream] : streams_) {
+        if (!stream.handedOver && !stream.reset) {
+            host_.line(LogLine::reclaim).write([&] {
+                return "refused an unfinished stream of the connection holding the most of the "
+                       "memory budget, to make room for another connection's";
+            });
+            resetStream(id, stream, NGHTTP2_REFUSED_STREAM);
+            flush();
+            return true;
+        }
+    }
+    if (!outputBackedUp()) {
+        return false;
+    }
+    host_.line(LogLine::reclaim).write([&] {
+        return "closed a connection that holds " + std::to_string(held_) +
+               " bytes of the memory budget and does not read its answers, to make room for "
+               "another connection's";
+    });
+    closeNow();
+    return true;
+}
+
 std::optional<std::pair<std::int32_t, ProviderRequest>> ProviderConnection::takeRequest() {
     while (!ready_.empty()) {
         const std::int32_t id = ready_.front();
         ready_.pop_front();
         Stream* stream = find(id);
-        if (stream != nullptr && !stream->answered) {
+        if (stream != nullptr && !stream->answered && !stream->reset) {
             ++awaitingAnswers_;
+            if (ready_.size() + 1 == kReadyLimit) {
+                updateReading();
+            }
             return std::pair{id, std::move(stream->request)};
         }
     }
@@ -353,7 +480,7 @@ void ProviderConnection::answer(std::int32_t id, const ProviderResponse& respons
     touch();
     Stream* stream = find(id);
     // The client may have reset the stream meanwhile; then the answer has nowhere to go.
-    if (stream != nullptr && !stream->answered) {
+    if (stream != nullptr && !stream->answered && !stream->reset) {
         respond(id, *stream, response);
     }
     flush();
@@ -389,22 +516,55 @@ void ProviderConnection::respond(std::int32_t id, Stream& stream,
     }
 }
 
-void ProviderConnection::refuse(std::int32_t id, Stream& stream, int status,
-                                std::string_view reason) {
-    ProviderResponse response;
-    response.status = status;
-    response.apnsId = apnsIdFor(stream.request);
-    if (!reason.empty()) {
-        response.body = "{\"reason\":\"" + std::string(reason) + "\"}";
-    }
-    stream.request = {};
-    respond(id, stream, response);
+void ProviderConnection::handOver(std::int32_t id, Stream& stream) {
+    stream.handedOver = true;
+    ready_.push_back(id);
 }
 
-int ProviderConnection::onBeginHeaders(nghttp2_session*, const nghttp2_frame* frame, void* c) {
-    if (frame->hd.type == NGHTTP2_HEADERS && frame->headers.cat == NGHTTP2_HCAT_REQUEST) {
-        self(c)->streams_.try_emplace(frame->hd.stream_id);
+void ProviderConnection::resetStream(std::int32_t id, Stream& stream, std::uint32_t error) {
+    if (stream.reset) {
+        return;
     }
+    stream.reset = true;
+    // What the request holds goes now; the stream's own cost when nghttp2 closes it.
+    if (stream.charged > kStreamCost) {
+        host_.release(*this, stream.charged - kStreamCost);
+        stream.charged = kStreamCost;
+    }
+    stream.request = {};
+    nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, id, error);
+}
+
+bool ProviderConnection::chargeStream(Stream& stream, std::size_t bytes) {
+    if (!host_.charge(*this, bytes)) {
+        return false;
+    }
+    stream.charged += bytes;
+    return true;
+}
+
+int ProviderConnection::onBeginHeaders(nghttp2_session* session, const nghttp2_frame* frame,
+                                       void* c) {
+    if (frame->hd.type != NGHTTP2_HEADERS || frame->headers.cat != NGHTTP2_HCAT_REQUEST) {
+        return 0;
+    }
+    auto* connection = self(c);
+    const std::int32_t id = frame->hd.stream_id;
+    const ProviderServerOptions& options = connection->host_.options();
+    const bool overLimit = connection->streams_.size() >= options.maximumConcurrentStreams;
+    if (overLimit || !connection->host_.charge(*connection, kStreamCost)) {
+        // Refused before anything of it was read: the client may send it again. Submitted
+        // first, the refusal is the stream's only reset (nghttp2 adds none to a closing stream).
+        nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, id, NGHTTP2_REFUSED_STREAM);
+        connection->host_.line(overLimit ? LogLine::streamLimit : LogLine::budget).write([&] {
+            return overLimit ? "refused a stream beyond the " +
+                                   std::to_string(options.maximumConcurrentStreams) +
+                                   " concurrent streams a connection may open"
+                             : std::string(kBudgetSpent);
+        });
+        return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;
+    }
+    connection->streams_[id].charged = kStreamCost;
     return 0;
 }
 
@@ -413,20 +573,46 @@ int ProviderConnection::onHeader(nghttp2_session*, const nghttp2_frame* frame,
                                  const std::uint8_t* valueData, std::size_t valueLength,
                                  std::uint8_t, void* c) {
     auto* connection = self(c);
-    Stream* stream = connection->find(frame->hd.stream_id);
-    if (stream == nullptr || stream->answered || stream->headersTooLarge) {
+    const std::int32_t id = frame->hd.stream_id;
+    Stream* stream = connection->find(id);
+    if (stream == nullptr || stream->reset) {
         return 0;
     }
-    // Counted as SETTINGS_MAX_HEADER_LIST_SIZE counts, trailers included; past the limit the
-    // headers are dropped at once and the request refused when its header block ends.
-    stream->headerListSize += nameLength + valueLength + 32;
-    if (stream->headerListSize > connection->host_.options().maximumHeaderListSize) {
-        stream->headersTooLarge = true;
-        stream->request.headers = {};
-        return 0;
+    const ProviderServerOptions& options = connection->host_.options();
+    // Counted as SETTINGS_MAX_HEADER_LIST_SIZE counts, trailers included.
+    const std::size_t cost = nameLength + valueLength + 32;
+    stream->headerListSize += cost;
+    if (stream->headerListSize > options.maximumHeaderListSize) {
+        // Abandoned at once: returning the failure makes nghttp2 skip every later field of the
+        // block, so that HPACK references to large entries cost nothing more.
+        if (!stream->handedOver) {
+            TransportRefusal refusal;
+            for (const auto& [name, value] : stream->request.headers) {
+                if (name == "apns-id" && platform::isUuidText(value)) {
+                    refusal.apnsId = value;
+                }
+            }
+            refusal.errorCode = NGHTTP2_ENHANCE_YOUR_CALM;
+            refusal.detail = "the header list is over the " +
+                             std::to_string(options.maximumHeaderListSize) +
+                             " bytes this server takes (SETTINGS_MAX_HEADER_LIST_SIZE, counted "
+                             "after HPACK decoding); the stream was reset with ENHANCE_YOUR_CALM";
+            connection->refusals_.push_back(std::move(refusal));
+        }
+        connection->host_.line(LogLine::headerList).write([&] {
+            return "reset a stream whose header list passed " +
+                   std::to_string(options.maximumHeaderListSize) + " bytes";
+        });
+        connection->resetStream(id, *stream, NGHTTP2_ENHANCE_YOUR_CALM);
+        return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;
     }
-    if (frame->headers.cat != NGHTTP2_HCAT_REQUEST) {
-        return 0;
+    if (frame->headers.cat != NGHTTP2_HCAT_REQUEST || stream->handedOver) {
+        return 0;  // trailers: counted, not kept
+    }
+    if (!connection->chargeStream(*stream, cost)) {
+        connection->host_.line(LogLine::budget).write([] { return std::string(kBudgetSpent); });
+        connection->resetStream(id, *stream, NGHTTP2_REFUSED_STREAM);
+        return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;
     }
     const std::string_view name = text(nameData, nameLength);
     const std::string_view value = text(valueData, valueLength);
@@ -451,15 +637,23 @@ int ProviderConnection::onDataChunk(nghttp2_session*, std::uint8_t, std::int32_t
                                     const std::uint8_t* data, std::size_t length, void* c) {
     auto* connection = self(c);
     Stream* stream = connection->find(id);
-    if (stream == nullptr || stream->answered || stream->headersTooLarge) {
+    if (stream == nullptr || stream->reset || stream->handedOver) {
+        // A body past the limit: the rest is read and dropped (flow control credits it as it
+        // arrives) rather than reset: RST_STREAM after an early answer is allowed, but some
+        // clients (curl) then discard the answer.
         return 0;
     }
     std::string& body = stream->request.body;
     if (body.size() + length > kVoipPayloadLimit) {
-        // No push type allows more. The rest of the body is read and dropped (flow control
-        // credits it as it arrives) rather than reset: RST_STREAM(NO_ERROR) after an early
-        // answer is allowed, but some clients (curl) then discard the answer.
-        connection->refuse(id, *stream, 413, "PayloadTooLarge");
+        // No push type allows more: the request goes to the rules now, marked, and none of the
+        // rest is held.
+        stream->request.bodyTooLarge = true;
+        connection->handOver(id, *stream);
+        return 0;
+    }
+    if (!connection->chargeStream(*stream, length)) {
+        connection->host_.line(LogLine::budget).write([] { return std::string(kBudgetSpent); });
+        connection->resetStream(id, *stream, NGHTTP2_REFUSED_STREAM);
         return 0;
     }
     body.append(reinterpret_cast<const char*>(data), length);
@@ -468,29 +662,53 @@ int ProviderConnection::onDataChunk(nghttp2_session*, std::uint8_t, std::int32_t
 
 int ProviderConnection::onFrameReceived(nghttp2_session*, const nghttp2_frame* frame, void* c) {
     auto* connection = self(c);
+    if (frame->hd.type == NGHTTP2_SETTINGS && (frame->hd.flags & NGHTTP2_FLAG_ACK) == 0 &&
+        !connection->established_) {
+        // The client's preface is complete: from now on only idleness closes the connection.
+        connection->established_ = true;
+        connection->armTimer(connection->host_.options().idleTimeout);
+        return 0;
+    }
     const std::int32_t id = frame->hd.stream_id;
     Stream* stream = connection->find(id);
-    if (stream == nullptr || stream->answered) {
+    if (stream == nullptr || stream->reset || stream->handedOver) {
         return 0;
     }
-    const bool headers = frame->hd.type == NGHTTP2_HEADERS;
-    if (headers && stream->headersTooLarge) {
-        connection->refuse(id, *stream, 431, {});
-        return 0;
+    if ((frame->hd.type == NGHTTP2_HEADERS || frame->hd.type == NGHTTP2_DATA) &&
+        (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0) {
+        connection->handOver(id, *stream);
     }
-    if ((headers || frame->hd.type == NGHTTP2_DATA) &&
-        (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0 && !stream->complete) {
-        stream->complete = true;
-        connection->ready_.push_back(id);
+    return 0;
+}
+
+int ProviderConnection::onFrameSent(nghttp2_session*, const nghttp2_frame* frame, void* c) {
+    if (frame->hd.type == NGHTTP2_GOAWAY && frame->goaway.error_code != NGHTTP2_NO_ERROR) {
+        // nghttp2 ends the connection on a protocol error it found; the log line on closing
+        // says which.
+        self(c)->goawayError_ = frame->goaway.error_code;
     }
     return 0;
 }
 
 int ProviderConnection::onStreamClosed(nghttp2_session*, std::int32_t id, std::uint32_t, void* c) {
     auto* connection = self(c);
-    if (connection->streams_.erase(id) > 0) {
-        std::erase(connection->ready_, id);
+    const auto it = connection->streams_.find(id);
+    if (it == connection->streams_.end()) {
+        return 0;
     }
+    if (!connection->closed_) {
+        connection->host_.release(*connection, it->second.charged);
+    }
+    connection->streams_.erase(it);
+    std::erase(connection->ready_, id);
+    return 0;
+}
+
+int ProviderConnection::onError(nghttp2_session*, int, const char* message, std::size_t length,
+                                void* c) {
+    // Kept short: the text can quote what the client sent.
+    constexpr std::size_t kKept = 200;
+    self(c)->lastError_.assign(message, std::min(length, kKept));
     return 0;
 }
 

@@ -26,28 +26,38 @@
 // 16  400     PayloadEmpty                  the body is empty
 // 17  400     BadPayload                    the body is not a JSON object
 // 18  400     BadDeviceToken                the device token is not the device's
-// 19  400     TopicDisallowed               the topic is the app's topic for another push type
-// 20  400     DeviceTokenNotForTopic        the topic is not the app's at all
-// 21  410     Unregistered                  the device token is no longer registered
+// 19  400     BadDeviceToken                the authority is the other environment's host
+// 20  400     TopicDisallowed               the topic is the app's topic for another push type
+// 21  400     DeviceTokenNotForTopic        the topic is not the app's at all
+// 22  410     Unregistered                  the device token is no longer registered
 //
-// Rows 1-17 judge the request alone, from its framing to its headers to its body; rows 18-21
+// Rows 1-17 judge the request alone, from its framing to its headers to its body; rows 18-22
 // compare it with what is known about the device. Without apns-push-type, the push type is
 // voip, complication or fileprovider when the topic carries that type's suffix, background when
 // the payload's "aps" holds content-available 1 and no alert, badge or sound, else alert. Without
-// apns-priority, the priority is 5 for background and 10 for the rest.
+// apns-priority, the priority is 5 for background and 10 for the rest. Row 19: the authority
+// api.push.apple.com is production, api.sandbox.push.apple.com and
+// api.development.push.apple.com are development, and any other authority (localhost, an
+// address) reaches the device whatever its environment.
+//
+// Every refusal carries an explanation for people: what the rule expects and what came, with
+// the client's text quoted (valid UTF-8, cut short).
 #include "NimbOrraProviderApi/ProviderRequest.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <random>
 
+#include "NimbOrraPlatform/Hex.h"
 #include "NimbOrraPlatform/JSONSerialization.h"
+#include "NimbOrraPlatform/Text.h"
+#include "NimbOrraPlatform/Uuid.h"
+#include "Quote.h"
 
 namespace nimborra::provider {
 namespace {
+
+using detail::quotedText;
 
 struct PushTypeInfo {
     PushType type;
@@ -80,29 +90,16 @@ const PushTypeInfo& info(PushType type) {
 
 constexpr std::string_view kDevicePath = "/3/device/";
 
-bool isHex(char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
+struct EnvironmentHost {
+    std::string_view host;
+    ApnsEnvironment environment;
+};
 
-char toLower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-bool isCanonicalUuid(std::string_view text) {
-    if (text.size() != 36) {
-        return false;
-    }
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-        if (dash ? text[i] != '-' : !isHex(text[i])) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool endsWith(std::string_view text, std::string_view suffix) {
-    return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
-}
+constexpr std::array<EnvironmentHost, 3> kEnvironmentHosts = {{
+    {"api.push.apple.com", ApnsEnvironment::production},
+    {"api.sandbox.push.apple.com", ApnsEnvironment::development},
+    {"api.development.push.apple.com", ApnsEnvironment::development},
+}};
 
 // A non-negative decimal integer that fits in 64 bits, digits only.
 std::optional<std::int64_t> decimal(std::string_view text) {
@@ -129,6 +126,14 @@ std::optional<int> priorityNamed(std::string_view text) {
         return 1;
     }
     return std::nullopt;
+}
+
+std::string pushTypeNames() {
+    std::string names;
+    for (const auto& type : kPushTypes) {
+        names += (names.empty() ? "" : ", ") + std::string(type.name);
+    }
+    return names;
 }
 
 // What the checks read from the request and settle as they pass, in table order.
@@ -163,16 +168,19 @@ struct Context {
         return std::nullopt;
     }
 
-    // The payload parsed once, for push-type inference and the payload rows.
+    // The payload parsed once, for push-type inference and the payload rows; `parseError` says
+    // why it is not JSON.
     const std::optional<platform::Value>& parsedBody() {
         if (!parsed) {
-            parsed.emplace(request.body.empty() || request.bodyTooLarge
-                               ? std::nullopt
-                               : platform::JSONSerialization::jsonObject(request.body));
+            parsed.emplace(
+                request.body.empty() || request.bodyTooLarge
+                    ? std::nullopt
+                    : platform::JSONSerialization::jsonObject(request.body, {}, &parseError));
         }
         return *parsed;
     }
     std::optional<std::optional<platform::Value>> parsed;
+    std::string parseError;
 
     bool fail(std::string text) {
         detail = std::move(text);
@@ -181,12 +189,14 @@ struct Context {
 };
 
 bool hasMethodPost(Context& c) {
-    return c.request.method == "POST" || c.fail("the method is " + c.request.method);
+    return c.request.method == "POST" || c.fail("the method is " + quotedText(c.request.method) +
+                                                "; the provider API takes POST");
 }
 
 bool hasDevicePath(Context& c) {
-    if (c.request.path.compare(0, kDevicePath.size(), kDevicePath) != 0) {
-        return c.fail("the path is not /3/device/<device token>");
+    if (!c.request.path.starts_with(kDevicePath)) {
+        return c.fail("the path " + quotedText(c.request.path) +
+                      " is not /3/device/<device token>");
     }
     c.deviceToken = std::string_view(c.request.path).substr(kDevicePath.size());
     return true;
@@ -200,12 +210,16 @@ bool hasNoRepeatedHeader(Context& c) {
     }
     std::sort(names.begin(), names.end());
     const auto repeated = std::adjacent_find(names.begin(), names.end());
-    return repeated == names.end() || c.fail("the header " + std::string(*repeated) + " repeats");
+    return repeated == names.end() ||
+           c.fail("the header " + quotedText(*repeated) + " occurs more than once");
 }
 
 bool hasValidMessageId(Context& c) {
     const auto id = c.header("apns-id");
-    return !id || isCanonicalUuid(*id) || c.fail("apns-id is not a canonical UUID");
+    return !id || platform::isUuidText(*id) ||
+           c.fail("apns-id " + quotedText(*id) +
+                  " is not a UUID (8-4-4-4-12 hexadecimal digits, as 123e4567-e89b-12d3-a456-"
+                  "426614174000)");
 }
 
 bool isAuthenticated(Context& c) {
@@ -217,20 +231,21 @@ bool isAuthenticated(Context& c) {
         return true;
     }
     c.refusal = TokenRefusal{403, "MissingProviderToken", ""};
-    return c.fail("no client certificate and no provider token");
+    return c.fail("the connection has no client certificate and the server takes no tokens");
 }
 
 bool hasDeviceToken(Context& c) {
-    return !c.deviceToken.empty() || c.fail("the path has no device token");
+    return !c.deviceToken.empty() || c.fail("the path has no device token after /3/device/");
 }
 
 // APNs documents device tokens as of variable length: 32 bytes for apps, longer for some
 // (Live Activities). Hex digits in pairs, 32 to 100 bytes.
 bool isWellFormedDeviceToken(Context& c) {
     const auto size = c.deviceToken.size();
-    return (size >= 64 && size <= 200 && size % 2 == 0 &&
-            std::all_of(c.deviceToken.begin(), c.deviceToken.end(), isHex)) ||
-           c.fail("the device token is not 64 to 200 hex digits");
+    return (size >= 64 && size <= 200 && size % 2 == 0 && platform::isHexText(c.deviceToken)) ||
+           c.fail("the device token " + quotedText(c.deviceToken) +
+                  " is not 64 to 200 hexadecimal " + "digits in pairs (" + std::to_string(size) +
+                  " characters)");
 }
 
 bool hasTopic(Context& c) {
@@ -242,7 +257,8 @@ bool hasTopic(Context& c) {
         c.topic = *c.authentication.certificateTopic;
         return true;
     }
-    return c.fail("token authentication needs apns-topic");
+    return c.fail("token authentication needs an apns-topic header (the bundle identifier " +
+                  quotedText(c.destination.bundleIdentifier) + ", with a push type's suffix)");
 }
 
 // A bundle identifier's characters, with the dots that join it to a suffix.
@@ -252,12 +268,13 @@ bool isWellFormedTopic(Context& c) {
                                 return (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') ||
                                        (ch >= '0' && ch <= '9') || ch == '.' || ch == '-';
                             });
-    return wellFormed || c.fail("apns-topic is not a bundle identifier");
+    return wellFormed || c.fail("apns-topic " + quotedText(c.topic) +
+                                " is not a bundle identifier (letters, digits, \".\" and \"-\")");
 }
 
 PushType inferredPushType(Context& c) {
     for (const auto& type : kPushTypes) {
-        if (type.inferredFromTopic && endsWith(c.topic, type.suffix)) {
+        if (type.inferredFromTopic && c.topic.ends_with(type.suffix)) {
             return type.type;
         }
     }
@@ -279,10 +296,15 @@ bool hasKnownPushType(Context& c) {
     }
     const auto type = pushTypeNamed(*name);
     if (!type) {
-        return c.fail("apns-push-type is not a documented push type");
+        return c.fail("apns-push-type " + quotedText(*name) + " is not one of " + pushTypeNames());
     }
     c.pushType = *type;
     return true;
+}
+
+std::string needsTokens(PushType type) {
+    return std::string(pushTypeName(type)) +
+           " notifications need token authentication, not a client certificate";
 }
 
 bool isTopicOfCertificate(Context& c) {
@@ -291,18 +313,17 @@ bool isTopicOfCertificate(Context& c) {
     }
     const std::string& own = *c.authentication.certificateTopic;
     if (c.topic == own) {
-        return info(c.pushType).certificateAllowed ||
-               c.fail(std::string(pushTypeName(c.pushType)) + " needs token authentication");
+        return info(c.pushType).certificateAllowed || c.fail(needsTokens(c.pushType));
     }
     for (const auto& type : kPushTypes) {
         if (!type.suffix.empty() && type.certificateAllowed && c.topic.size() > own.size() &&
-            c.topic.compare(0, own.size(), own) == 0 &&
+            c.topic.starts_with(own) &&
             std::string_view(c.topic).substr(own.size()) == type.suffix) {
-            return info(c.pushType).certificateAllowed ||
-                   c.fail(std::string(pushTypeName(c.pushType)) + " needs token authentication");
+            return info(c.pushType).certificateAllowed || c.fail(needsTokens(c.pushType));
         }
     }
-    return c.fail("the client certificate does not cover the topic " + c.topic);
+    return c.fail("the client certificate is for the topic " + quotedText(own) +
+                  " and its suffixed topics, not " + quotedText(c.topic));
 }
 
 bool hasValidPriority(Context& c) {
@@ -313,10 +334,10 @@ bool hasValidPriority(Context& c) {
     }
     const auto priority = priorityNamed(*text);
     if (!priority) {
-        return c.fail("apns-priority is not 10, 5 or 1");
+        return c.fail("apns-priority " + quotedText(*text) + " is not 10, 5 or 1");
     }
     if (*priority == 10 && c.pushType == PushType::background) {
-        return c.fail("background notifications take priority 5 or 1, not 10");
+        return c.fail("background notifications take apns-priority 5 or 1, not 10");
     }
     c.priority = *priority;
     return true;
@@ -329,7 +350,8 @@ bool hasValidExpiration(Context& c) {
     }
     const auto expiration = decimal(*text);
     if (!expiration) {
-        return c.fail("apns-expiration is not a non-negative integer of seconds");
+        return c.fail("apns-expiration " + quotedText(*text) +
+                      " is not a non-negative 64-bit integer of seconds since 1970");
     }
     c.expiration = *expiration;
     return true;
@@ -338,7 +360,8 @@ bool hasValidExpiration(Context& c) {
 bool hasValidCollapseId(Context& c) {
     const auto id = c.header("apns-collapse-id");
     if (id && id->size() > kCollapseIdLimit) {
-        return c.fail("apns-collapse-id is longer than 64 bytes");
+        return c.fail("apns-collapse-id is " + std::to_string(id->size()) +
+                      " bytes; at most 64 are allowed");
     }
     if (id) {
         c.collapseId.emplace(*id);
@@ -348,8 +371,13 @@ bool hasValidCollapseId(Context& c) {
 
 bool fitsPayloadLimit(Context& c) {
     const std::size_t limit = c.pushType == PushType::voip ? kVoipPayloadLimit : kPayloadLimit;
-    return (!c.request.bodyTooLarge && c.request.body.size() <= limit) ||
-           c.fail("the payload is over " + std::to_string(limit) + " bytes");
+    if (!c.request.bodyTooLarge && c.request.body.size() <= limit) {
+        return true;
+    }
+    const std::string size = c.request.bodyTooLarge ? "over " + std::to_string(kVoipPayloadLimit)
+                                                    : std::to_string(c.request.body.size());
+    return c.fail("the payload is " + size + " bytes; " + std::string(pushTypeName(c.pushType)) +
+                  " notifications carry at most " + std::to_string(limit));
 }
 
 bool hasPayload(Context& c) {
@@ -358,43 +386,70 @@ bool hasPayload(Context& c) {
 
 bool isJsonObjectPayload(Context& c) {
     const auto& body = c.parsedBody();
-    if (!body || !body->dictionary()) {
-        return c.fail("the payload is not a JSON object");
+    if (!body) {
+        return c.fail("the payload is not JSON" +
+                      (c.parseError.empty() ? std::string() : ": " + c.parseError));
+    }
+    if (!body->dictionary()) {
+        return c.fail("the payload is JSON but not an object ({...})");
     }
     c.payload = *body->dictionary();
     return true;
 }
 
 bool isDevicesToken(Context& c) {
-    const bool same =
-        c.deviceToken.size() == c.destination.deviceToken.size() &&
-        std::equal(c.deviceToken.begin(), c.deviceToken.end(), c.destination.deviceToken.begin(),
-                   [](char a, char b) { return toLower(a) == toLower(b); });
-    return same || c.fail("no device has this token");
+    return platform::equalsIgnoringASCIICase(c.deviceToken, c.destination.deviceToken) ||
+           c.fail("the device token is not this device's (" + c.destination.deviceToken + ")");
+}
+
+bool isDevicesEnvironment(Context& c) {
+    const auto named = apnsEnvironmentOfAuthority(c.request.authority);
+    if (!named || !c.destination.environment || *named == *c.destination.environment) {
+        return true;
+    }
+    return c.fail(quotedText(c.request.authority) + " is APNs's " +
+                  std::string(apnsEnvironmentName(*named)) +
+                  " environment; this device's token is for " +
+                  std::string(apnsEnvironmentName(*c.destination.environment)) +
+                  (*c.destination.environment == ApnsEnvironment::production
+                       ? " (api.push.apple.com)"
+                       : " (api.sandbox.push.apple.com)"));
+}
+
+std::string topicOf(const ProviderDestination& destination, PushType type) {
+    return destination.bundleIdentifier + std::string(topicSuffix(type));
 }
 
 // The app's topic for one push type and another: the push type's topic is wrong here.
 bool isTopicOfPushType(Context& c) {
-    const std::string& bundle = c.destination.bundleIdentifier;
-    if (c.topic == bundle + std::string(topicSuffix(c.pushType))) {
+    const std::string expected = topicOf(c.destination, c.pushType);
+    if (c.topic == expected) {
         return true;
     }
     for (const auto& type : kPushTypes) {
-        if (c.topic == bundle + std::string(type.suffix)) {
-            return c.fail(std::string(pushTypeName(c.pushType)) + " notifications go to " + bundle +
-                          std::string(topicSuffix(c.pushType)));
+        if (c.topic == topicOf(c.destination, type.type)) {
+            return c.fail(std::string(pushTypeName(c.pushType)) +
+                          " notifications go to the topic " + quotedText(expected) + ", not " +
+                          quotedText(c.topic));
         }
     }
     return true;
 }
 
 bool isTopicOfDevice(Context& c) {
-    return c.topic == c.destination.bundleIdentifier + std::string(topicSuffix(c.pushType)) ||
-           c.fail("the device token is not for the topic " + c.topic);
+    return c.topic == topicOf(c.destination, c.pushType) ||
+           c.fail("the device token is for the application " +
+                  quotedText(c.destination.bundleIdentifier) + " (topic " +
+                  quotedText(topicOf(c.destination, c.pushType)) + " for " +
+                  std::string(pushTypeName(c.pushType)) + "), not the topic " +
+                  quotedText(c.topic));
 }
 
 bool isRegistered(Context& c) {
-    return !c.destination.unregisteredAt || c.fail("the device token is no longer registered");
+    return !c.destination.unregisteredAt ||
+           c.fail("the application was removed from the device at " +
+                  std::to_string(*c.destination.unregisteredAt) +
+                  " ms since 1970; its token is no longer valid");
 }
 
 struct Check {
@@ -404,7 +459,7 @@ struct Check {
 };
 
 // The order of this table is the order in the comment at the top of this file.
-constexpr std::array<Check, 21> kChecks = {{
+constexpr std::array<Check, 22> kChecks = {{
     {hasMethodPost, 405, "MethodNotAllowed"},
     {hasDevicePath, 404, "BadPath"},
     {hasNoRepeatedHeader, 400, "DuplicateHeaders"},
@@ -423,6 +478,7 @@ constexpr std::array<Check, 21> kChecks = {{
     {hasPayload, 400, "PayloadEmpty"},
     {isJsonObjectPayload, 400, "BadPayload"},
     {isDevicesToken, 400, "BadDeviceToken"},
+    {isDevicesEnvironment, 400, "BadDeviceToken"},
     {isTopicOfPushType, 400, "TopicDisallowed"},
     {isTopicOfDevice, 400, "DeviceTokenNotForTopic"},
     {isRegistered, 410, "Unregistered"},
@@ -434,7 +490,7 @@ ProviderRefusal refusalFor(Context& c, const Check& check, std::string apnsId) {
     refusal.apnsId = std::move(apnsId);
     refusal.status = c.refusal ? c.refusal->status : check.status;
     refusal.reason = c.refusal ? c.refusal->reason : check.reason;
-    if (check.reason == "Unregistered") {
+    if (check.passes == isRegistered) {
         refusal.timestamp = c.destination.unregisteredAt;
     }
     refusal.detail = std::move(c.detail);
@@ -471,17 +527,48 @@ std::string_view topicSuffix(PushType type) {
     return info(type).suffix;
 }
 
+std::string_view apnsEnvironmentName(ApnsEnvironment environment) {
+    return environment == ApnsEnvironment::production ? "production" : "development";
+}
+
+std::optional<ApnsEnvironment> apnsEnvironmentNamed(std::string_view name) {
+    if (name == "production") {
+        return ApnsEnvironment::production;
+    }
+    if (name == "development") {
+        return ApnsEnvironment::development;
+    }
+    return std::nullopt;
+}
+
+std::optional<ApnsEnvironment> apnsEnvironmentOfAuthority(std::string_view authority) {
+    // "host", "host:port"; host names never hold ":" or "]" (an IPv6 address does, and names
+    // no environment).
+    if (const auto colon = authority.rfind(':'); colon != std::string_view::npos) {
+        authority = authority.substr(0, colon);
+    }
+    if (authority.ends_with('.')) {
+        authority.remove_suffix(1);
+    }
+    for (const auto& [host, environment] : kEnvironmentHosts) {
+        if (platform::equalsIgnoringASCIICase(authority, host)) {
+            return environment;
+        }
+    }
+    return std::nullopt;
+}
+
 ProviderVerdict checkProviderRequest(const ProviderRequest& request,
                                      const ProviderDestination& destination,
                                      const ConnectionAuthentication& authentication,
                                      std::int64_t nowSeconds, std::string (*makeApnsId)()) {
     Context context(request, destination, authentication, nowSeconds);
     std::string apnsId;
-    if (const auto id = context.header("apns-id"); id && isCanonicalUuid(*id)) {
+    if (const auto id = context.header("apns-id"); id && platform::isUuidText(*id)) {
         // Echoed exactly as sent: clients match answers to requests by this text.
         apnsId.assign(*id);
     } else {
-        apnsId = makeApnsId != nullptr ? makeApnsId() : makeUuid();
+        apnsId = makeApnsId != nullptr ? makeApnsId() : platform::makeUuid();
     }
     for (const Check& check : kChecks) {
         if (!check.passes(context)) {
@@ -495,37 +582,9 @@ ProviderVerdict checkProviderRequest(const ProviderRequest& request,
     accepted.priority = context.priority;
     accepted.expiration = context.expiration;
     accepted.collapseId = std::move(context.collapseId);
-    accepted.deviceToken.resize(context.deviceToken.size());
-    std::transform(context.deviceToken.begin(), context.deviceToken.end(),
-                   accepted.deviceToken.begin(), toLower);
+    accepted.deviceToken = platform::asciiLowercased(context.deviceToken);
     accepted.payload = std::move(context.payload);
     return accepted;
-}
-
-std::string makeUuid() {
-    std::array<unsigned char, 16> bytes{};
-    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
-        // OpenSSL's generator failing is all but impossible; an identifier needs uniqueness,
-        // not secrecy, so the standard library's source will do.
-        std::random_device device;
-        for (auto& byte : bytes) {
-            byte = static_cast<unsigned char>(device());
-        }
-    }
-    bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);  // version 4 (random)
-    bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);  // the RFC 4122 variant
-    // Lower case, the canonical form APNs documents.
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::string uuid;
-    uuid.reserve(36);
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10) {
-            uuid += '-';
-        }
-        uuid += digits[bytes[i] >> 4];
-        uuid += digits[bytes[i] & 0x0F];
-    }
-    return uuid;
 }
 
 std::string refusalBody(const ProviderRefusal& refusal) {

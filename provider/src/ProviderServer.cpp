@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "ProviderConnection.h"
+#include "RepeatedLine.h"
 
 namespace nimborra::provider {
 namespace {
@@ -114,6 +116,12 @@ struct ProviderServer::Impl final : detail::ConnectionHost {
     const ProviderServerOptions& options() const override { return options_; }
     bool readingPaused() const override { return paused_; }
     const platform::Logger& log() const override { return transportLogger(); }
+    detail::RepeatedLine& line(detail::LogLine kind) override {
+        return *lines_[static_cast<std::size_t>(kind)];
+    }
+    bool charge(detail::ProviderConnection& connection, std::size_t bytes) override;
+    void release(detail::ProviderConnection& connection, std::size_t bytes) override;
+    void refusedRequest(const TransportRefusal& refusal) override;
 
     std::optional<std::string> listen();
     void run();
@@ -126,7 +134,11 @@ struct ProviderServer::Impl final : detail::ConnectionHost {
     void woken();
     void dispatch();
     void updatePause();
+    void stopStep();
     void finishIfDone();
+    void add(detail::ProviderConnection& connection, std::size_t bytes);
+    std::size_t budget() const;
+    detail::ProviderConnection* heaviest(const detail::ProviderConnection* besides);
     detail::ProviderConnection* find(std::uint64_t id) {
         const auto it = connections_.find(id);
         return it == connections_.end() || it->second->closed() ? nullptr : it->second.get();
@@ -140,6 +152,7 @@ struct ProviderServer::Impl final : detail::ConnectionHost {
     event* wake_ = nullptr;
     event* reap_ = nullptr;
     event* resumeAccepting_ = nullptr;
+    event* stopTimer_ = nullptr;
     std::thread thread_;
     std::uint16_t port_ = 0;
 
@@ -151,8 +164,27 @@ struct ProviderServer::Impl final : detail::ConnectionHost {
     std::uint64_t nextId_ = 0;
     std::size_t open_ = 0;
     std::size_t pending_ = 0;
+    // The memory budget: bytes held by every connection's streams, and how many connections
+    // hold any.
+    std::size_t used_ = 0;
+    std::size_t holders_ = 0;
     bool paused_ = false;
     bool stopping_ = false;
+    // Stopping goes in steps: 0 GOAWAY said, 1 unfinished streams reset, 2 everything closed.
+    int stopStep_ = 0;
+    // Protocol errors and refused connections at info level, the rest at debug.
+    std::array<std::unique_ptr<detail::RepeatedLine>, detail::kLogLineKinds> lines_ = [] {
+        std::array<std::unique_ptr<detail::RepeatedLine>, detail::kLogLineKinds> made;
+        for (std::size_t i = 0; i < made.size(); ++i) {
+            const auto kind = static_cast<detail::LogLine>(i);
+            made[i] = std::make_unique<detail::RepeatedLine>(
+                transportLogger(),
+                kind == detail::LogLine::protocolError || kind == detail::LogLine::refusedConnection
+                    ? platform::LogLevel::info
+                    : platform::LogLevel::debug);
+        }
+        return made;
+    }();
 };
 
 std::optional<std::string> ProviderServer::Impl::listen() {
@@ -225,6 +257,9 @@ std::optional<std::string> ProviderServer::Impl::listen() {
     wake_ = event_new(
         base_, -1, 0, [](evutil_socket_t, short, void* impl) { static_cast<Impl*>(impl)->woken(); },
         this);
+    stopTimer_ = evtimer_new(
+        base_, [](evutil_socket_t, short, void* impl) { static_cast<Impl*>(impl)->stopStep(); },
+        this);
     reap_ = event_new(
         base_, -1, 0,
         [](evutil_socket_t, short, void* impl) {
@@ -235,7 +270,8 @@ std::optional<std::string> ProviderServer::Impl::listen() {
             self->finishIfDone();
         },
         this);
-    if (resumeAccepting_ == nullptr || wake_ == nullptr || reap_ == nullptr) {
+    if (resumeAccepting_ == nullptr || wake_ == nullptr || reap_ == nullptr ||
+        stopTimer_ == nullptr) {
         return std::string("cannot make an event loop");
     }
     const std::lock_guard lock(mailbox_->mutex);
@@ -255,7 +291,7 @@ void ProviderServer::Impl::run() {
 
 void ProviderServer::Impl::accepted(evutil_socket_t fd) {
     if (stopping_ || open_ >= options_.maximumConnections) {
-        log().info([&] {
+        line(detail::LogLine::refusedConnection).write([&] {
             return "refused a connection: " + std::to_string(open_) + " are open, the most allowed";
         });
         evutil_closesocket(fd);
@@ -266,6 +302,90 @@ void ProviderServer::Impl::accepted(evutil_socket_t fd) {
     if (connection) {
         connections_.emplace(id, std::move(connection));
         ++open_;
+    }
+    // The new connection's own cost came out of the budget: what requests hold beyond it now is
+    // given back by those holding the most.
+    while (used_ > budget()) {
+        auto* victim = heaviest(nullptr);
+        if (victim == nullptr || !victim->reclaim()) {
+            break;
+        }
+    }
+}
+
+void ProviderServer::Impl::add(detail::ProviderConnection& connection, std::size_t bytes) {
+    if (connection.held() == 0 && bytes > 0) {
+        ++holders_;
+    }
+    connection.adjustHeld(bytes, 0);
+    used_ += bytes;
+}
+
+// Each open connection costs memory of its own (its TLS state, its HTTP/2 session, its HPACK
+// table, its buffers: measured, with a margin), set aside from memoryLimit before requests get
+// any; what is left, up to memoryBudget, is for requests.
+std::size_t ProviderServer::Impl::budget() const {
+    constexpr std::size_t kTlsConnectionCost = 44 * 1024;
+    constexpr std::size_t kCleartextConnectionCost = 20 * 1024;
+    constexpr std::size_t kLeast = 1024 * 1024;
+    const std::size_t reserved =
+        open_ * (options_.tls ? kTlsConnectionCost : kCleartextConnectionCost);
+    const std::size_t room = options_.memoryLimit > reserved ? options_.memoryLimit - reserved : 0;
+    return std::max(std::min(options_.memoryBudget, room), std::min(options_.memoryBudget, kLeast));
+}
+
+bool ProviderServer::Impl::charge(detail::ProviderConnection& connection, std::size_t bytes) {
+    const std::size_t limit = budget();
+    if (used_ + bytes <= limit) {
+        add(connection, bytes);
+        return true;
+    }
+    // The budget is spent. A connection holding less than its fair share takes room from the
+    // one holding the most, as long as that one holds more than its share; any other stream is
+    // refused.
+    const std::size_t holders = holders_ + (connection.held() == 0 ? 1 : 0);
+    const std::size_t share = limit / holders;
+    if (connection.held() + bytes > share) {
+        return false;
+    }
+    while (used_ + bytes > limit) {
+        auto* victim = heaviest(&connection);
+        if (victim == nullptr || victim->held() <= share || !victim->reclaim()) {
+            return false;
+        }
+    }
+    add(connection, bytes);
+    return true;
+}
+
+void ProviderServer::Impl::release(detail::ProviderConnection& connection, std::size_t bytes) {
+    bytes = std::min(bytes, connection.held());
+    connection.adjustHeld(0, bytes);
+    used_ -= bytes;
+    if (connection.held() == 0 && bytes > 0) {
+        --holders_;
+    }
+}
+
+detail::ProviderConnection* ProviderServer::Impl::heaviest(
+    const detail::ProviderConnection* besides) {
+    detail::ProviderConnection* found = nullptr;
+    for (auto& [id, connection] : connections_) {
+        if (connection.get() != besides && !connection->closed() &&
+            (found == nullptr || connection->held() > found->held())) {
+            found = connection.get();
+        }
+    }
+    return found;
+}
+
+void ProviderServer::Impl::refusedRequest(const TransportRefusal& refusal) {
+    try {
+        handler_.refused(refusal);
+    } catch (const std::exception& error) {
+        log().error(std::string("the request handler failed: ") + error.what());
+    } catch (...) {
+        log().error("the request handler failed");
     }
 }
 
@@ -336,6 +456,11 @@ void ProviderServer::Impl::woken() {
         for (auto& [id, connection] : connections_) {
             connection->shutDown();
         }
+        const auto grace =
+            std::chrono::duration_cast<std::chrono::microseconds>(options_.stopGrace).count();
+        const timeval after{static_cast<time_t>(grace / 1000000),
+                            static_cast<suseconds_t>(grace % 1000000)};
+        evtimer_add(stopTimer_, &after);
     }
     for (Answer& answer : answers) {
         --pending_;
@@ -354,10 +479,34 @@ void ProviderServer::Impl::connectionClosed(std::uint64_t id) {
     event_active(reap_, 0, 0);
 }
 
+// Clients had stopGrace to finish what they began: the streams still unfinished are reset, and
+// the connections close once their answers are written. stopGrace and a second later every
+// connection closes whatever is unwritten (a client that does not read, a zero flow-control
+// window), and the loop ends even if the handler still owes answers.
+void ProviderServer::Impl::stopStep() {
+    ++stopStep_;
+    for (auto& [id, connection] : connections_) {
+        if (stopStep_ == 1) {
+            connection->resetUnfinished();
+        } else {
+            connection->closeNow();
+        }
+    }
+    if (stopStep_ == 1) {
+        const auto last = std::chrono::duration_cast<std::chrono::microseconds>(
+                              options_.stopGrace + std::chrono::seconds(1))
+                              .count();
+        const timeval after{static_cast<time_t>(last / 1000000),
+                            static_cast<suseconds_t>(last % 1000000)};
+        evtimer_add(stopTimer_, &after);
+    }
+    finishIfDone();
+}
+
 void ProviderServer::Impl::finishIfDone() {
     // Stopped once every request handed out has its answer written and every connection has
-    // closed after its GOAWAY.
-    if (stopping_ && pending_ == 0 && open_ == 0) {
+    // closed after its GOAWAY, or once the last step has closed them all.
+    if (stopping_ && open_ == 0 && (pending_ == 0 || stopStep_ >= 2)) {
         event_base_loopbreak(base_);
     }
 }
@@ -388,7 +537,7 @@ void ProviderServer::Impl::release() {
     if (listener_ != nullptr) {
         evconnlistener_free(listener_);
     }
-    for (event* e : {wake_, reap_, resumeAccepting_}) {
+    for (event* e : {wake_, reap_, resumeAccepting_, stopTimer_}) {
         if (e != nullptr) {
             event_free(e);
         }

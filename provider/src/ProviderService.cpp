@@ -5,9 +5,19 @@
 #include <chrono>
 #include <utility>
 
+#include "NimbOrraPlatform/Hex.h"
+#include "NimbOrraPlatform/Logger.h"
+#include "RepeatedLine.h"
+
 namespace nimborra::provider {
 
 namespace {
+
+const platform::Logger& serviceLogger() {
+    static const platform::Logger* instance =
+        new platform::Logger("com.nimborra.provider", "service");
+    return *instance;
+}
 
 std::int64_t nowSeconds() {
     return std::chrono::duration_cast<std::chrono::seconds>(
@@ -46,9 +56,24 @@ ProviderRecord recordFor(const PushNotificationRequest& request, ProviderOutcome
     return record;
 }
 
-platform::IncomingRemoteNotification incomingFor(const PushNotificationRequest& request) {
+// The notification the device takes; the payload moves out of `request` (a copy for a kept one).
+platform::IncomingRemoteNotification incomingFor(PushNotificationRequest& request) {
     return {request.apnsId, request.collapseId, std::string(pushTypeName(request.pushType)),
-            request.payload};
+            std::move(request.payload)};
+}
+
+// A refusal of the service's own (not the rules'), for an accepted request it cannot deliver.
+ProviderRefusal serviceRefusal(const PushNotificationRequest& request, int status,
+                               std::string_view reason, std::string detail) {
+    ProviderRefusal refusal;
+    refusal.apnsId = request.apnsId;
+    refusal.status = status;
+    refusal.reason = reason;
+    refusal.topic = request.topic;
+    refusal.pushType = request.pushType;
+    refusal.priority = request.priority;
+    refusal.detail = std::move(detail);
+    return refusal;
 }
 
 }  // namespace
@@ -67,19 +92,25 @@ std::string_view providerOutcomeName(ProviderOutcome outcome) {
             return "not handled by this add-on";
         case ProviderOutcome::refused:
             return "refused";
+        case ProviderOutcome::reset:
+            return "reset";
     }
     return "refused";
 }
 
 ProviderService::ProviderService(std::string bundleIdentifier,
                                  std::optional<platform::Data> deviceToken,
+                                 std::optional<ApnsEnvironment> environment,
                                  platform::RemoteNotificationReceiver& receiver,
                                  ProviderObserver& observer)
     : bundleIdentifier_(std::move(bundleIdentifier)),
+      environment_(environment),
       receiver_(receiver),
       observer_(observer),
-      token_(deviceToken ? std::move(*deviceToken) : randomToken()) {
-    thread_ = std::thread([this] { deliveryLoop(); });
+      token_(deviceToken ? std::move(*deviceToken) : randomToken()),
+      queue_(std::make_unique<platform::DispatchQueue>("com.nimborra.provider.delivery",
+                                                       platform::DispatchQoS::userInitiated)) {
+    updateDestination();
 }
 
 ProviderService::~ProviderService() {
@@ -87,14 +118,7 @@ ProviderService::~ProviderService() {
 }
 
 std::string ProviderService::hex(const platform::Data& token) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(token.bytes.size() * 2);
-    for (const auto byte : token.bytes) {
-        text.push_back(kDigits[byte >> 4]);
-        text.push_back(kDigits[byte & 0x0f]);
-    }
-    return text;
+    return platform::hexEncodedString(token.bytes);
 }
 
 std::optional<platform::Data> ProviderService::deviceToken() const {
@@ -105,9 +129,14 @@ std::optional<platform::Data> ProviderService::deviceToken() const {
     return token_;
 }
 
-ProviderDestination ProviderService::destination() const {
+std::shared_ptr<const ProviderDestination> ProviderService::destination() const {
     const std::lock_guard lock(mutex_);
-    return {bundleIdentifier_, hex(token_), unregisteredAt_};
+    return destination_;
+}
+
+void ProviderService::updateDestination() {
+    destination_ = std::make_shared<const ProviderDestination>(
+        ProviderDestination{bundleIdentifier_, hex(token_), unregisteredAt_, environment_});
 }
 
 void ProviderService::setDeviceRegistered(bool registered) {
@@ -115,12 +144,14 @@ void ProviderService::setDeviceRegistered(bool registered) {
     if (!registered) {
         if (!unregisteredAt_) {
             unregisteredAt_ = nowMilliseconds();
+            updateDestination();
         }
         return;
     }
     if (unregisteredAt_) {
         unregisteredAt_.reset();
         token_ = randomToken();
+        updateDestination();
     }
 }
 
@@ -134,27 +165,47 @@ void ProviderService::setDeviceOnline(bool online) {
             kept_.reset();
         }
     }
-    if (kept) {
-        deliver({std::move(*kept), std::nullopt});
+    if (!kept) {
+        return;
     }
+    if (kept->expiration <= nowSeconds()) {
+        // Kept while offline, and expired before the device came back.
+        observer_.keptNotificationDelivered(kept->apnsId, ProviderOutcome::discarded);
+        return;
+    }
+    const auto incoming = incomingFor(*kept);
+    const auto taken = receiver_.take(incoming);
+    observer_.keptNotificationDelivered(
+        kept->apnsId, taken == platform::RemoteNotificationReceiver::Taken::replaced
+                          ? ProviderOutcome::replaced
+                          : ProviderOutcome::delivered);
+    receiver_.present(incoming);
+}
+
+void ProviderService::record(const ProviderRefusal& refusal) {
+    static detail::RepeatedLine line(serviceLogger(), platform::LogLevel::debug);
+    line.write([&] {
+        return "refused " + refusal.apnsId + " with " + std::to_string(refusal.status) + " " +
+               std::string(refusal.reason) + ": " + refusal.detail;
+    });
+    ProviderRecord record;
+    record.apnsId = refusal.apnsId;
+    record.status = refusal.status;
+    record.reason = refusal.reason;
+    record.topic = refusal.topic;
+    record.pushType = refusal.pushType;
+    record.priority = refusal.priority;
+    record.outcome = ProviderOutcome::refused;
+    record.detail = refusal.detail;
+    observer_.requestHandled(record);
 }
 
 void ProviderService::handle(ProviderRequest request,
                              const ConnectionAuthentication& authentication,
                              ProviderResponder respond) {
-    auto verdict =
-        checkProviderRequest(request, destination(), authentication, nowSeconds(), &makeUuid);
+    auto verdict = checkProviderRequest(request, *destination(), authentication, nowSeconds());
     if (auto* refusal = std::get_if<ProviderRefusal>(&verdict)) {
-        ProviderRecord record;
-        record.apnsId = refusal->apnsId;
-        record.status = refusal->status;
-        record.reason = refusal->reason;
-        record.topic = refusal->topic;
-        record.pushType = refusal->pushType;
-        record.priority = refusal->priority;
-        record.outcome = ProviderOutcome::refused;
-        record.detail = refusal->detail;
-        observer_.requestHandled(record);
+        record(*refusal);
         respond({refusal->status, refusal->apnsId, refusalBody(*refusal)});
         return;
     }
@@ -164,39 +215,45 @@ void ProviderService::handle(ProviderRequest request,
         respond({200, accepted.apnsId, {}});
         return;
     }
-    const std::lock_guard lock(mutex_);
-    if (stopping_) {
-        // Only reachable when the server outlives stop(): the service is no longer taking
-        // notifications.
-        respond({503, accepted.apnsId, R"({"reason":"Shutdown"})"});
-        return;
-    }
-    queue_.push_back({std::move(accepted), std::move(respond)});
-    wake_.notify_one();
-}
-
-void ProviderService::deliveryLoop() {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-        wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-        if (queue_.empty()) {
+    // The work item shares the request and its answer with this call, so that both are still
+    // here should the queue not take it.
+    struct Delivery {
+        PushNotificationRequest request;
+        ProviderResponder respond;
+    };
+    const auto delivery =
+        std::make_shared<Delivery>(Delivery{std::move(accepted), std::move(respond)});
+    bool stopped = false;
+    {
+        const std::lock_guard lock(mutex_);
+        stopped = !queue_;
+        if (!stopped &&
+            queue_->async([this, delivery] { deliver(delivery->request, delivery->respond); })) {
             return;
         }
-        Delivery delivery = std::move(queue_.front());
-        queue_.pop_front();
-        lock.unlock();
-        deliver(std::move(delivery));
-        lock.lock();
     }
+    const auto refusal =
+        stopped
+            ? serviceRefusal(delivery->request, 503, "Shutdown",
+                             "the push service is shutting down")
+            : serviceRefusal(delivery->request, 500, "InternalServerError",
+                             "the push service could not queue the notification for the device");
+    record(refusal);
+    delivery->respond({refusal.status, refusal.apnsId, refusalBody(refusal)});
 }
 
-void ProviderService::deliver(Delivery delivery) {
-    const auto& request = delivery.request;
-    const auto answer = [&delivery] {
-        if (delivery.respond) {
-            (*delivery.respond)({200, delivery.request.apnsId, {}});
-        }
-    };
+void ProviderService::refused(const TransportRefusal& refusal) {
+    static detail::RepeatedLine line(serviceLogger(), platform::LogLevel::debug);
+    line.write([&] { return "the transport reset a request: " + refusal.detail; });
+    ProviderRecord record;
+    record.apnsId = refusal.apnsId;
+    record.status = 0;
+    record.outcome = ProviderOutcome::reset;
+    record.detail = refusal.detail;
+    observer_.requestHandled(record);
+}
+
+void ProviderService::deliver(PushNotificationRequest& request, ProviderResponder& respond) {
     std::unique_lock lock(mutex_);
     if (!online_) {
         // The service keeps only the newest notification that may still wait.
@@ -207,34 +264,28 @@ void ProviderService::deliver(Delivery delivery) {
         lock.unlock();
         observer_.requestHandled(
             recordFor(request, canWait ? ProviderOutcome::kept : ProviderOutcome::discarded));
-        answer();
+        respond({200, request.apnsId, {}});
         return;
     }
     lock.unlock();
-    if (!delivery.respond && request.expiration != 0 && request.expiration <= nowSeconds()) {
-        // Kept while offline, and expired before the device came back.
-        observer_.requestHandled(recordFor(request, ProviderOutcome::discarded));
-        return;
-    }
     const auto incoming = incomingFor(request);
     const auto taken = receiver_.take(incoming);
     observer_.requestHandled(
         recordFor(request, taken == platform::RemoteNotificationReceiver::Taken::replaced
                                ? ProviderOutcome::replaced
                                : ProviderOutcome::delivered));
-    answer();
+    respond({200, request.apnsId, {}});
     receiver_.present(incoming);
 }
 
 void ProviderService::stop() {
+    std::unique_ptr<platform::DispatchQueue> queue;
     {
         const std::lock_guard lock(mutex_);
-        stopping_ = true;
-        wake_.notify_one();
+        queue = std::move(queue_);
     }
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+    // Destroying the queue runs what it holds, then joins its thread.
+    queue.reset();
 }
 
 }  // namespace nimborra::provider

@@ -10,9 +10,10 @@
 #include <openssl/x509v3.h>
 
 #include <array>
-#include <cstdio>
+#include <span>
 #include <string_view>
 
+#include "NimbOrraPlatform/Hex.h"
 #include "NimbOrraPlatform/Logger.h"
 
 namespace nimborra::provider {
@@ -117,13 +118,8 @@ std::string fingerprintOf(X509* cert) {
     if (X509_digest(cert, EVP_sha256(), digest.data(), &length) != 1) {
         return {};
     }
-    std::string text;
-    for (unsigned int i = 0; i < length; ++i) {
-        std::array<char, 4> pair{};
-        std::snprintf(pair.data(), pair.size(), i == 0 ? "%02X" : ":%02X", digest[i]);
-        text += pair.data();
-    }
-    return text;
+    return platform::hexEncodedString(std::span(digest.data(), length), platform::HexCase::upper,
+                                      ':');
 }
 
 // How many offered protocol names, and how much of each, the refusal's log line shows: a client
@@ -199,7 +195,10 @@ std::variant<std::shared_ptr<TlsServerContext>, std::string> TlsServerContext::c
     result->context_ = context;
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
     // Renegotiation lets a client make the server repeat its most expensive work at will.
-    SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE);
+    // A client that closes without close_notify has ended an ordinary connection, not broken
+    // one: it reads as the end of the stream rather than as an error.
+    SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE |
+                                     SSL_OP_IGNORE_UNEXPECTED_EOF);
     SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS);
 
     if (options.certificate) {

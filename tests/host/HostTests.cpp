@@ -134,6 +134,10 @@ TEST(Host, ExitStatusSaysWhetherEveryLineWasAccepted) {
         {{"--script", pushes}, "", 2, "it is a directory"},
         {{"--demo", "--script", "/no/such/script"}, "", 2, "takes no --script"},
         {{"--status", "two"}, "", 2, "needs an integer"},
+        // The phone needs a bundle it can read.
+        {{"--bundle", "/no/such/bundle"}, "", 2, "the bundle /no/such/bundle does not exist"},
+        {{"--bundle", pushes + "order-shipped.apns"}, "", 2, "is not a directory"},
+        {{"--present", "badge,popup"}, "", 2, "a comma list of badge, sound, list and banner"},
         {{"--app", "asleep", "--push", pushes + "order-shipped.apns"}, "", 2, "application state"},
         {{"--push", pushes + "order-shipped.apns", "--tap"}, "", 2, "none follows"},
         {{"--push", pushes + "order-shipped.apns", "--demo"}, "", 2, "takes no --demo"},

@@ -177,6 +177,15 @@ TEST_F(ProviderApi, RefusesWhatApnsRefusesWithItsStatusAndReason) {
         {"4097 bytes",
          [](auto& r) { r.body = R"({"aps":{"alert":")" + std::string(4097 - 20, 'x') + "\"}}"; },
          413, "PayloadTooLarge"},
+        {"a megabyte, its apns-id in mixed case",
+         [](auto& r) {
+             r.body = std::string(1 << 20, 'x');
+             r.headers.push_back("apns-id: 8F1B5B6C-6d4a-4F6B-9B1E-2C3D4E5F6A7B");
+         },
+         413, "PayloadTooLarge"},
+        // The profile's environment is development.
+        {"production host", [](auto& r) { r.headers.push_back("host: api.push.apple.com"); }, 400,
+         "BadDeviceToken"},
     };
     for (const auto& row : rows) {
         HttpRequest request = push();
@@ -185,8 +194,17 @@ TEST_F(ProviderApi, RefusesWhatApnsRefusesWithItsStatusAndReason) {
         EXPECT_EQ(reply.status, row.status) << row.what;
         EXPECT_EQ(reply.body, "{\"reason\":\"" + row.reason + "\"}") << row.what;
         EXPECT_EQ(reply.apnsId.size(), 36u) << row.what;
-        EXPECT_EQ(member(providerLine(), "reason"), row.reason) << row.what;
+        for (const auto& header : request.headers) {
+            if (header.starts_with("apns-id: ") && header.size() == 45) {
+                EXPECT_EQ(reply.apnsId, header.substr(9)) << "echoed exactly as sent";
+            }
+        }
+        const std::string line = providerLine();
+        EXPECT_EQ(member(line, "reason"), row.reason) << row.what;
+        EXPECT_EQ(member(line, "apnsId"), reply.apnsId) << row.what;
+        EXPECT_FALSE(member(line, "explanation").empty()) << line;
     }
+
     // The largest payload is delivered, and an hour-old token still holds.
     HttpRequest largest = push(R"({"aps":{"alert":")" + std::string(4096 - 20, 'x') + "\"}}");
     largest.headers[1] = "authorization: bearer " + token(now() - 3600);
@@ -269,6 +287,7 @@ TEST_F(ProviderApi, UnregisteredAndOfflineDevicesAreTreatedAsApnsDoes) {
     const auto online = command(R"({"platform":{"app":"background","deviceOnline":true}})"
                                 "\n{\"inspect\":\"notificationCenter\"}\n");
     ASSERT_GE(online.size(), 2u);
+    EXPECT_TRUE(online.front().starts_with(R"({"providerDelivery":{"apnsId":)")) << online.front();
     EXPECT_EQ(member(online.front(), "outcome"), "delivered") << online.front();
     EXPECT_NE(online.back().find("newest"), std::string::npos) << online.back();
     EXPECT_EQ(online.back().find("older"), std::string::npos) << online.back();

@@ -38,14 +38,14 @@ TEST(DispatchQueueTest, RunsItemsFromManySubmittersOneAtATimeInSubmissionOrder) 
     for (int s = 0; s < submitters; ++s) {
         threads.emplace_back([&, s] {
             for (std::size_t i = 0; i < itemsEach; ++i) {
-                queue.async([&, s, i] {
+                EXPECT_TRUE(queue.async([&, s, i] {
                     misplaced |= ++running != 1 || !queue.isCurrent() || isMainThread();
                     ran.emplace_back(s, i);
                     --running;
                     if (ran.size() == submitters * itemsEach) {
                         finished.release();
                     }
-                });
+                }));
             }
         });
     }
@@ -69,21 +69,21 @@ TEST(DispatchQueueTest, DestructionRunsEverySubmittedItemFirst) {
     std::binary_semaphore gate(0);
     auto queue = std::make_unique<DispatchQueue>("com.example.draining");
     DispatchQueue* const closing = queue.get();
-    queue->async([&] {
+    ASSERT_TRUE(queue->async([&] {
         gate.acquire();
         ++count;
-    });
+    }));
     for (int i = 0; i < 100; ++i) {
-        queue->async([&, i] {
+        EXPECT_TRUE(queue->async([&, i] {
             ++count;
             if (i == 99) {
-                closing->async([&] { ++count; });
+                EXPECT_TRUE(closing->async([&] { ++count; }));
             } else if (i == 10) {
                 throw std::runtime_error("disk on fire");
             } else if (i == 20) {
                 throw 42;
             }
-        });
+        }));
     }
     gate.release();
     queue.reset();
@@ -105,15 +105,16 @@ TEST(MainQueueTest, RunsItemsOnlyOnTheMainThreadWhenDrained) {
     EXPECT_TRUE(DispatchQueue::main().isCurrent());
     DispatchQueue::drainMain();
     std::vector<int> order;  // unguarded on purpose: only ever touched on this thread
-    DispatchQueue::main().async([&] {
+    ASSERT_TRUE(DispatchQueue::main().async([&] {
         order.push_back(100 + static_cast<int>(DispatchQueue::drainMain()));
-        DispatchQueue::main().async([&] { order.push_back(-2); });
-    });
+        EXPECT_TRUE(DispatchQueue::main().async([&] { order.push_back(-2); }));
+    }));
     LogCapture capture;
     std::thread([&] {
         EXPECT_FALSE(isMainThread() || DispatchQueue::main().isCurrent());
         for (int i = 0; i < 3; ++i) {
-            DispatchQueue::main().async([&, i] { order.push_back(isMainThread() ? i : -1); });
+            EXPECT_TRUE(
+                DispatchQueue::main().async([&, i] { order.push_back(isMainThread() ? i : -1); }));
         }
         EXPECT_EQ(DispatchQueue::drainMain(), 0u) << "drained off the main thread";
         reportMainActorIsolationViolation("NimbOrraExample/Widget", 370);

@@ -126,6 +126,118 @@ TEST(JSONReader, ReadsValuesOfEveryKind) {
     EXPECT_EQ(object.entries()[0].first, Key("i")) << "insertion order is kept";
 }
 
+// The edges of the grammar where a reader is easily wrong: what each text reads as (kind and
+// value, a real's sign included), or that it is refused.
+TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
+    const auto real = [](double d) { return std::optional<Value>(Value(d)); };
+    const std::pair<std::string, std::optional<Value>> cases[] = {
+        {"-0", Value(0)},
+        {"-0.0", real(-0.0)},
+        {"1e-400", real(0.0)},
+        {"-1e-400", real(-0.0)},
+        {"0.000e-99999999999999999999", real(0.0)},
+        {"2.5e-324", real(4.9406564584124654e-324)},
+        {"1E+2", real(100.0)},
+        {"9223372036854775807", Value(std::numeric_limits<std::int64_t>::max())},
+        {"9223372036854775808", Value(std::uint64_t{1} << 63)},
+        {"-9223372036854775808", Value(std::numeric_limits<std::int64_t>::min())},
+        {"1e400", std::nullopt},
+        {"-1e99999999999999999999", std::nullopt},
+        {"1.", std::nullopt},
+        {".5", std::nullopt},
+        {"+1", std::nullopt},
+        {"1e", std::nullopt},
+        {"-", std::nullopt},
+        {"00", std::nullopt},
+        {"\"\\uD83D\\uDE00\\u0000\\u00e9\"", Value(std::string("\xF0\x9F\x98\x80\0\xC3\xA9", 7))},
+        {"\"\\b\\f\\n\\r\\t\\\"\\\\\\/\"", Value("\b\f\n\r\t\"\\/")},
+        {"\"\x7F\"", Value("\x7F")},
+        {"\"\\uD800\"", std::nullopt},
+        {"\"\\uDC00\"", std::nullopt},
+        {"\"\\uD800\\u0041\"", std::nullopt},
+        {"\"\\u004\"", std::nullopt},
+        {"\"\\U0041\"", std::nullopt},
+        {"\"\\q\"", std::nullopt},
+        {"\"\x1F\"", std::nullopt},
+        {"\"\xED\xA0\x80\"", std::nullopt},
+        {"\"abc", std::nullopt},
+        {"\"abcdefghijklmnopqrstuvwxyz\\", std::nullopt},
+        {"truex", std::nullopt},
+        {"tru", std::nullopt},
+        {" \t\r\n[ 1 , { \"a\" : null } ]\n",
+         Value(Array{Value(1), Value(Dictionary{{"a", Value()}})})},
+        {"[1]\f", std::nullopt},
+        {"[1 2]", std::nullopt},
+        {"{\"a\" 1}", std::nullopt},
+        {"{1:2}", std::nullopt},
+        {"[]]", std::nullopt},
+        {"[[]", std::nullopt},
+        {"{\"a\":1,}", std::nullopt},
+    };
+    for (const auto& [text, expected] : cases) {
+        std::string error;
+        const auto read = JSONSerialization::jsonObject(text, {.fragmentsAllowed = true}, &error);
+        ASSERT_EQ(read.has_value(), expected.has_value()) << text << ": " << error;
+        if (expected) {
+            EXPECT_EQ(read->kind(), expected->kind()) << text;
+            EXPECT_EQ(*read, *expected) << text;
+            if (const double* d = expected->real()) {
+                EXPECT_EQ(std::signbit(*read->real()), std::signbit(*d)) << text;
+            }
+        } else {
+            EXPECT_FALSE(error.empty()) << text;
+        }
+    }
+}
+
+// The views see what jsonObject builds: kinds, sizes, the elements in order, the last of
+// duplicate members, texts with and without escapes; and a parse inside a visit leaves the
+// visited document intact.
+TEST(JSONReader, ViewsSeeWhatTheTreeHolds) {
+    const std::string text =
+        R"({"a":[1,-2,3.5,"x\"y",[],{}],"b":{"c":true},"a2":null,"b":{"c":false,"d":"plain"}})";
+    bool visited = false;
+    EXPECT_TRUE(visitJSON(text, false, nullptr, [&](const JSONElement& root) {
+        visited = true;
+        EXPECT_EQ(root.kind(), Value::Kind::dictionary);
+        EXPECT_EQ(root.size(), 4u);
+        const auto a = root.member("a");
+        ASSERT_TRUE(a.has_value());
+        EXPECT_EQ(a->size(), 6u);
+        std::vector<Value::Kind> kinds;
+        for (const JSONElement& item : *a) {
+            kinds.push_back(item.kind());
+        }
+        EXPECT_EQ(kinds,
+                  (std::vector{Value::Kind::integer, Value::Kind::integer, Value::Kind::real,
+                               Value::Kind::text, Value::Kind::array, Value::Kind::dictionary}));
+        auto item = a->begin();
+        EXPECT_EQ((*item).integer(), 1);
+        ++item;
+        EXPECT_EQ((*item).integer(), -2);
+        ++item;
+        EXPECT_EQ((*item).real(), 3.5);
+        ++item;
+        EXPECT_EQ((*item).text(), "x\"y");
+        // Parsing again from inside the visit does not disturb this document.
+        EXPECT_EQ(JSONSerialization::jsonObject("[\"other\",[[2]]]"),
+                  Value(Array{Value("other"), Value(Array{Value(Array{Value(2)})})}));
+        const auto b = root.member("b");
+        ASSERT_TRUE(b.has_value());
+        EXPECT_EQ(b->member("c")->boolean(), false) << "the last duplicate counts";
+        EXPECT_EQ(b->member("d")->text(), "plain");
+        EXPECT_TRUE(root.member("a2")->isNull());
+        EXPECT_FALSE(root.member("z").has_value());
+        EXPECT_FALSE(a->member("a").has_value());
+        EXPECT_EQ(a->begin(), a->begin());
+        EXPECT_EQ(root.begin(), root.end()) << "an object has no elements to iterate";
+        EXPECT_EQ(root.toValue(), *JSONSerialization::jsonObject(text));
+        EXPECT_EQ(a->toValue(), *JSONSerialization::jsonObject(text)->find("a"));
+    }));
+    EXPECT_TRUE(visited);
+    EXPECT_FALSE(visitJSON("[1,", true, nullptr, [](const JSONElement&) { FAIL(); }));
+}
+
 TEST(JSONReader, AcceptsFragmentsOnlyWhenAsked) {
     for (const char* fragment : {"\"x\"", "3", "true", "null"}) {
         std::string error;

@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "NimbOrraPlatform/Base64.h"
+#include "NimbOrraPlatform/Uuid.h"
 #include "NimbOrraProviderApi/ProviderRequest.h"
 #include "NimbOrraProviderApi/ProviderToken.h"
 
@@ -93,6 +95,9 @@ TEST(ProviderToken, ChecksHeaderClaimsAndSignature) {
         {"not base64url", "e30.e30.a+b/", false},
         {"over 8 KiB", good + std::string(8192, 'A'), false},
     };
+    const auto wrongKey = verifier()->check(token(kNow, "OTHERKEY00")).detail;
+    EXPECT_NE(wrongKey.find("\"OTHERKEY00\""), std::string::npos) << wrongKey;
+    EXPECT_NE(wrongKey.find("\"" + kKeyId + "\""), std::string::npos) << wrongKey;
     for (const auto& c : cases) {
         EXPECT_EQ(verifier()->check(c.token).outcome, ProviderTokenCheck::Outcome::invalid)
             << c.label;
@@ -118,15 +123,20 @@ TEST(ProviderTokenSession, FollowsTheConnectionRules) {
         {"Basic abc", kNow, "MissingProviderToken", 0},
         {"bearer " + token(kNow + 301), kNow, "InvalidProviderToken", 1},
         {"bearer " + token(kNow - 3601), kNow, "ExpiredProviderToken", 2},
-        {first, kNow, "", 3},
-        {first, kNow + 3600, "", 3},
-        {second, kNow + 600, "TooManyProviderTokenUpdates", 4},
-        {second, kNow + 1199, "TooManyProviderTokenUpdates", 4},
-        {first, kNow + 1199, "", 4},
-        {"bearer x.y.z", kNow + 1199, "InvalidProviderToken", 5},
-        {second, kNow + 1200, "", 5},
-        {second, kNow + 600 + 3600, "", 5},
-        {second, kNow + 600 + 3601, "ExpiredProviderToken", 5},
+        // The extremes of 64 bits, where a subtraction would overflow.
+        {"bearer " + token(std::numeric_limits<std::int64_t>::min()), kNow, "ExpiredProviderToken",
+         3},
+        {"bearer " + token(std::numeric_limits<std::int64_t>::max()), kNow, "InvalidProviderToken",
+         4},
+        {first, kNow, "", 5},
+        {first, kNow + 3600, "", 5},
+        {second, kNow + 600, "TooManyProviderTokenUpdates", 6},
+        {second, kNow + 1199, "TooManyProviderTokenUpdates", 6},
+        {first, kNow + 1199, "", 6},
+        {"bearer x.y.z", kNow + 1199, "InvalidProviderToken", 7},
+        {second, kNow + 1200, "", 7},
+        {second, kNow + 600 + 3600, "", 7},
+        {second, kNow + 600 + 3601, "ExpiredProviderToken", 7},
     };
     ProviderTokenSession session(verifier());
     for (std::size_t i = 0; i < std::size(steps); ++i) {
@@ -169,10 +179,11 @@ struct RequestCase {
     std::string path = "/3/device/" + kDevice;
     bool unregistered = false;
     bool bodyTooLarge = false;
+    std::string authority = "localhost";
 };
 
 ProviderVerdict run(const RequestCase& c) {
-    ProviderRequest request{c.method, c.path, "localhost", {}, c.body, c.bodyTooLarge};
+    ProviderRequest request{c.method, c.path, c.authority, {}, c.body, c.bodyTooLarge};
     request.headers = {{"authorization", "bearer " + token(kNow)}, {"apns-topic", kBundle}};
     for (const auto& edit : c.edits) {
         std::erase_if(request.headers, [&](const auto& h) { return h.first == edit.name; });
@@ -189,7 +200,7 @@ ProviderVerdict run(const RequestCase& c) {
     } else {
         authentication.tokens = &fresh;
     }
-    ProviderDestination destination{kBundle, kDevice, std::nullopt};
+    ProviderDestination destination{kBundle, kDevice, std::nullopt, ApnsEnvironment::development};
     if (c.unregistered) {
         destination.unregisteredAt = 1'650'000'000'000;
     }
@@ -236,6 +247,10 @@ TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {
         {{"payload not JSON", {}, R"({"aps":)"}, 400, "BadPayload"},
         {{"another device's token", {}, kAlert, false, "POST", "/3/device/" + std::string(64, 'b')},
          400, "BadDeviceToken"},
+        {{"production host, development token", {}, kAlert, false, "POST", path, false, false,
+          "API.push.apple.com.:443"}, 400, "BadDeviceToken"},
+        {{"production host, and an unregistered token", {}, kAlert, false, "POST", path, true,
+          false, "api.push.apple.com"}, 400, "BadDeviceToken"},
         {{"voip to the app topic", {{"apns-push-type", "voip"}}}, 400, "TopicDisallowed"},
         {{"liveactivity topic, no type", {{"apns-topic", live}}}, 400, "TopicDisallowed"},
         {{"another app's topic", {{"apns-topic", "com.other.app"}}}, 400, "DeviceTokenNotForTopic"},
@@ -246,6 +261,26 @@ TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {
         const auto refusal = refusalOf(run(row.request));
         EXPECT_EQ(refusal.status, row.status) << row.request.label;
         EXPECT_EQ(refusal.reason, row.reason) << row.request.label << ": " << refusal.detail;
+        EXPECT_FALSE(refusal.detail.empty()) << row.request.label;
+    }
+    // Explanations name what was expected beside what came, client text quoted and cut short.
+    const struct {
+        RequestCase request;
+        std::vector<std::string> says;
+    } explained[] = {
+        {{"topic", {{"apns-topic", "com.other.app"}}},
+         {"\"com.example.app\"", "\"com.other.app\""}},
+        {{"host", {}, kAlert, false, "POST", path, false, false, "api.push.apple.com"},
+         {"production", "development"}},
+        {{"priority", {{"apns-priority", "7\xff" + std::string(200, '7')}}},
+         {"apns-priority \"7\xef\xbf\xbd" "7", "7...\""}},
+    };
+    for (const auto& row : explained) {
+        const auto detail = refusalOf(run(row.request)).detail;
+        for (const auto& text : row.says) {
+            EXPECT_NE(detail.find(text), std::string::npos) << detail;
+        }
+        EXPECT_LT(detail.size(), 200u) << detail;
     }
     const auto gone = refusalOf(run({"gone", {}, kAlert, false, "POST", path, true}));
     EXPECT_EQ(refusalBody(gone), R"({"reason":"Unregistered","timestamp":1650000000000})");
@@ -287,6 +322,42 @@ TEST(ProviderRequest, AcceptsAndInfersWhatHeadersLeaveOut) {
          PushType::voip,
          10,
          kBundle + ".voip"},
+        {{"sandbox host",
+          {},
+          kAlert,
+          false,
+          "POST",
+          "/3/device/" + kDevice,
+          false,
+          false,
+          "api.sandbox.push.apple.com:443"},
+         PushType::alert,
+         10,
+         kBundle},
+        {{"development host",
+          {},
+          kAlert,
+          false,
+          "POST",
+          "/3/device/" + kDevice,
+          false,
+          false,
+          "api.development.push.apple.com"},
+         PushType::alert,
+         10,
+         kBundle},
+        {{"an address",
+          {},
+          kAlert,
+          false,
+          "POST",
+          "/3/device/" + kDevice,
+          false,
+          false,
+          "[::1]:2197"},
+         PushType::alert,
+         10,
+         kBundle},
         {{"widgets",
           {{"apns-topic", kBundle + ".push-type.widgets"}, {"apns-push-type", "widgets"}},
           R"({"aps":{"content-changed":true}})"},
@@ -316,8 +387,8 @@ TEST(ProviderRequest, AcceptsAndInfersWhatHeadersLeaveOut) {
     EXPECT_EQ(accepted.collapseId, std::string(64, 'c'));
     EXPECT_EQ(accepted.deviceToken, kDevice);
     EXPECT_EQ(*accepted.payload.find("aps")->find("alert")->text(), "hi");
-    const std::string uuid = makeUuid();
-    EXPECT_NE(uuid, makeUuid());
+    const std::string uuid = platform::makeUuid();
+    EXPECT_NE(uuid, platform::makeUuid());
     EXPECT_EQ(std::get<PushNotificationRequest>(run({"uuid", {{"apns-id", uuid}}})).apnsId, uuid);
 }
 

@@ -31,8 +31,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Records what it is handed; answers 200 with the request's apns-id, or holds the answer for
-// answerHeld(), or leaves the answer to `answer` (a handler's bugs, late answers).
+// Records what it is handed; answers with the request's apns-id as the rules would for the
+// body's size (200, or 413 past the limit), or holds the answer for answerHeld(), or leaves the
+// answer to `answer` (a handler's bugs, late answers).
 class Recorder : public ProviderRequestHandler {
   public:
     using Answer = std::function<void(ProviderResponder&)>;
@@ -48,6 +49,9 @@ class Recorder : public ProviderRequestHandler {
         for (const auto& [name, value] : request.headers) {
             id = name == "apns-id" ? value : id;
         }
+        const ProviderResponse ok =
+            request.bodyTooLarge ? ProviderResponse{413, id, R"({"reason":"PayloadTooLarge"})"}
+                                 : ProviderResponse{200, id, {}};
         std::unique_lock lock(mutex);
         seen.push_back(
             {std::move(request), authentication.tokens, authentication.certificateTopic});
@@ -56,7 +60,12 @@ class Recorder : public ProviderRequestHandler {
             return held.push_back(std::move(respond));
         }
         lock.unlock();
-        answer_ ? answer_(respond) : respond({200, id, {}});
+        answer_ ? answer_(respond) : respond(ok);
+    }
+    void refused(const TransportRefusal& refusal) override {
+        const std::lock_guard lock(mutex);
+        refusals.push_back(refusal);
+        changed.notify_all();
     }
     bool waitForCount(std::size_t count, std::chrono::milliseconds timeout = 5s) {
         std::unique_lock lock(mutex);
@@ -82,6 +91,7 @@ class Recorder : public ProviderRequestHandler {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<Seen> seen;
+    std::vector<TransportRefusal> refusals;
     std::vector<ProviderResponder> held;
 };
 
@@ -124,7 +134,8 @@ struct Frame {
     std::uint32_t stream = 0;
     std::string payload;
 };
-enum : int { kHeaders = 1, kSettings = 4, kPing = 6, kGoaway = 7 };
+enum : int { kData = 0, kHeaders = 1, kReset = 3, kSettings = 4, kPing = 6, kGoaway = 7 };
+enum : int { kEndStream = 0x1, kEndHeaders = 0x4 };
 
 std::string frame(int type, int flags, std::uint32_t stream, const std::string& payload) {
     const std::size_t n = payload.size();
@@ -134,17 +145,49 @@ std::string frame(int type, int flags, std::uint32_t stream, const std::string& 
     return bytes + payload;
 }
 
-// A POST with no body; its header fields are HPACK literals without indexing (all short).
-std::string request(std::uint32_t stream) {
-    const std::string fields[][2] = {{":method", "POST"},
-                                     {":scheme", "https"},
-                                     {":path", "/3/device/abcd"},
-                                     {":authority", "x"}};
-    std::string block;
-    for (const auto& [name, value] : fields) {
-        block += std::string(1, '\0') + char(name.size()) + name + char(value.size()) + value;
+// An HPACK string literal, not Huffman-coded: its length as a 7-bit-prefix integer, then itself.
+std::string literal(const std::string& text) {
+    std::string bytes;
+    std::size_t n = text.size();
+    if (n < 127) {
+        bytes += char(n);
+    } else {
+        bytes += char(127);
+        for (n -= 127; n >= 128; n >>= 7) {
+            bytes += char((n & 0x7f) | 0x80);
+        }
+        bytes += char(n);
     }
-    return frame(kHeaders, 0x5, stream, block);  // END_STREAM | END_HEADERS
+    return bytes + text;
+}
+
+// A POST's header block: its fields as HPACK literals without indexing, then `more`.
+std::string postFields(const std::string& more = {}) {
+    std::string block;
+    for (const auto& [name, value] : {std::pair{":method", "POST"},
+                                      {":scheme", "https"},
+                                      {":path", "/3/device/abcd"},
+                                      {":authority", "x"}}) {
+        block += '\0' + literal(name) + literal(value);
+    }
+    return block + more;
+}
+
+// A POST with no body, or with one to come when `ended` is false.
+std::string request(std::uint32_t stream, bool ended = true, const std::string& more = {}) {
+    return frame(kHeaders, kEndHeaders | (ended ? kEndStream : 0), stream, postFields(more));
+}
+
+std::string resetFrame(std::uint32_t stream, std::uint32_t code) {
+    return frame(kReset, 0, stream,
+                 {char(code >> 24), char(code >> 16), char(code >> 8), char(code)});
+}
+
+// The error code of a RST_STREAM or GOAWAY frame.
+std::uint32_t errorCode(const Frame& f) {
+    const std::string code = f.payload.substr(f.type == kGoaway ? 4 : 0, 4);
+    return std::uint32_t(std::uint8_t(code[0])) << 24 | std::uint32_t(std::uint8_t(code[1])) << 16 |
+           std::uint32_t(std::uint8_t(code[2])) << 8 | std::uint8_t(code[3]);
 }
 
 const std::string kPreface = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + frame(kSettings, 0, 0, {});
@@ -153,7 +196,7 @@ const std::string kPingFrame = frame(kPing, 0, 0, "12345678");
 // A client over TCP, optionally TLS, reading frames with a deadline.
 class RawClient {
   public:
-    explicit RawClient(std::uint16_t port) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    explicit RawClient(std::uint16_t port) : port_(port), fd_(socket(AF_INET, SOCK_STREAM, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(port);
@@ -224,23 +267,60 @@ class RawClient {
         }
         return std::nullopt;
     }
+    // Every frame up to and including the next of `type` and `flags` (empty if none comes).
+    std::vector<Frame> until(int type, int flags = -1, std::chrono::milliseconds t = 3s) {
+        std::vector<Frame> frames;
+        for (auto f = next(t); f; f = next(t)) {
+            frames.push_back(*f);
+            if (f->type == type && (flags < 0 || f->flags == flags)) {
+                return frames;
+            }
+        }
+        return {};
+    }
     bool closedWithin(std::chrono::milliseconds timeout) {
         while (next(timeout)) {
         }
         return closed_;
     }
 
+    std::uint16_t port() const { return port_; }
+
   private:
     std::size_t frameLength() const {
         return (std::size_t(std::uint8_t(buffer_[0])) << 16) |
                (std::size_t(std::uint8_t(buffer_[1])) << 8) | std::uint8_t(buffer_[2]);
     }
+    std::uint16_t port_;
     int fd_;
     SSL_CTX* context_ = nullptr;
     SSL* ssl_ = nullptr;
     std::string buffer_;
     bool closed_ = false;
 };
+
+// True when a new, well-behaved client on `port` gets its request answered 200.
+bool served(std::uint16_t port, bool tls) {
+    RawClient client(port);
+    if (tls && client.handshake("\x02h2") != 0) {
+        return false;
+    }
+    client.send(kPreface + request(1));
+    const auto answer = client.await(kHeaders, -1, 5s);
+    return answer && answer->stream == 1 && answer->payload[0] == '\x88';  // :status 200
+}
+
+bool hasFrame(const std::vector<Frame>& frames, int type) {
+    return std::any_of(frames.begin(), frames.end(),
+                       [&](const Frame& f) { return f.type == type; });
+}
+
+std::size_t loggedLines(const platform::LogCapture& log, std::string_view text) {
+    const auto records = log.records();
+    return std::count_if(records.begin(), records.end(), [&](const auto& record) {
+        return record.message.find(text) != std::string::npos;
+    });
+}
 
 // Certificates and keys made by the openssl command, in a directory of this process's own:
 // makePki("ca", "") is a self-signed CA, makePki("client", "/UID=x", "ca") one it issued. Each
@@ -337,6 +417,15 @@ TEST(ProviderServerTls, AlpnWithoutH2IsRefusedAndNoAlpnIsServedHttp2) {
     // Identifier 3 (MAX_CONCURRENT_STREAMS) = 7, identifier 6 (MAX_HEADER_LIST_SIZE) = 9000.
     EXPECT_NE(settings->payload.find(std::string("\0\3\0\0\0\7", 6)), std::string::npos);
     EXPECT_NE(settings->payload.find(std::string("\0\6\0\0\x23\x28", 6)), std::string::npos);
+
+    // A client that closes without close_notify has not made TLS fail (the refused one did).
+    const std::size_t failures = loggedLines(log, "TLS failed");
+    {
+        RawClient abrupt(server->port());
+        ASSERT_EQ(abrupt.handshake("\x02h2"), 0);
+    }
+    EXPECT_TRUE(served(server->port(), true));
+    EXPECT_EQ(loggedLines(log, "TLS failed"), failures);
 }
 
 TEST(ProviderServerTls, ClientCertificateUidIsTheTopicAndNoCertificateIsRefused) {
@@ -361,16 +450,18 @@ TEST(ProviderServerTls, ClientCertificateUidIsTheTopicAndNoCertificateIsRefused)
     EXPECT_EQ(handler.count(), 1u);
 }
 
+// A body past the limit is handed over as soon as it passes, marked, with no more of it held; a
+// header list past the limit resets the stream, and the handler hears of it.
 TEST(ProviderServerCleartext, BodyAndHeaderLimits) {
     const struct {
         std::size_t bodySize, headerSize;
-        long status;
+        long status;  // 0: the stream is reset
         bool handed;
     } rows[] = {
         {kVoipPayloadLimit, 10, 200, true},
-        {kVoipPayloadLimit + 1, 10, 413, false},
-        {1 << 20, 10, 413, false},
-        {10, 20000, 431, false},
+        {kVoipPayloadLimit + 1, 10, 413, true},
+        {1 << 20, 10, 413, true},
+        {10, 20000, 0, false},
     };
     for (const auto& row : rows) {
         Recorder handler;
@@ -380,11 +471,130 @@ TEST(ProviderServerCleartext, BodyAndHeaderLimits) {
         EXPECT_EQ(result.status, row.status)
             << row.bodySize << " " << row.headerSize << " " << curl_easy_strerror(result.code);
         EXPECT_EQ(handler.count(), row.handed ? 1u : 0u);
-        if (row.status == 413) {
-            EXPECT_EQ(result.body, R"({"reason":"PayloadTooLarge"})");
-        } else if (row.handed) {
-            EXPECT_EQ(handler.seen[0].request.body.size(), row.bodySize);
+        if (row.handed) {
+            const auto& request = handler.seen[0].request;
+            EXPECT_EQ(request.bodyTooLarge, row.bodySize > kVoipPayloadLimit);
+            EXPECT_LE(request.body.size(), kVoipPayloadLimit);
+        } else {
+            EXPECT_EQ(result.code, CURLE_HTTP2_STREAM);
+            ASSERT_EQ(handler.refusals.size(), 1u);
+            EXPECT_NE(handler.refusals[0].detail.find("header list"), std::string::npos);
         }
+    }
+}
+
+// Hostile clients at small scale, each against a server of its own: each attack gets the answer
+// HTTP/2 gives it, never costs the whole connection (no GOAWAY) unless it breaks the protocol,
+// and a well-behaved client is still served while the attacker holds on.
+TEST(ProviderServer, AttacksGetTheirAnswerAndOthersAreStillServed) {
+    const struct {
+        const char* name;
+        std::function<void(ProviderServerOptions&)> configure;
+        std::function<void(RawClient&, Recorder&)> attack;
+    } attacks[] = {
+        {"a stream over the advertised limit is refused alone",
+         [](auto& o) { o.maximumConcurrentStreams = 2; },
+         [](RawClient& c, Recorder&) {
+             c.send(kPreface);
+             const auto settings = c.await(kSettings, 0);
+             ASSERT_TRUE(settings);
+             EXPECT_NE(settings->payload.find(std::string("\0\3\0\0\0\2", 6)), std::string::npos);
+             c.send(frame(kSettings, 1, 0, {}) + request(1, false) + request(3, false) +
+                    request(5));
+             const auto frames = c.until(kReset);
+             ASSERT_FALSE(frames.empty());
+             EXPECT_EQ(frames.back().stream, 5u);
+             EXPECT_EQ(errorCode(frames.back()), 7u);  // REFUSED_STREAM
+             c.send(frame(kData, kEndStream, 1, {}));
+             const auto answer = c.until(kHeaders);
+             EXPECT_FALSE(hasFrame(answer, kGoaway));
+             ASSERT_FALSE(answer.empty());
+             EXPECT_EQ(answer.back().stream, 1u);
+         }},
+        {"HPACK references past the header list limit are abandoned at once", [](auto&) {},
+         [](RawClient& c, Recorder& handler) {
+             // One 4,000-byte entry added to the dynamic table, then a thousand one-byte
+             // references to it: 4 MB decoded from 5 KB sent.
+             const std::string bomb = '\x40' + literal("x-bomb") + literal(std::string(4000, 'b')) +
+                                      std::string(1000, '\xbe');
+             c.send(kPreface + frame(kHeaders, kEndHeaders | kEndStream, 1, postFields(bomb)));
+             const auto reset = c.await(kReset);
+             ASSERT_TRUE(reset);
+             EXPECT_EQ(reset->stream, 1u);
+             EXPECT_EQ(errorCode(*reset), 0xbu);  // ENHANCE_YOUR_CALM
+             // The connection goes on, its HPACK state intact.
+             c.send(request(3));
+             const auto answer = c.until(kHeaders);
+             ASSERT_FALSE(answer.empty());
+             EXPECT_EQ(answer.back().stream, 3u);
+             EXPECT_EQ(handler.count(), 1u);
+             const std::lock_guard lock(handler.mutex);
+             ASSERT_EQ(handler.refusals.size(), 1u);
+             EXPECT_EQ(handler.refusals[0].errorCode, 0xbu);
+         }},
+        {"rapid reset does not end the connection", [](auto&) {},
+         [](RawClient& c, Recorder&) {
+             std::string flood = kPreface;
+             for (std::uint32_t stream = 1; stream < 2 * 1500; stream += 2) {
+                 flood += request(stream, false) + resetFrame(stream, 8);  // CANCEL
+             }
+             c.send(flood + kPingFrame);
+             const auto frames = c.until(kPing, 1, 5s);
+             EXPECT_FALSE(frames.empty());
+             EXPECT_FALSE(hasFrame(frames, kGoaway));
+         }},
+        {"sockets that never send a byte are closed",
+         [](auto& o) {
+             o.maximumConnections = 3;
+             o.handshakeTimeout = 300ms;
+         },
+         [](RawClient& c, Recorder&) {
+             RawClient second(c.port()), third(c.port());
+             EXPECT_TRUE(c.closedWithin(3s));
+             EXPECT_TRUE(second.closedWithin(3s));
+             EXPECT_TRUE(third.closedWithin(3s));
+         }},
+        {"a TLS client that never finishes its handshake is closed",
+         [](auto& o) {
+             o.tls = tlsContext();
+             o.handshakeTimeout = 300ms;
+         },
+         [](RawClient& c, Recorder&) { EXPECT_TRUE(c.closedWithin(3s)); }},
+        {"unfinished requests past the memory budget are refused, the oldest reclaimed",
+         [](auto& o) { o.memoryBudget = 32 * 1024; },
+         [](RawClient& c, Recorder&) {
+             // Requests like the other client's, so that what is left of the budget cannot
+             // hold another.
+             std::string streams = kPreface;
+             for (std::uint32_t stream = 1; stream < 2 * 100; stream += 2) {
+                 streams += request(stream, false);
+             }
+             c.send(streams);
+             const auto refused = c.await(kReset);
+             ASSERT_TRUE(refused);
+             EXPECT_GT(refused->stream, 1u);
+             EXPECT_EQ(errorCode(*refused), 7u);
+             // The attacker holds the whole budget; a client holding nothing takes room from it.
+             EXPECT_TRUE(served(c.port(), false));
+             for (auto f = c.await(kReset); f; f = c.await(kReset)) {
+                 if (f->stream == 1) {
+                     EXPECT_EQ(errorCode(*f), 7u);
+                     return;
+                 }
+             }
+             ADD_FAILURE() << "the oldest unfinished stream was not reclaimed";
+         }},
+    };
+    for (const auto& attack : attacks) {
+        SCOPED_TRACE(attack.name);
+        Recorder handler;
+        ProviderServerOptions options;
+        attack.configure(options);
+        const bool tls = options.tls != nullptr;
+        auto server = startServer(handler, options);
+        RawClient attacker(server->port());
+        attack.attack(attacker, handler);
+        EXPECT_TRUE(served(server->port(), tls));
     }
 }
 
@@ -418,16 +628,20 @@ TEST(ProviderServerCleartext, EveryRequestIsAnsweredOnceWhateverTheHandlerDoes) 
     }
 }
 
+// Each closes with one log line saying which error; ordinary clients go on.
 TEST(ProviderServerCleartext, NonHttp2ConnectionsCloseWhileOthersGoOn) {
     for (const std::string bytes : {"\x16\x03\x01garbage, not a preface at all",
                                     "POST /3/device/abcd HTTP/1.1\r\nHost: x\r\n\r\n"}) {
         Recorder handler;
+        platform::LogCapture log;
         auto server = startServer(handler, with([](auto& o) { o.maximumConnections = 2; }));
         RawClient bad(server->port());
         bad.send(bytes);
         EXPECT_EQ(curlPost(cleartextUrl(*server), "{}").status, 200);
         EXPECT_TRUE(bad.closedWithin(3s));
         EXPECT_EQ(handler.count(), 1u);
+        EXPECT_EQ(loggedLines(log, "protocol error"), 1u);
+        EXPECT_EQ(loggedLines(log, "bad client magic"), 1u);
     }
 }
 
@@ -440,8 +654,11 @@ TEST(ProviderServerCleartext, ConnectionsBeyondTheLimitAndIdleOnesAreClosed) {
     RawClient first(server->port());
     first.send(kPreface);
     ASSERT_TRUE(first.await(kSettings, 0));
-    RawClient second(server->port());
+    platform::LogCapture log;
+    RawClient second(server->port()), third(server->port());
     EXPECT_TRUE(second.closedWithin(1s));
+    EXPECT_TRUE(third.closedWithin(1s));
+    EXPECT_EQ(loggedLines(log, "refused a connection"), 1u);  // at most one a second
     first.send(kPingFrame);
     EXPECT_TRUE(first.await(kPing, 1));
     EXPECT_TRUE(first.await(kGoaway, -1, 3s));
@@ -488,6 +705,27 @@ TEST(ProviderServerCleartext, StopAnswersHeldRequestsThenSaysGoawayAndCloses) {
     handler.answerHeld();
     EXPECT_TRUE(client.await(kHeaders));
     EXPECT_TRUE(client.closedWithin(3s));
+    EXPECT_EQ(stopped.wait_for(3s), std::future_status::ready);
+}
+
+// Clients that hold streams forever cannot keep the server from stopping: an unfinished body is
+// reset after the grace period, and an answer a zero flow-control window holds back is given up.
+TEST(ProviderServerCleartext, StopEndsWhateverClientsHold) {
+    Recorder handler;
+    auto server = startServer(handler, with([](auto& o) { o.stopGrace = 300ms; }));
+    RawClient unfinished(server->port()), closedWindow(server->port());
+    unfinished.send(kPreface + request(1, false) + frame(kData, 0, 1, "{"));
+    // INITIAL_WINDOW_SIZE 0, and a body past the limit: its 413 has a body that cannot be sent.
+    closedWindow.send(kPreface + frame(kSettings, 0, 0, std::string("\0\4\0\0\0\0", 6)) +
+                      request(1, false) + frame(kData, kEndStream, 1, std::string(6000, 'x')));
+    ASSERT_TRUE(closedWindow.await(kHeaders));
+    ASSERT_TRUE(unfinished.await(kSettings, 0));
+    auto stopped = std::async(std::launch::async, [&] { server->stop(); });
+    const auto reset = unfinished.await(kReset);
+    ASSERT_TRUE(reset);
+    EXPECT_EQ(errorCode(*reset), 8u);  // CANCEL
+    EXPECT_TRUE(unfinished.closedWithin(3s));
+    EXPECT_TRUE(closedWindow.closedWithin(3s));
     EXPECT_EQ(stopped.wait_for(3s), std::future_status::ready);
 }
 

@@ -4,8 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-
-#include "support/TestSupport.h"
+#include <sstream>
 
 namespace nimborra::testing {
 namespace {
@@ -37,6 +36,14 @@ struct Signer {
     fs::path directory;  // empty when openssl could not make the identity
 };
 
+// The benchmark program builds this file without the rest of the test support, so it reads the
+// signed output itself.
+std::string readWhole(const fs::path& path) {
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
+}
+
 std::string escapedXML(std::string_view text) {
     std::string escaped;
     for (const char c : text) {
@@ -58,7 +65,7 @@ std::optional<std::string> makeSignedProfile(std::string_view content) {
              (signer.directory / "key.pem").string())) {
         return std::nullopt;
     }
-    return readFile(output);
+    return readWhole(output);
 }
 
 std::string profilePlist(std::optional<std::string> apsEnvironment) {

@@ -6,6 +6,7 @@
 
 #include "NimbOrraPlatform/Base64.h"
 #include "NimbOrraPlatform/JSONSerialization.h"
+#include "NimbOrraPlatform/Uuid.h"
 
 namespace nimborra::host {
 
@@ -384,7 +385,7 @@ Refusal readPush(const Dictionary& object, PushCommand& push) {
         push.appOverride = *state;
     }
     if (const Value* apnsId = object.find("apnsId")) {
-        if (apnsId->text() == nullptr || !isCanonicalUuid(*apnsId->text())) {
+        if (apnsId->text() == nullptr || !platform::isUuidText(*apnsId->text())) {
             return std::string("push: \"apnsId\" must be a UUID: 8-4-4-4-12 hexadecimal digits");
         }
         push.apnsId = *apnsId->text();
@@ -476,19 +477,6 @@ Refusal readCommand(const Dictionary& object, Command& command) {
 
 std::span<const CommandShape> commandShapes() {
     return kCommands;
-}
-
-bool isCanonicalUuid(std::string_view text) {
-    if (text.size() != 36) {
-        return false;
-    }
-    for (std::size_t index = 0; index < text.size(); ++index) {
-        const bool dash = index == 8 || index == 13 || index == 18 || index == 23;
-        if (dash ? text[index] != '-' : !std::isxdigit(static_cast<unsigned char>(text[index]))) {
-            return false;
-        }
-    }
-    return true;
 }
 
 std::optional<std::string> readPushPayload(const Value& payload, PushCommand& push) {

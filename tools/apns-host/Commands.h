@@ -119,9 +119,6 @@ struct CommandShape {
 // Every command, in the order the help text lists them.
 std::span<const CommandShape> commandShapes();
 
-// Whether `text` is a UUID in canonical form: 8-4-4-4-12 hexadecimal digits, in either case.
-bool isCanonicalUuid(std::string_view text);
-
 // Reads one line (without its line break). Never throws except std::bad_alloc.
 InputLine readInputLine(std::string_view line);
 

@@ -227,6 +227,9 @@ const std::vector<LineShape>& lineShapes() {
          "listed notification, oldest first"},
         {"providerApi", {"providerApi"}, "where the provider API listens (--provider-api)"},
         {"provider", {"provider"}, "one request to the provider API and its answer"},
+        {"providerDelivery",
+         {"providerDelivery"},
+         "a notification kept while the device was offline, delivered once it is back online"},
         {"command", {"command"}, "an echoed command (--echo)"},
         {"comment", {"comment"}, "an echoed comment (--echo)"},
     };

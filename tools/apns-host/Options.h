@@ -39,6 +39,8 @@ struct ProviderApiOptions {
     std::optional<std::string> teamId;
     // 32 bytes; nothing for random ones.
     std::optional<std::vector<std::uint8_t>> deviceToken;
+    // More ports served on the same host, by the same service (the COMMAND's 2197).
+    std::vector<std::uint16_t> additionalPorts;
 };
 
 struct HostOptions {
@@ -69,6 +71,13 @@ struct HostOptions {
     // The foreground presentation options the application hands the system (--present);
     // nothing for the plug-in's own answer.
     std::optional<std::vector<std::string>> present;
+
+    // --output FILE: the host's lines go to FILE instead of standard output.
+    std::optional<std::filesystem::path> output;
+    // The COMMAND after "--" and its arguments: run in a private network where APNs's host
+    // names reach the provider API (implied on ports 443 and 2197); the host exits with its
+    // status.
+    std::optional<std::vector<std::string>> command;
 };
 
 // Asked for the help text.

@@ -63,9 +63,6 @@ std::string commandLine(const std::optional<platform::Value>& json, std::string_
 // {"comment":TEXT}, with bytes that are not UTF-8 replaced by U+FFFD.
 std::string commentLine(std::string_view text);
 
-// `text` with every byte that does not belong to well-formed UTF-8 replaced by U+FFFD.
-std::string validUTF8(std::string_view text);
-
 // Sends the process's log records to `stream` (standard error), one flushed line each.
 void installLogSink(std::FILE* stream);
 

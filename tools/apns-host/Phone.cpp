@@ -10,6 +10,7 @@
 #include "NimbOrraPlatform/Application.h"
 #include "NimbOrraPlatform/Bundle.h"
 #include "NimbOrraPlatform/JSONSerialization.h"
+#include "NimbOrraPlatform/Text.h"
 #include "NimbOrraPlatform/UserNotificationCenter.h"
 #include "NimbOrraPushAddonApns/ApnsEntitlementReader.h"
 #include "ProviderLines.h"
@@ -48,10 +49,7 @@ namespace {
 
 bool sameIdentifier(std::string_view a, std::string_view b) {
     // apns-ids are UUIDs: compared without regard to case, as servers write either.
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-        return std::tolower(static_cast<unsigned char>(x)) ==
-               std::tolower(static_cast<unsigned char>(y));
-    });
+    return platform::equalsIgnoringASCIICase(a, b);
 }
 
 void appendTextOrNull(std::string& line, const std::optional<std::string_view>& text) {
@@ -416,10 +414,10 @@ std::string Phone::notificationCenterLine() const {
         }
         first = false;
         line.append("{\"apnsId\":");
-        platform::appendJSONString(line, validUTF8(listed.notification.apnsId));
+        platform::appendJSONString(line, platform::validUTF8(listed.notification.apnsId));
         line.append(",\"collapseId\":");
         if (listed.notification.collapseId) {
-            platform::appendJSONString(line, validUTF8(*listed.notification.collapseId));
+            platform::appendJSONString(line, platform::validUTF8(*listed.notification.collapseId));
         } else {
             line.append("null");
         }
@@ -483,6 +481,10 @@ void Phone::present(const platform::IncomingRemoteNotification& notification) {
 
 void Phone::requestHandled(const provider::ProviderRecord& record) {
     output_.writeLine(providerLine(record));
+}
+
+void Phone::keptNotificationDelivered(std::string_view apnsId, provider::ProviderOutcome outcome) {
+    output_.writeLine(providerDeliveryLine(apnsId, outcome));
 }
 
 }  // namespace nimborra::host

@@ -133,6 +133,8 @@ class Phone final : public platform::RemoteNotificationReceiver, public provider
     Taken take(const platform::IncomingRemoteNotification& notification) override;
     void present(const platform::IncomingRemoteNotification& notification) override;
     void requestHandled(const provider::ProviderRecord& record) override;
+    void keptNotificationDelivered(std::string_view apnsId,
+                                   provider::ProviderOutcome outcome) override;
 
   private:
     struct Road;

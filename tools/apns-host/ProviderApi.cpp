@@ -80,8 +80,10 @@ std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
     if (options.deviceToken) {
         token = platform::Data{*options.deviceToken};
     }
-    api->service_ = std::make_unique<provider::ProviderService>(*bundleIdentifier, std::move(token),
-                                                                phone, phone);
+    api->service_ = std::make_unique<provider::ProviderService>(
+        *bundleIdentifier, std::move(token),
+        profile.environment ? provider::apnsEnvironmentNamed(*profile.environment) : std::nullopt,
+        phone, phone);
     phone.attachProviderService(*api->service_);
     auto& system = platform::UIApplication::sharedApplication();
     system.setDeviceTokenIssuer([service = api->service_.get()] { return service->deviceToken(); });
@@ -93,12 +95,25 @@ std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
     std::optional<std::string> fingerprint;
     if (tls) {
         fingerprint = serverOptions.tls->fingerprint();
+        api->certificatePem_ = serverOptions.tls->certificatePem();
     }
+    // The additional ports share the certificate, the token verifier and the service.
+    const auto additionalOptions = serverOptions;
     auto server = provider::ProviderServer::start(std::move(serverOptions), *api->service_);
     if (auto* reason = std::get_if<std::string>(&server)) {
         return std::move(*reason);
     }
     api->server_ = std::move(std::get<std::unique_ptr<provider::ProviderServer>>(server));
+    for (const auto port : options.additionalPorts) {
+        auto portOptions = additionalOptions;
+        portOptions.port = port;
+        auto additional = provider::ProviderServer::start(std::move(portOptions), *api->service_);
+        if (auto* reason = std::get_if<std::string>(&additional)) {
+            return std::move(*reason);
+        }
+        api->additionalServers_.push_back(
+            std::move(std::get<std::unique_ptr<provider::ProviderServer>>(additional)));
+    }
 
     ProviderApiStart start;
     start.address =
@@ -109,6 +124,7 @@ std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
     start.environment = profile.environment;
     start.topic = *bundleIdentifier;
     start.deviceToken = provider::ProviderService::hex(*api->service_->deviceToken());
+    api->deviceToken_ = start.deviceToken;
     start.authentication = std::move(authentication);
     output.writeLine(providerStartLine(start));
     return api;
@@ -117,6 +133,9 @@ std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
 void ProviderApi::stop() {
     if (server_) {
         server_->stop();
+    }
+    for (auto& server : additionalServers_) {
+        server->stop();
     }
     if (service_) {
         service_->stop();

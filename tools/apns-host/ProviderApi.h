@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "Application.h"
 #include "NimbOrraProviderApi/ProviderServer.h"
@@ -34,11 +35,20 @@ class ProviderApi {
     // the device take what was accepted. Once only; the destructor calls it too.
     void stop();
 
+    // The certificate served (PEM, chain included); empty in cleartext.
+    const std::string& certificatePem() const { return certificatePem_; }
+    // The device's token at start, in lower-case hex.
+    const std::string& deviceToken() const { return deviceToken_; }
+
   private:
     ProviderApi() = default;
 
     std::unique_ptr<provider::ProviderService> service_;
     std::unique_ptr<provider::ProviderServer> server_;
+    // Options::additionalPorts, served by the same service.
+    std::vector<std::unique_ptr<provider::ProviderServer>> additionalServers_;
+    std::string certificatePem_;
+    std::string deviceToken_;
 };
 
 // --print-provider-token: a token signed now with the key of `options`, or why there is none.

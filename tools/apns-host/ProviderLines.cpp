@@ -1,4 +1,5 @@
 #include "ProviderLines.h"
+#include "NimbOrraPlatform/Text.h"
 
 #include <utility>
 
@@ -13,7 +14,7 @@ using platform::Dictionary;
 using platform::Value;
 
 Value textOrNull(const std::optional<std::string_view>& text) {
-    return text ? Value(validUTF8(*text)) : Value(nullptr);
+    return text ? Value(platform::validUTF8(*text)) : Value(nullptr);
 }
 
 std::string line(std::string_view name, Value value) {
@@ -34,7 +35,7 @@ std::string providerStartLine(const ProviderApiStart& start) {
     fields.set("tls", start.tls);
     fields.set("fingerprint", textOrNull(start.fingerprint));
     fields.set("environment", textOrNull(start.environment));
-    fields.set("topic", validUTF8(start.topic));
+    fields.set("topic", platform::validUTF8(start.topic));
     fields.set("deviceToken", start.deviceToken);
     fields.set("authentication", start.authentication);
     return line("providerApi", std::move(fields));
@@ -42,15 +43,26 @@ std::string providerStartLine(const ProviderApiStart& start) {
 
 std::string providerLine(const provider::ProviderRecord& record) {
     Dictionary fields;
-    fields.set("apnsId", validUTF8(record.apnsId));
-    fields.set("status", record.status);
+    fields.set("apnsId",
+               record.apnsId.empty() ? Value(nullptr) : Value(platform::validUTF8(record.apnsId)));
+    fields.set("status", record.status != 0 ? Value(record.status) : Value(nullptr));
     fields.set("reason", textOrNull(record.reason));
-    fields.set("topic", record.topic.empty() ? Value(nullptr) : Value(validUTF8(record.topic)));
+    fields.set("topic",
+               record.topic.empty() ? Value(nullptr) : Value(platform::validUTF8(record.topic)));
     fields.set("pushType",
                record.pushType ? Value(provider::pushTypeName(*record.pushType)) : Value(nullptr));
     fields.set("priority", record.priority ? Value(*record.priority) : Value(nullptr));
     fields.set("outcome", provider::providerOutcomeName(record.outcome));
+    fields.set("explanation",
+               record.detail.empty() ? Value(nullptr) : Value(platform::validUTF8(record.detail)));
     return line("provider", std::move(fields));
+}
+
+std::string providerDeliveryLine(std::string_view apnsId, provider::ProviderOutcome outcome) {
+    Dictionary fields;
+    fields.set("apnsId", platform::validUTF8(apnsId));
+    fields.set("outcome", provider::providerOutcomeName(outcome));
+    return line("providerDelivery", std::move(fields));
 }
 
 }  // namespace nimborra::host

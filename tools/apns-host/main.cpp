@@ -6,7 +6,8 @@
 // the session lasts, as an application's main thread does; a second thread reads and runs the
 // commands and stops the main loop once every call has been answered. With the provider API, a
 // third thread waits for SIGINT or SIGTERM (blocked in every other thread), which end the
-// session; the end of the input alone does not.
+// session; the end of the input alone does not. With a COMMAND, that thread passes the signals
+// on to COMMAND instead, and COMMAND's end ends the session.
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -34,10 +35,12 @@
 
 #include "Application.h"
 #include "Bridge.h"
+#include "CommandRunner.h"
 #include "Commands.h"
 #include "DemoScript.h"
 #include "Describe.h"
 #include "LineReader.h"
+#include "NetworkSandbox.h"
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
 #include "NimbOrraPlatform/Bundle.h"
 #include "NimbOrraPlatform/DispatchQueue.h"
@@ -162,7 +165,8 @@ struct ProcessWiring {
     }
 };
 
-int runHost(const host::HostOptions& options) {
+// `sandbox`: the private network COMMAND runs in, when there is a COMMAND.
+int runHost(const host::HostOptions& options, host::NetworkSandbox* sandbox) {
     auto opened = openInput(options);
     if (auto* message = std::get_if<std::string>(&opened)) {
         return fail(*message);
@@ -171,7 +175,16 @@ int runHost(const host::HostOptions& options) {
 
     platform::setLogLevel(options.logLevel);
     host::installLogSink(stderr);
-    host::OutputWriter output(stdout);
+    // --output FILE: the host's lines go to FILE, leaving standard output to COMMAND.
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> outputFile(nullptr, &std::fclose);
+    if (options.output) {
+        outputFile.reset(std::fopen(options.output->c_str(), "we"));
+        if (!outputFile) {
+            return fail("cannot write " + options.output->string() + ": " + std::strerror(errno));
+        }
+    }
+    const std::string outputName = options.output ? options.output->string() : "standard output";
+    host::OutputWriter output(outputFile ? outputFile.get() : stdout);
     ProcessWiring wiring;
     wiring.subscription =
         wiring.dispatcher.subscribe([&output](const std::string& name, const std::string& payload) {
@@ -226,6 +239,20 @@ int runHost(const host::HostOptions& options) {
         }
         providerApi = std::move(std::get<std::unique_ptr<host::ProviderApi>>(started));
     }
+    // COMMAND: trusts the host's certificate, learns the device's token, and starts once the
+    // application has registered; its end ends the session as SIGTERM does.
+    std::unique_ptr<host::CommandRunner> command;
+    if (options.command) {
+        host::CommandSpec spec{*options.command, {}, options.script.has_value()};
+        if (auto failed = providerApi->certificatePem().empty()
+                              ? std::nullopt
+                              : sandbox->trust(providerApi->certificatePem())) {
+            return fail(*failed);
+        }
+        spec.environment = sandbox->environment();
+        spec.environment.emplace_back("APNS_HOST_DEVICE_TOKEN", providerApi->deviceToken());
+        command = std::make_unique<host::CommandRunner>(std::move(spec));
+    }
     // Set once SIGINT or SIGTERM has come (provider API only); the input then counts as ended.
     std::atomic<bool> stopRequested = false;
     std::mutex stopMutex;
@@ -234,6 +261,14 @@ int runHost(const host::HostOptions& options) {
     if (providerApi) {
         input.reader->setCancellation(&stopRequested);
         signalWaiter = std::thread([&] {
+            if (command) {
+                // Passes the signals on to COMMAND and returns once it has ended.
+                command->waitForExit();
+                const std::lock_guard lock(stopMutex);
+                stopRequested = true;
+                stopSignalled.notify_all();
+                return;
+            }
             sigset_t signals;
             sigemptyset(&signals);
             sigaddset(&signals, SIGINT);
@@ -251,6 +286,11 @@ int runHost(const host::HostOptions& options) {
             // The application registers for remote notifications at launch.
             application.registerForRemoteNotifications();
             session.waitForReplies();
+            if (command) {
+                if (auto failed = command->start()) {
+                    fail(*failed);
+                }
+            }
             status = session.run(*input.reader);
             if (!output.failed()) {
                 // The push server may go on sending after the input has ended.
@@ -285,8 +325,10 @@ int runHost(const host::HostOptions& options) {
         return fail("reading " + input.name + " failed: " + std::strerror(session.readError()));
     }
     if (output.failed()) {
-        return fail(std::string("writing standard output failed: ") +
-                    std::strerror(output.error()));
+        return fail("writing " + outputName + " failed: " + std::strerror(output.error()));
+    }
+    if (command) {
+        return command->exitStatus();
     }
     if (options.providerApi && status == host::SessionStatus::refused) {
         // A provider session ends by a signal, not by its input: refused lines have been
@@ -337,7 +379,16 @@ int main(int argc, char** argv) {
             sigaddset(&signals, SIGTERM);
             pthread_sigmask(SIG_BLOCK, &signals, nullptr);
         }
-        return runHost(options);
+        // COMMAND's private network, entered while this is the only thread (see NetworkSandbox.h).
+        std::unique_ptr<nimborra::host::NetworkSandbox> sandbox;
+        if (options.command) {
+            auto entered = nimborra::host::NetworkSandbox::enter(options.providerApi->host);
+            if (auto* reason = std::get_if<std::string>(&entered)) {
+                return fail(*reason);
+            }
+            sandbox = std::move(std::get<std::unique_ptr<nimborra::host::NetworkSandbox>>(entered));
+        }
+        return runHost(options, sandbox.get());
     } catch (const std::exception& error) {
         return fail(error.what());
     }

@@ -20,7 +20,6 @@
 // (enumerations that specialise WireEnumTraits; see below).
 #pragma once
 
-#include <array>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -29,6 +28,7 @@
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "NimbOrraCore/CodingError.h"
@@ -91,69 +91,81 @@ constexpr E fromWireValue(std::int64_t raw) {
 
 namespace detail {
 
-// The coding path of an encoding or decoding in progress, as a stack of keys and indices. The
-// usual nesting depths live inline, so that keeping the path costs no allocation; deeper paths
-// spill to the heap.
-class NIMBORRA_CORE_EXPORT CodingPath {
+// The text that introduces a member: its key in quotation marks and the colon, after a comma
+// unless it is the first member. Made when the record's coding is compiled.
+template <std::size_t Length>
+struct MemberOpening {
+    char text[Length];
+
+    constexpr MemberOpening(std::string_view key, bool first) : text{} {
+        std::size_t at = 0;
+        if (!first) {
+            text[at++] = ',';
+        }
+        text[at++] = '"';
+        for (const char c : key) {
+            text[at++] = c;
+        }
+        text[at++] = '"';
+        text[at] = ':';
+    }
+    constexpr std::string_view view() const { return {text, Length}; }
+};
+
+// Whether a key is written as it stands between quotation marks: no character of it needs an
+// escape. Record keys are constants, so this is settled when the record's coding is compiled.
+constexpr bool isPlainKey(std::string_view key) {
+    for (const char c : key) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\' || c == '/') {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace detail
+
+// What encoding and decoding keep track of alike: the first failure, which stops the work, and
+// where it happened. The coding path is gathered while the failure travels back out of the
+// nested values, each level adding the key or index it was working on, so that work that
+// succeeds never pays for keeping it.
+class NIMBORRA_CORE_EXPORT CodingState {
   public:
+    bool failed() const { return failed_; }
+    // The failure, with its coding path; only once failed().
+    CodingError error() const;
+
+    // Records a failure at the value being worked on, unless one was recorded already.
+    void fail(CodingErrorKind kind, std::string detail);
+    // After a failure: the value that failed was found under `key` (at `index`) of the one being
+    // left. The keys must outlive the state (record keys are constants).
+    void leaveKey(std::string_view key) { path_.push_back({key, 0, false}); }
+    void leaveIndex(std::size_t index) { path_.push_back({{}, index, true}); }
+
+  private:
     struct Component {
         std::string_view key;
         std::size_t index;
         bool isIndex;
     };
 
-    void push(const Component& component) {
-        if (size_ < inlineCapacity) {
-            inline_[size_] = component;
-        } else {
-            overflow_.push_back(component);
-        }
-        ++size_;
-    }
-    void pop() {
-        --size_;
-        if (size_ >= inlineCapacity) {
-            overflow_.pop_back();
-        }
-    }
-    // Dotted keys and bracketed indices: "options[0]", "notification.badge".
-    std::string format() const;
-
-  private:
-    static constexpr std::size_t inlineCapacity = 8;
-    // Only the first size_ entries are ever read; the others are left unset.
-    std::array<Component, inlineCapacity> inline_;
-    std::vector<Component> overflow_;
-    std::size_t size_ = 0;
-};
-
-}  // namespace detail
-
-// What encoding and decoding keep track of alike: where they are (the coding path) and the
-// first failure, which stops the work.
-class NIMBORRA_CORE_EXPORT CodingState {
-  public:
-    bool failed() const { return error_.has_value(); }
-    const std::optional<CodingError>& error() const { return error_; }
-
-    void pushKey(std::string_view key);
-    void pushIndex(std::size_t index);
-    void pop();
-    std::string codingPath() const;
-    // Records a failure at the current path, unless one was recorded already.
-    void fail(CodingErrorKind kind, std::string detail);
-
-  private:
-    detail::CodingPath path_;
-    std::optional<CodingError> error_;
+    bool failed_ = false;
+    CodingErrorKind kind_ = CodingErrorKind::dataCorrupted;
+    std::string detail_;
+    // Innermost first.
+    std::vector<Component> path_;
 };
 
 // ---- Encoding ---------------------------------------------------------------------------------
 
-// The writing state of one encoding: the text written so far, the coding path and the first
-// failure. Writes after a failure are ignored.
+// The writing state of one encoding: the text written so far and the first failure. Writes
+// after a failure are ignored.
 class NIMBORRA_CORE_EXPORT EncodingContext : public CodingState {
   public:
+    EncodingContext() = default;
+    // Writes after what `buffer` already holds.
+    explicit EncodingContext(std::string buffer) : out_(std::move(buffer)) {}
+
     std::string& out() { return out_; }
 
     void writeKey(std::string_view key);
@@ -172,28 +184,35 @@ void encodeValue(EncodingContext& context, const T& value);
 
 template <CodableRecord R>
 void encodeRecord(EncodingContext& context, const R& record) {
+    // Unused by a record without fields.
+    [[maybe_unused]] static constexpr auto fields = R::codingFields();
     auto& out = context.out();
     out += '{';
-    bool first = true;
-    std::apply(
-        [&](const auto&... field) {
-            (
-                [&] {
-                    if (context.failed()) {
-                        return;
-                    }
-                    if (!first) {
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+        (
+            [&] {
+                if (context.failed()) {
+                    return;
+                }
+                constexpr auto& field = std::get<I>(fields);
+                if constexpr (detail::isPlainKey(field.key)) {
+                    static constexpr detail::MemberOpening<field.key.size() + (I > 0 ? 4 : 3)>
+                        opening(field.key, I == 0);
+                    out += opening.view();
+                } else {
+                    if constexpr (I > 0) {
                         out += ',';
                     }
-                    first = false;
                     context.writeKey(field.key);
-                    context.pushKey(field.key);
-                    encodeValue(context, record.*(field.member));
-                    context.pop();
-                }(),
-                ...);
-        },
-        R::codingFields());
+                }
+                encodeValue(context, record.*(field.member));
+                if (context.failed()) {
+                    context.leaveKey(field.key);
+                }
+            }(),
+            ...);
+    }
+    (std::make_index_sequence<std::tuple_size_v<decltype(R::codingFields())>>());
     out += '}';
 }
 
@@ -219,15 +238,14 @@ void encodeValue(EncodingContext& context, const T& value) {
         out += '[';
         std::size_t index = 0;
         for (const auto& element : value) {
-            if (context.failed()) {
-                return;
-            }
             if (index > 0) {
                 out += ',';
             }
-            context.pushIndex(index);
             encodeValue(context, element);
-            context.pop();
+            if (context.failed()) {
+                context.leaveIndex(index);
+                return;
+            }
             ++index;
         }
         out += ']';
@@ -236,54 +254,37 @@ void encodeValue(EncodingContext& context, const T& value) {
 
 // ---- Decoding ---------------------------------------------------------------------------------
 
-// Decoding reads from either of two sources with the same rules and the same failures: a Value
-// tree (decodeFromValue) or, without building a tree, the views of a parsed JSON document
-// (decode from text).
-template <class S>
-concept DecodingSource = std::same_as<S, platform::Value> || std::same_as<S, platform::JSONElement>;
-
-// The reading state of one decoding: the coding path and the first failure.
+// Records are read straight from the views of a parsed JSON document (platform::JSONElement),
+// without building a Value tree. The reading state of one decoding: the coding path and the
+// first failure.
 class NIMBORRA_CORE_EXPORT DecodingContext : public CodingState {
   public:
     // Each reads `value` into `out`, or records the failure and returns false.
-    bool read(const platform::Value& value, bool& out);
-    bool read(const platform::Value& value, std::int32_t& out);
-    bool read(const platform::Value& value, std::int64_t& out);
-    bool read(const platform::Value& value, double& out);
-    bool read(const platform::Value& value, std::string& out);
-    bool read(const platform::Value& value, platform::Data& out);
     bool read(const platform::JSONElement& value, bool& out);
     bool read(const platform::JSONElement& value, std::int32_t& out);
     bool read(const platform::JSONElement& value, std::int64_t& out);
     bool read(const platform::JSONElement& value, double& out);
     bool read(const platform::JSONElement& value, std::string& out);
     bool read(const platform::JSONElement& value, platform::Data& out);
-    // Checks that `value` is an object; reports null and other types as failures.
-    const platform::Dictionary* readObject(const platform::Value& value);
+    // Checks that `value` is an object (an array); reports null and other types as failures.
     std::optional<platform::JSONElement> readObject(const platform::JSONElement& value);
-    const platform::Array* readArray(const platform::Value& value);
     std::optional<platform::JSONElement> readArray(const platform::JSONElement& value);
     // Looks up a required member; reports an absent key.
-    const platform::Value* requireMember(const platform::Dictionary& object, std::string_view key);
     std::optional<platform::JSONElement> requireMember(const platform::JSONElement& object,
                                                        std::string_view key);
 
   private:
-    template <class Source>
-    void mismatch(std::string_view expected, const Source& found);
-    template <class Source>
-    bool readBoolean(const Source& value, bool& out);
-    template <class Source>
-    bool readDouble(const Source& value, double& out);
-    template <class Source>
-    bool readData(const Source& value, platform::Data& out);
+    // Records a typeMismatch (valueNotFound for null) for a value that is not `expected`.
+    void mismatch(std::string_view expected, const platform::JSONElement& found);
+    template <class Int>
+    bool readInteger(const platform::JSONElement& value, Int& out, std::string_view typeName);
 };
 
-template <class T, DecodingSource Source>
-bool decodeValue(DecodingContext& context, const Source& value, T& out);
+template <class T>
+bool decodeValue(DecodingContext& context, const platform::JSONElement& value, T& out);
 
-template <CodableRecord R, DecodingSource Source>
-bool decodeRecord(DecodingContext& context, const Source& value, R& record) {
+template <CodableRecord R>
+bool decodeRecord(DecodingContext& context, const platform::JSONElement& value, R& record) {
     constexpr std::size_t fieldCount = std::tuple_size_v<decltype(R::codingFields())>;
     if constexpr (fieldCount == 0) {
         // A record without fields does not look at the value at all.
@@ -304,10 +305,11 @@ bool decodeRecord(DecodingContext& context, const Source& value, R& record) {
                         if (!ok) {
                             return;
                         }
-                        context.pushKey(field.key);
                         const auto member = context.requireMember(*object, field.key);
                         ok = member && decodeValue(context, *member, record.*(field.member));
-                        context.pop();
+                        if (!ok) {
+                            context.leaveKey(field.key);
+                        }
                     }(),
                     ...);
             },
@@ -316,8 +318,8 @@ bool decodeRecord(DecodingContext& context, const Source& value, R& record) {
     }
 }
 
-template <class T, DecodingSource Source>
-bool decodeValue(DecodingContext& context, const Source& value, T& out) {
+template <class T>
+bool decodeValue(DecodingContext& context, const platform::JSONElement& value, T& out) {
     if constexpr (WireEnum<T>) {
         std::int64_t raw = 0;
         if (!context.read(value, raw)) {
@@ -332,26 +334,22 @@ bool decodeValue(DecodingContext& context, const Source& value, T& out) {
     } else if constexpr (CodableRecord<T>) {
         return decodeRecord(context, value, out);
     } else {
-        // std::vector<E>
+        // std::vector<E>, read in place: on a failure the whole decoding fails, so a vector
+        // left half read is never handed out.
         const auto array = context.readArray(value);
         if (!array) {
             return false;
         }
-        T result;
-        result.reserve(array->size());
+        out.clear();
+        out.reserve(array->size());
         std::size_t index = 0;
         for (const auto& item : *array) {
-            context.pushIndex(index);
-            typename T::value_type element{};
-            const bool ok = decodeValue(context, item, element);
-            context.pop();
-            if (!ok) {
+            if (!decodeValue(context, item, out.emplace_back())) {
+                context.leaveIndex(index);
                 return false;
             }
-            result.push_back(std::move(element));
             ++index;
         }
-        out = std::move(result);
         return true;
     }
 }

@@ -45,9 +45,9 @@ class NIMBORRA_CORE_EXPORT CodingError {
     std::string detail_;
 };
 
-// Either a value or the CodingError that prevented it.
+// Either a value or the CodingError that prevented it; look at it (ok()) before using it.
 template <class T>
-class CodingResult {
+class [[nodiscard]] CodingResult {
   public:
     CodingResult(T value) : storage_(std::move(value)) {}
     CodingResult(CodingError error) : storage_(std::move(error)) {}

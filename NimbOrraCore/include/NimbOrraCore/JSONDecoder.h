@@ -1,4 +1,4 @@
-// Decodes a codable value (see Codable.h) from JSON text or from an already parsed value.
+// Decodes a codable value (see Codable.h) from JSON text.
 // Failures come back as CodingError values: keyNotFound, valueNotFound (null), typeMismatch,
 // dataCorrupted (not JSON, bad base64, a number not representable in the target type).
 // Integer reads accept integral numbers written as 3.0 or 1e2; booleans are not numbers.
@@ -22,9 +22,9 @@ class NIMBORRA_CORE_EXPORT JSONDecoder {
 
     DataDecodingStrategy dataDecodingStrategy = DataDecodingStrategy::base64;
 
-    // Parses `text` (UTF-8; a top-level fragment such as "x" or 3 is accepted) and decodes it.
-    // The same as decodeFromValue on the result of parse, without building the Value tree: the
-    // record is read straight from the parsed document.
+    // Parses `text` as JSONSerialization::jsonObject does (UTF-8; a top-level fragment such as
+    // "x" or 3 is accepted) and decodes it, reading the record straight from the parsed document
+    // (no Value tree is built). Numbers beyond 64 bits read as the nearest double.
     template <class T>
     CodingResult<T> decode(std::string_view text) const {
         DecodingContext context;
@@ -39,23 +39,10 @@ class NIMBORRA_CORE_EXPORT JSONDecoder {
             return notJSON(reason);
         }
         if (!decoded) {
-            return *context.error();
+            return context.error();
         }
         return result;
     }
-
-    template <class T>
-    CodingResult<T> decodeFromValue(const platform::Value& value) const {
-        DecodingContext context;
-        T result{};
-        if (!decodeValue(context, value, result)) {
-            return *context.error();
-        }
-        return result;
-    }
-
-    // The parsing step alone: dataCorrupted when `text` is not JSON.
-    static CodingResult<platform::Value> parse(std::string_view text);
 
   private:
     // The dataCorrupted failure for a text that is not JSON, with the reader's reason.

@@ -20,10 +20,17 @@ class JSONEncoder {
 
     template <class T>
     CodingResult<std::string> encode(const T& value) const {
-        EncodingContext context;
+        return encode(value, std::string());
+    }
+
+    // The same, written after what `prefix` holds: the text that comes back starts with it, so
+    // that a caller wrapping the encoding builds it in one buffer.
+    template <class T>
+    CodingResult<std::string> encode(const T& value, std::string prefix) const {
+        EncodingContext context(std::move(prefix));
         encodeValue(context, value);
         if (context.failed()) {
-            return *context.error();
+            return context.error();
         }
         return std::move(context.out());
     }

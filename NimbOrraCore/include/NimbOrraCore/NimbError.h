@@ -35,7 +35,8 @@ enum class NimbErrorCode {
 // The code's text on the wire, in upper snake case: "OK", "INTERNAL", "FAILED_PRECONDITION", ...
 NIMBORRA_CORE_EXPORT std::string_view wireText(NimbErrorCode code);
 // The reverse of wireText; nothing for a text that names no code.
-NIMBORRA_CORE_EXPORT std::optional<NimbErrorCode> nimbErrorCodeFromWireText(std::string_view text);
+[[nodiscard]] NIMBORRA_CORE_EXPORT std::optional<NimbErrorCode> nimbErrorCodeFromWireText(
+    std::string_view text);
 
 struct NIMBORRA_CORE_EXPORT NimbError {
     NimbError() = default;

@@ -62,7 +62,7 @@ class NIMBORRA_CORE_EXPORT OrraBridgeDispatcher {
     void registerPlugin(std::string name, std::shared_ptr<OrraPlugin> plugin);
 
     // The plug-in registered under exactly `name`, or nullptr when there is none.
-    std::shared_ptr<OrraPlugin> plugin(std::string_view name) const;
+    [[nodiscard]] std::shared_ptr<OrraPlugin> plugin(std::string_view name) const;
 
     // Delivers an event to the subscribed listeners, by the rule above: on this thread, before
     // emitEvent returns (an emitEvent from inside a listener returns at once; its event follows

@@ -91,7 +91,7 @@ NIMBORRA_APNS_EXPORT void emitNotificationEvent(ApnsEventEmitting& emitter, cons
 // Nothing comes back when the notification cannot be encoded (a relevance score that is NaN or
 // infinite, text that is not valid UTF-8), when the identifier is not valid UTF-8, or when memory
 // runs out.
-NIMBORRA_APNS_EXPORT std::optional<std::string> makeNotificationEventPayload(
+[[nodiscard]] NIMBORRA_APNS_EXPORT std::optional<std::string> makeNotificationEventPayload(
     const ApnsNotification& notification, const std::optional<std::string>& actionIdentifier);
 
 }  // namespace nimborra::apns

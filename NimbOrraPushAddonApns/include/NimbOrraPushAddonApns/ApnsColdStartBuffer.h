@@ -28,7 +28,7 @@ class NIMBORRA_APNS_EXPORT ApnsColdStartBuffering {
     virtual void capture(const platform::Dictionary& remotePayload) = 0;
 
     // Takes the kept notification out, leaving nothing behind; nothing when none is kept.
-    virtual std::optional<ApnsNotification> drain() = 0;
+    [[nodiscard]] virtual std::optional<ApnsNotification> drain() = 0;
 };
 
 // The production buffer: one optional notification behind a mutex.
@@ -55,7 +55,7 @@ class NIMBORRA_APNS_EXPORT ApnsColdStartBuffer final : public ApnsColdStartBuffe
     void capture(const platform::Dictionary& remotePayload) noexcept override;
 
     // The kept notification, moved out; nothing when the buffer is empty. Leaves it empty.
-    std::optional<ApnsNotification> drain() noexcept override;
+    [[nodiscard]] std::optional<ApnsNotification> drain() noexcept override;
 
   private:
     std::mutex lock_;

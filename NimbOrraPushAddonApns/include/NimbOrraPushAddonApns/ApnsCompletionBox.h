@@ -87,7 +87,7 @@ class NIMBORRA_APNS_EXPORT ApnsCompletion {
 // result is then returned. If the box cannot be made (out of memory), `start` is not called and
 // `initial` is returned.
 template <class T, class Start>
-NIMBORRA_APNS_EXPORT T waitForCompletion(T initial, Start&& start) {
+[[nodiscard]] NIMBORRA_APNS_EXPORT T waitForCompletion(T initial, Start&& start) {
     std::shared_ptr<detail::ApnsCompletionSignal> signal;
     std::shared_ptr<ApnsCompletionBox<T>> box;
     try {

@@ -23,7 +23,7 @@ class NIMBORRA_APNS_EXPORT ApnsEntitlementReading {
     // usable "aps-environment" text or is larger than the property-list limit
     // (platform::PropertyListSerialization::maximumLength, read no further than that); otherwise
     // that text exactly as stored.
-    virtual std::optional<std::string> readApsEnvironment() const = 0;
+    [[nodiscard]] virtual std::optional<std::string> readApsEnvironment() const = 0;
 
   protected:
     ApnsEntitlementReading() = default;
@@ -33,7 +33,7 @@ class NIMBORRA_APNS_EXPORT ApnsEntitlementReading {
 
 class NIMBORRA_APNS_EXPORT ApnsEntitlementReader final : public ApnsEntitlementReading {
   public:
-    std::optional<std::string> readApsEnvironment() const override;
+    [[nodiscard]] std::optional<std::string> readApsEnvironment() const override;
 };
 
 // The "Entitlements" dictionary of a provisioning profile's bytes. The property list is found by
@@ -41,7 +41,7 @@ class NIMBORRA_APNS_EXPORT ApnsEntitlementReader final : public ApnsEntitlementR
 // decoding the signature container around it. Nothing when either tag is missing, they are out
 // of order, the property list does not parse, its root is not a dictionary or it has no
 // "Entitlements" dictionary.
-NIMBORRA_APNS_EXPORT std::optional<platform::Dictionary> extractEntitlements(
+[[nodiscard]] NIMBORRA_APNS_EXPORT std::optional<platform::Dictionary> extractEntitlements(
     std::span<const std::uint8_t> profile) noexcept;
 
 // The main bundle's embedded provisioning profile as ApnsEntitlementReader reads it, for code that

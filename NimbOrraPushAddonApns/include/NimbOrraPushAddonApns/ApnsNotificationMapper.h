@@ -33,7 +33,7 @@ struct NIMBORRA_APNS_EXPORT ApnsNotificationMapper {
     // always empty, `interruptionLevel` `unspecified` and `relevanceScore` 0: the payload is
     // not trusted for them. `userInfoJson` is encodeUserInfoJson of the whole payload, "aps"
     // included. Should memory run out, the result is the empty record with `userInfoJson` "{}".
-    static ApnsNotification map(const platform::Dictionary& remotePayload) noexcept;
+    [[nodiscard]] static ApnsNotification map(const platform::Dictionary& remotePayload) noexcept;
 
     // Maps a displayed notification's content: its texts as they stand, the badge saturated to
     // the signed 32-bit range (0 when absent), `sound` always empty (the content's sound is not
@@ -42,7 +42,8 @@ struct NIMBORRA_APNS_EXPORT ApnsNotificationMapper {
     // other value as `unspecified`), the relevance score unchanged and `userInfoJson` as
     // encodeUserInfoJson of the user info. Should memory run out, the result is the empty
     // record with `userInfoJson` "{}".
-    static ApnsNotification map(const platform::UNNotificationContent& content) noexcept;
+    [[nodiscard]] static ApnsNotification map(
+        const platform::UNNotificationContent& content) noexcept;
 
     // The record that stands for "no notification": every text empty (`userInfoJson` too, not
     // "{}"), `badge` 0, `interruptionLevel` `unspecified`, `relevanceScore` 0.
@@ -54,12 +55,14 @@ struct NIMBORRA_APNS_EXPORT ApnsNotificationMapper {
     // "{}" when any value at any depth is not JSON (byte data, dates, non-finite numbers,
     // non-text keys below the top level), when the text would not be valid UTF-8, or when
     // memory runs out: one bad value empties the whole text.
-    static std::string encodeUserInfoJson(const platform::Dictionary& userInfo) noexcept;
+    [[nodiscard]] static std::string encodeUserInfoJson(
+        const platform::Dictionary& userInfo) noexcept;
 
     // Reads user info back from JSON text. Gives nothing for the empty text, invalid UTF-8, text
     // that is not strict JSON, a top level that is not an object and an object without members
     // (so the "{}" written on failure reads back as nothing), and when memory runs out.
-    static std::optional<platform::Dictionary> decodeUserInfoJson(std::string_view text) noexcept;
+    [[nodiscard]] static std::optional<platform::Dictionary> decodeUserInfoJson(
+        std::string_view text) noexcept;
 };
 
 }  // namespace nimborra::apns

@@ -33,26 +33,31 @@ struct NIMBORRA_APNS_EXPORT ApnsOutcomeEnvelope {
         "Unknown outcome rawJson was not valid JSON";
 
     // {"error":{"code":code,"message":message}}.
-    static std::string errorReply(std::string_view code, std::string_view message);
+    [[nodiscard]] static std::string errorReply(std::string_view code, std::string_view message);
     // {"error":problem.toJSONObject()}.
-    static std::string failureReply(const core::NimbError& problem);
+    [[nodiscard]] static std::string failureReply(const core::NimbError& problem);
     // {"outcome":{"code":...,"data":...}}, or the "INTERNAL" error reply when rawJson is not JSON
     // (a top-level fragment such as 42 or null is accepted).
-    static std::string unknownReply(const ApnsServiceUnknownOutcome& outcome);
+    [[nodiscard]] static std::string unknownReply(const ApnsServiceUnknownOutcome& outcome);
     // {"success":...}: joined as text, so the encoder's member order is kept. "{}" stands in for
     // an encoding that is not UTF-8.
-    static std::string successReply(std::string encodedResponse);
+    [[nodiscard]] static std::string successReply(std::string encodedResponse);
 
     // The reply for any operation result. Only the encoding of a `success` response can fail;
     // that failure is returned for the caller to answer.
     template <class Response>
     static core::CodingResult<std::string> reply(const ApnsServiceResult<Response>& result) {
         if (const Response* response = result.successValue()) {
-            auto encoded = core::OrraJSONCoding::makeEncoder().encode(*response);
+            // The response is encoded straight after the reply's opening, in one buffer.
+            std::string opening;
+            opening.reserve(kSuccessReplyCapacity);
+            opening += successOpening;
+            auto encoded =
+                core::OrraJSONCoding::makeEncoder().encode(*response, std::move(opening));
             if (!encoded.ok()) {
                 return encoded.error();
             }
-            return successReply(std::move(encoded).value());
+            return closeSuccessReply(std::move(encoded).value());
         }
         if (const auto* outcome = result.unknownValue()) {
             return unknownReply(*outcome);
@@ -60,8 +65,19 @@ struct NIMBORRA_APNS_EXPORT ApnsOutcomeEnvelope {
         return failureReply(*result.problem());
     }
 
+    // The text of a success reply before its response record.
+    static constexpr std::string_view successOpening = "{\"success\":";
+
     // Serialises a reply tree with the platform serialiser and applies both fall-backs.
-    static std::string serialise(const platform::Value& tree);
+    [[nodiscard]] static std::string serialise(const platform::Value& tree);
+
+  private:
+    // Room for the usual small success replies without a second allocation.
+    static constexpr std::size_t kSuccessReplyCapacity = 64;
+
+    // Completes a reply that holds successOpening and an encoded response: "{}" in place of an
+    // encoding that is not UTF-8, then the closing brace.
+    static std::string closeSuccessReply(std::string reply);
 };
 
 }  // namespace nimborra::apns

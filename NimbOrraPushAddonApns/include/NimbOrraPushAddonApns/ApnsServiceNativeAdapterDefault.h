@@ -6,7 +6,17 @@
 // Threads: the plug-in calls the operations one at a time from its serial queue. The
 // authorization, settings and badge operations block that queue until the notification center
 // answers on its own thread (no time limit). onCancel and the registration callback may be
-// called from any thread. No operation throws; only getToken and getProviderEnvironment fail.
+// called from any thread.
+//
+// Failures: no operation throws. These operations can answer with a `failure` result:
+// - getToken, always: the simulator is issued no device token (unavailable, external code
+//   "SIMULATOR_NO_APNS");
+// - getProviderEnvironment, when the profile has no usable "aps-environment" (failedPrecondition,
+//   "ENTITLEMENT_MISSING") or one that is neither "production" nor "development" (internal);
+// - requestAuthorization, when the center answers with an error other than "notifications not
+//   allowed" (which answers granted = false), and setBadgeCount, when the center answers with an
+//   error: both as makePlatformError below.
+// Every other operation always succeeds.
 #pragma once
 
 #include <cstdint>
@@ -58,7 +68,9 @@ class NIMBORRA_APNS_EXPORT ApnsServiceNativeAdapterDefault final : public ApnsSe
     void onCancel(std::int64_t callbackId) override;
 
     // Asks the platform to register for remote notifications: hops to the main queue and
-    // registers there. Returns at once; any thread. No operation calls it on the simulator.
+    // registers there (should the main queue not take it, an error is logged and nothing is
+    // registered). Returns at once; any thread. No operation calls it on the simulator. The
+    // callable belongs to the adapter and lives as long as it does.
     const std::function<void()>& registerForRemoteNotifications() const {
         return registerForRemoteNotifications_;
     }

@@ -56,12 +56,14 @@ class NIMBORRA_APNS_EXPORT ApnsServicePlugin final
                    core::OrraCompletion onComplete) override;
     void cancel(std::int64_t callbackId) override;
 
+    // The collaborators the plug-in was made with; the references are valid as long as the
+    // plug-in is. queue() only for a plug-in made with a queue.
     const std::shared_ptr<ApnsServiceNativeAdapter>& adapter() const { return adapter_; }
     const platform::DispatchQueue& queue() const { return *queue_; }
 
     // The reply for one call, computed on the calling thread: method lookup, request decoding,
     // the adapter's operation and the reply envelope. callAsync runs this on the queue.
-    std::string handle(std::string_view method, std::string_view payload);
+    [[nodiscard]] std::string handle(std::string_view method, std::string_view payload);
 
   private:
     const std::shared_ptr<ApnsServiceNativeAdapter> adapter_;

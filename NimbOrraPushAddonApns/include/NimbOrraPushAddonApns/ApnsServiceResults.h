@@ -22,7 +22,7 @@ struct ApnsServiceUnknownOutcome {
 };
 
 template <class Response>
-class ApnsServiceResult {
+class [[nodiscard]] ApnsServiceResult {
   public:
     using ResponseType = Response;
 

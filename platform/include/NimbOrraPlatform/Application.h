@@ -32,7 +32,9 @@ class NIMBORRA_PLATFORM_EXPORT UIApplication {
     UIApplication& operator=(const UIApplication&) = delete;
 
     // Records one registration and wakes the threads waiting for it. With a push service
-    // connected, the token it issues reaches the registration callback on the main queue.
+    // connected, the token it issues reaches the registration callback on the main queue; should
+    // the main queue not take it (memory ran out), an error is logged and that token is not
+    // delivered.
     void registerForRemoteNotifications();
 
     // The push service the device is connected to: asked for the device token at each

@@ -35,8 +35,8 @@ class NIMBORRA_PLATFORM_EXPORT Bundle {
     // under that name counts, a directory or an unreadable file included: such a resource is
     // found and then fails when it is read. An empty name, or one holding '/' or a NUL
     // character, names no resource. Never throws.
-    std::optional<std::filesystem::path> urlForResource(std::string_view name,
-                                                        std::string_view extension) const noexcept;
+    [[nodiscard]] std::optional<std::filesystem::path> urlForResource(
+        std::string_view name, std::string_view extension) const noexcept;
 
     // The directory searched for resources; empty when the executable's directory could not be
     // determined (then no resource is found).
@@ -45,14 +45,14 @@ class NIMBORRA_PLATFORM_EXPORT Bundle {
 
     // Reads the whole file at `path`. Yields nothing when it cannot be read: missing, not a
     // regular file (a directory, a device, a pipe), no permission, or a read error. Never throws.
-    static std::optional<std::vector<std::uint8_t>> contentsOfFile(
+    [[nodiscard]] static std::optional<std::vector<std::uint8_t>> contentsOfFile(
         const std::filesystem::path& path) noexcept;
 
     // Reads the file at `path`, but no more than maximumLength + 1 bytes, so that a huge file
     // costs no more than the limit: an answer longer than maximumLength says that the file is
     // longer than that (and holds only its first bytes). Yields nothing when the file cannot be
     // read, as above. Never throws.
-    static std::optional<std::vector<std::uint8_t>> contentsOfFile(
+    [[nodiscard]] static std::optional<std::vector<std::uint8_t>> contentsOfFile(
         const std::filesystem::path& path, std::size_t maximumLength) noexcept;
 
   private:

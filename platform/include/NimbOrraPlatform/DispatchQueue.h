@@ -73,7 +73,7 @@ class NIMBORRA_PLATFORM_EXPORT DispatchQueue {
     // started or memory runs out: then an error is logged and `work` is left with the caller,
     // untouched, so that the caller can still run it elsewhere or answer for it. An empty
     // function is ignored (the answer is true: nothing is left to run).
-    bool async(std::function<void()>&& work);
+    [[nodiscard]] bool async(std::function<void()>&& work);
 
     // True on the queue's worker thread. For the main queue: true on the main thread.
     bool isCurrent() const;

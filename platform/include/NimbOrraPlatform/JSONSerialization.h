@@ -38,18 +38,25 @@ class NIMBORRA_PLATFORM_EXPORT JSONSerialization {
     // mark. Invalid UTF-8 is an error. For duplicate keys in an object, the last one wins.
     // Integers that fit are read as signed 64-bit, larger ones as unsigned 64-bit, others as
     // doubles.
-    static std::optional<Value> jsonObject(std::string_view text, JSONReadingOptions options = {},
-                                           std::string* error = nullptr);
+    [[nodiscard]] static std::optional<Value> jsonObject(std::string_view text,
+                                                         JSONReadingOptions options = {},
+                                                         std::string* error = nullptr);
 
     // Writes `value` as compact JSON. Fails when the value is not valid JSON (see
     // isValidJSONObject; a fragment is accepted only with fragmentsAllowed).
-    static std::optional<std::string> data(const Value& value, JSONWritingOptions options = {},
-                                           std::string* error = nullptr);
+    [[nodiscard]] static std::optional<std::string> data(const Value& value,
+                                                         JSONWritingOptions options = {},
+                                                         std::string* error = nullptr);
+    // The same for a dictionary, written as the top-level object without being copied into a
+    // Value first.
+    [[nodiscard]] static std::optional<std::string> data(const Dictionary& object,
+                                                         JSONWritingOptions options = {},
+                                                         std::string* error = nullptr);
 
     // True when `value` can be written: the top level is an array or a dictionary and, at any
     // depth (at most maximumDepth), keys are text and values are null, booleans, numbers
     // (finite), text, arrays or dictionaries. Byte data and dates are not JSON.
-    static bool isValidJSONObject(const Value& value);
+    [[nodiscard]] static bool isValidJSONObject(const Value& value);
 };
 
 // Appends `text` as a JSON string literal (quotes included) with the platform's escapes:
@@ -60,13 +67,13 @@ NIMBORRA_PLATFORM_EXPORT void appendJSONString(std::string& out, std::string_vie
 // the same value; integral values up to 2^53 in magnitude as plain digits; exponent form (at
 // least two exponent digits, signed) when the decimal exponent is below -4 or the value is
 // integral beyond 2^53. Returns false, appending nothing, for NaN and infinities.
-NIMBORRA_PLATFORM_EXPORT bool appendJSONNumber(std::string& out, double number);
+[[nodiscard]] NIMBORRA_PLATFORM_EXPORT bool appendJSONNumber(std::string& out, double number);
 
 // Appends a 64-bit integer in decimal.
 NIMBORRA_PLATFORM_EXPORT void appendJSONNumber(std::string& out, std::int64_t number);
 NIMBORRA_PLATFORM_EXPORT void appendJSONNumber(std::string& out, std::uint64_t number);
 
 // True when `bytes` are well-formed UTF-8.
-NIMBORRA_PLATFORM_EXPORT bool isValidUTF8(std::string_view bytes);
+[[nodiscard]] NIMBORRA_PLATFORM_EXPORT bool isValidUTF8(std::string_view bytes);
 
 }  // namespace nimborra::platform

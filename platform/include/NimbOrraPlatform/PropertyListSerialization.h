@@ -40,10 +40,11 @@ class NIMBORRA_PLATFORM_EXPORT PropertyListSerialization {
     //   <date>    -> Date (seconds since 1970)
     //   <data>    -> Data
     // Yields nothing when the bytes are not such a property list.
-    static std::optional<Value> propertyList(std::span<const std::uint8_t> bytes) noexcept;
+    [[nodiscard]] static std::optional<Value> propertyList(
+        std::span<const std::uint8_t> bytes) noexcept;
 
     // The same, for bytes held in a string.
-    static std::optional<Value> propertyList(std::string_view bytes) noexcept;
+    [[nodiscard]] static std::optional<Value> propertyList(std::string_view bytes) noexcept;
 };
 
 }  // namespace nimborra::platform

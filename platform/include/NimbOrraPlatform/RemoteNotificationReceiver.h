@@ -2,8 +2,10 @@
 // service sends reaches the system. The push service stand-in calls it; the host implements it
 // with the system's rules (RemoteNotification.h).
 //
-// Threads: the push service calls one receiver from one delivery thread, one notification at a
-// time; implementations must not throw.
+// Threads: the push service calls take() and present() from its delivery thread, one notification
+// at a time, and also from the thread that brings the device back online, which delivers the
+// notification kept while offline before it returns. Those two threads may call at the same
+// time: an implementation guards whatever the calls share. Implementations must not throw.
 #pragma once
 
 #include <optional>

@@ -298,8 +298,9 @@ class NIMBORRA_PLATFORM_EXPORT JSONElement {
 
 namespace detail {
 using JSONVisitFunction = void (*)(void* context, const JSONElement& root);
-NIMBORRA_PLATFORM_EXPORT bool visitJSON(std::string_view text, bool fragmentsAllowed,
-                                        std::string* error, JSONVisitFunction visit, void* context);
+[[nodiscard]] NIMBORRA_PLATFORM_EXPORT bool visitJSON(std::string_view text, bool fragmentsAllowed,
+                                                      std::string* error, JSONVisitFunction visit,
+                                                      void* context);
 }  // namespace detail
 
 // Parses `text` as JSONSerialization::jsonObject does with the same `fragmentsAllowed` option
@@ -309,7 +310,8 @@ NIMBORRA_PLATFORM_EXPORT bool visitJSON(std::string_view text, bool fragmentsAll
 // Whatever `visit` throws propagates to the caller; the parse itself throws nothing. `visit` may
 // parse other texts (the views it holds stay valid).
 template <class Visit>
-bool visitJSON(std::string_view text, bool fragmentsAllowed, std::string* error, Visit&& visit) {
+[[nodiscard]] bool visitJSON(std::string_view text, bool fragmentsAllowed, std::string* error,
+                             Visit&& visit) {
     using Function = std::remove_reference_t<Visit>;
     return detail::visitJSON(
         text, fragmentsAllowed, error,

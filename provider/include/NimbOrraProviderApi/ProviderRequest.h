@@ -1,6 +1,8 @@
 // One request to the provider API and the rules APNs checks it by: the method, the path and
-// device token, the authentication, the apns-* headers and the payload, each refused with APNs's
-// status and reason, in one fixed order (the table in ProviderRequest.cpp, and in the README).
+// device token, the authentication, the apns-* headers, the payload and the environment, each
+// refused with APNs's status and reason and an explanation for people, in one fixed order (the
+// table in ProviderRequest.cpp, and in the README). Every APNs rule lives in that table; the
+// transport only frames requests within its limits.
 //
 // Threads: checkProviderRequest() is pure apart from the connection's token session it is given;
 // it may run on any thread, one call per connection at a time. It never throws except
@@ -36,9 +38,23 @@ struct ProviderRequest {
     std::string authority;
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
-    // The body was longer than kVoipPayloadLimit; `body` holds only its first bytes.
+    // The body was longer than kVoipPayloadLimit; `body` holds only its first bytes. The
+    // transport hands such a request over as soon as it knows, before the body ends.
     bool bodyTooLarge = false;
 };
+
+// APNs's two environments. A device token belongs to one: the one of the application's
+// "aps-environment" entitlement.
+enum class ApnsEnvironment { development, production };
+
+// "development" or "production".
+std::string_view apnsEnvironmentName(ApnsEnvironment environment);
+std::optional<ApnsEnvironment> apnsEnvironmentNamed(std::string_view name);
+
+// The environment a request's authority names: api.push.apple.com is production,
+// api.sandbox.push.apple.com and api.development.push.apple.com are development (any case, any
+// port, a final dot allowed); nothing for any other authority (localhost, an address).
+std::optional<ApnsEnvironment> apnsEnvironmentOfAuthority(std::string_view authority);
 
 // The push types APNs documents, by their apns-push-type value.
 enum class PushType {
@@ -77,6 +93,9 @@ struct ProviderDestination {
     // When the device's token was unregistered (milliseconds since 1970); nothing while it is
     // registered.
     std::optional<std::int64_t> unregisteredAt;
+    // The environment the device's token belongs to; nothing when the application has no
+    // "aps-environment" (then every authority reaches it).
+    std::optional<ApnsEnvironment> environment;
 };
 
 // An accepted request.
@@ -106,21 +125,19 @@ struct ProviderRefusal {
     std::string topic;
     std::optional<PushType> pushType;
     std::optional<int> priority;
-    // Why, in words, for the log.
+    // Why, in words, for people: what was expected and what came, client text quoted.
     std::string detail;
 };
 
 using ProviderVerdict = std::variant<PushNotificationRequest, ProviderRefusal>;
 
 // Checks one request at `nowSeconds`. `makeApnsId` supplies a new canonical UUID when the request
-// has none.
+// has none (platform::makeUuid when null).
 ProviderVerdict checkProviderRequest(const ProviderRequest& request,
                                      const ProviderDestination& destination,
                                      const ConnectionAuthentication& authentication,
-                                     std::int64_t nowSeconds, std::string (*makeApnsId)());
-
-// A new random UUID in APNs's canonical form: lower-case "8-4-4-4-12" hex digits.
-std::string makeUuid();
+                                     std::int64_t nowSeconds,
+                                     std::string (*makeApnsId)() = nullptr);
 
 // The body of a refusal: {"reason":"..."} or {"reason":"...","timestamp":N}.
 std::string refusalBody(const ProviderRefusal& refusal);

@@ -3,26 +3,28 @@
 // to a registered device that is online at once; to an offline one by keeping only the most
 // recent notification that may still expire later; to an unregistered one not at all (410).
 //
-// Threads: handle() runs on the server's thread. Accepted notifications wait in a queue for the
-// service's own delivery thread, which hands them to the device one at a time, in the order they
-// were accepted, and answers each request 200 once the device has taken it (not once the
-// application has seen it). The queue is bounded by the server's limit on unanswered requests,
-// plus the one notification kept while offline. The device controls (setDeviceRegistered,
+// Threads: handle() and refused() run on the server's thread. Accepted notifications go through
+// one serial dispatch queue of the service's, which hands them to the device in the order they
+// were accepted, answers each request 200 once the device has taken it (not once the
+// application has seen it), and then asks the device to present it. The service never waits for
+// one notification's trip through the application before handing over the next: that trip is
+// the device's, and a device whose present() returns at once lets the notifications flow through
+// the application side by side. The queue holds at most the server's limit of unanswered
+// requests, plus what present() keeps it from. The device controls (setDeviceRegistered,
 // setDeviceOnline) and the token may be used from any thread. The observer is called on the
-// server's thread (refusals, answers that need no device), on the delivery thread (the rest) and
+// server's thread (refusals, answers that need no device), on the queue's thread (the rest) and
 // on the thread that brings the device online (the kept notification), possibly at once: it
 // guards what it shares. Nothing here throws except std::bad_alloc.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 
+#include "NimbOrraPlatform/DispatchQueue.h"
 #include "NimbOrraPlatform/RemoteNotificationReceiver.h"
 #include "NimbOrraPlatform/Value.h"
 #include "NimbOrraProviderApi/ProviderRequest.h"
@@ -42,39 +44,53 @@ enum class ProviderOutcome {
     discarded,
     // Accepted, but its push type is not one the application handles through this add-on.
     notHandled,
+    // Answered with an error status: by the rules, or because the service was stopping.
     refused,
+    // Never answered: the transport reset the stream (its header list was too large to read).
+    reset,
 };
 
 // "delivered", "kept while offline", "replaced", "discarded", "not handled by this add-on",
-// "refused".
+// "refused", "reset".
 std::string_view providerOutcomeName(ProviderOutcome outcome);
 
-// One answered request, or a kept notification delivered later, for the host's output.
+// One request: how it was answered and what became of it, for the host's output.
 struct ProviderRecord {
+    // As the request sent it, or the one made for the answer; empty when there is none (a reset
+    // stream whose apns-id was not read).
     std::string apnsId;
+    // The answer's status; 0 for a stream that was reset instead of answered.
     int status = 200;
     std::optional<std::string_view> reason;
     std::string topic;
     std::optional<PushType> pushType;
     std::optional<int> priority;
     ProviderOutcome outcome = ProviderOutcome::delivered;
-    // Why a request was refused, in words.
+    // Why a request was refused or reset, in words for people; empty when it was accepted.
     std::string detail;
 };
 
 class ProviderObserver {
   public:
     virtual ~ProviderObserver() = default;
-    // Called before the device presents the notification, so that the record comes before what
-    // the system and the application do with it.
+    // Once per request, refusals by the transport included. For an accepted notification it is
+    // called before the device presents it, so that the record comes before what the system and
+    // the application do with it.
     virtual void requestHandled(const ProviderRecord& record) = 0;
+    // A notification kept while the device was offline (its request already recorded as kept),
+    // once the device comes back online: delivered, replaced, or discarded because it expired
+    // meanwhile. Called before the device presents it.
+    virtual void keptNotificationDelivered(std::string_view apnsId, ProviderOutcome outcome) = 0;
 };
 
 class ProviderService final : public ProviderRequestHandler {
   public:
-    // `deviceToken`: the device's token; nothing for 32 random bytes. The receiver and the
+    // `deviceToken`: the device's token; nothing for 32 random bytes. `environment`: the one
+    // the device's token belongs to (the profile's "aps-environment"); nothing when unknown,
+    // and then a request reaches the device whatever host it names. The receiver and the
     // observer must outlive the service.
     ProviderService(std::string bundleIdentifier, std::optional<platform::Data> deviceToken,
+                    std::optional<ApnsEnvironment> environment,
                     platform::RemoteNotificationReceiver& receiver, ProviderObserver& observer);
     ~ProviderService() override;
     ProviderService(const ProviderService&) = delete;
@@ -82,6 +98,7 @@ class ProviderService final : public ProviderRequestHandler {
 
     void handle(ProviderRequest request, const ConnectionAuthentication& authentication,
                 ProviderResponder respond) override;
+    void refused(const TransportRefusal& refusal) override;
 
     const std::string& bundleIdentifier() const { return bundleIdentifier_; }
     // The device's current token; nothing while it is unregistered.
@@ -95,34 +112,32 @@ class ProviderService final : public ProviderRequestHandler {
     // calling thread before returning, so that what the caller does next comes after it.
     void setDeviceOnline(bool online);
 
-    // Delivers what is queued, then stops the delivery thread. Call once the server has stopped;
-    // the destructor calls it too.
+    // Hands what is queued to the device, then stops the queue; later requests are answered 503
+    // "Shutdown". Call once the server has stopped; the destructor calls it too.
     void stop();
 
   private:
-    struct Delivery {
-        PushNotificationRequest request;
-        // Empty for a kept notification delivered later: its request has been answered.
-        std::optional<ProviderResponder> respond;
-    };
-
-    void deliveryLoop();
-    void deliver(Delivery delivery);
-    ProviderDestination destination() const;
+    void deliver(PushNotificationRequest& request, ProviderResponder& respond);
+    void present(const PushNotificationRequest& request, ProviderOutcome outcome);
+    void record(const ProviderRefusal& refusal);
+    // What the rules compare requests with; replaced, never changed, when the device changes,
+    // so that a request's check shares it without copying.
+    std::shared_ptr<const ProviderDestination> destination() const;
+    void updateDestination();
 
     const std::string bundleIdentifier_;
+    const std::optional<ApnsEnvironment> environment_;
     platform::RemoteNotificationReceiver& receiver_;
     ProviderObserver& observer_;
 
     mutable std::mutex mutex_;
-    std::condition_variable wake_;
     platform::Data token_;
     std::optional<std::int64_t> unregisteredAt_;
     bool online_ = true;
     std::optional<PushNotificationRequest> kept_;
-    std::deque<Delivery> queue_;
-    bool stopping_ = false;
-    std::thread thread_;
+    std::shared_ptr<const ProviderDestination> destination_;
+    // Null once stopped.
+    std::unique_ptr<platform::DispatchQueue> queue_;
 };
 
 }  // namespace nimborra::provider

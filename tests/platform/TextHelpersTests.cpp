@@ -1,0 +1,112 @@
+// The platform's small text helpers: hexadecimal, UUIDs, base64url, ASCII case and UTF-8. Each
+// is the one copy the libraries share, so each edge a caller relies on is pinned here.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "NimbOrraPlatform/Base64.h"
+#include "NimbOrraPlatform/Hex.h"
+#include "NimbOrraPlatform/Text.h"
+#include "NimbOrraPlatform/Uuid.h"
+
+namespace nimborra::platform {
+namespace {
+
+std::vector<std::uint8_t> bytes(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
+TEST(Hex, EncodesBothCasesWithSeparatorsAndDecodesOnlyWholePairs) {
+    const std::vector<std::uint8_t> data{0x00, 0x9f, 0xa0, 0xff};
+    EXPECT_EQ(hexEncodedString(data), "009fa0ff");
+    EXPECT_EQ(hexEncodedString(data, HexCase::upper, ':'), "00:9F:A0:FF");
+    EXPECT_EQ(hexDecodedData("009FA0ff"), data);
+    EXPECT_EQ(hexDecodedData(""), std::vector<std::uint8_t>{});
+    for (const char* bad : {"0", "0g", "0x00", " 00", "-1"}) {
+        EXPECT_FALSE(hexDecodedData(bad)) << bad;
+    }
+    EXPECT_TRUE(isHexText("09afAF"));
+    EXPECT_FALSE(isHexText("09afAG"));
+}
+
+TEST(Uuid, RecognisesTheTextFormAndMakesVersionFourInLowerCase) {
+    const struct {
+        const char* text;
+        bool uuid;
+    } rows[] = {
+        {"123e4567-e89b-12d3-a456-426614174000", true},
+        {"8F1B5B6C-6d4a-4F6B-9B1E-2C3D4E5F6A7B", true},
+        {"123e4567e89b12d3a456426614174000", false},
+        {"123e4567-e89b-12d3-a456-42661417400", false},
+        {"123e4567-e89b-12d3-a456-4266141740000", false},
+        {"123e4567-e89b-12d3-a456_426614174000", false},
+        {"g23e4567-e89b-12d3-a456-426614174000", false},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(isUuidText(row.text), row.uuid) << row.text;
+    }
+    std::set<std::string> made;
+    for (int i = 0; i < 100; ++i) {
+        const std::string uuid = makeUuid();
+        EXPECT_TRUE(isUuidText(uuid)) << uuid;
+        EXPECT_EQ(uuid, asciiLowercased(uuid));
+        EXPECT_EQ(uuid[14], '4') << uuid;
+        EXPECT_NE(std::string("89ab").find(uuid[19]), std::string::npos) << uuid;
+        made.insert(uuid);
+    }
+    EXPECT_EQ(made.size(), 100u);
+}
+
+TEST(Base64URL, RoundTripsAndDecodesOnlyTheCanonicalUnpaddedText) {
+    for (const std::string text : {"", "f", "fo", "foo", "foob", "\xfb\xff\xfe"}) {
+        const auto encoded = base64URLEncodedString(bytes(text));
+        EXPECT_EQ(encoded.find_first_of("+/="), std::string::npos) << encoded;
+        EXPECT_EQ(base64URLDecodedData(encoded), bytes(text)) << encoded;
+    }
+    EXPECT_EQ(base64URLEncodedString(bytes("\xfb\xff\xfe")), "-__-");
+    EXPECT_EQ(base64EncodedString(bytes("\xfb\xff\xfe")), "+//+");
+    // "Zh" leaves unused bits set where "Zg" does not; a lone character is never whole bytes.
+    for (const char* bad : {"Zh", "Z", "Zg==", "+//+", "Zg A", "Zm9v\n"}) {
+        EXPECT_FALSE(base64URLDecodedData(bad)) << bad;
+    }
+}
+
+TEST(Text, ComparesAsciiCaseOnlyAndRepairsUtf8) {
+    EXPECT_TRUE(equalsIgnoringASCIICase("Bearer", "bEARER"));
+    EXPECT_FALSE(equalsIgnoringASCIICase("bearer", "bearer "));
+    // Only ASCII letters fold: "@" and "`" sit next to them, and bytes past 0x7f never fold.
+    EXPECT_FALSE(equalsIgnoringASCIICase("@", "`"));
+    EXPECT_FALSE(equalsIgnoringASCIICase("\xc3\x89", "\xc3\xa9"));
+    EXPECT_TRUE(startsWithIgnoringASCIICase("BEARER abc", "bearer "));
+    EXPECT_FALSE(startsWithIgnoringASCIICase("bear", "bearer"));
+
+    const struct {
+        std::string text;
+        std::size_t length;
+    } sequences[] = {
+        {"a", 1},
+        {"\xc3\xa9", 2},
+        {"\xe2\x82\xac", 3},
+        {"\xf4\x8f\xbf\xbf", 4},  // U+10FFFF
+        {"\xc0\xaf", 0},          // overlong "/"
+        {"\xe0\x80\xaf", 0},      // overlong
+        {"\xed\xa0\x80", 0},      // a surrogate
+        {"\xf4\x90\x80\x80", 0},  // past U+10FFFF
+        {"\xe2\x82", 0},          // cut short
+        {"\x80", 0},
+        {"", 0},
+    };
+    for (const auto& row : sequences) {
+        EXPECT_EQ(utf8SequenceLength(row.text), row.length) << row.text;
+    }
+    EXPECT_EQ(validUTF8("caf\xc3\xa9"), "caf\xc3\xa9");
+    EXPECT_EQ(validUTF8("a\xe2\x82"
+                        "b\xff"),
+              "a\xef\xbf\xbd\xef\xbf\xbd"
+              "b\xef\xbf\xbd");
+}
+
+}  // namespace
+}  // namespace nimborra::platform
