@@ -288,11 +288,9 @@ class Reader {
         used_ = 0;
         doc_.strings.clear();
 
-        struct Frame {
-            std::uint32_t entry;
-            bool object;
-        };
-        Frame stack[JSONSerialization::maximumDepth];
+        // The innermost open container. While a container is open, its entry's `next` holds the
+        // container around it (kNoContainer at the top), so no stack is kept besides the tape.
+        std::uint32_t open = kNoContainer;
         std::size_t depth = 0;
 
         const char* p = skipWhitespace(begin_);
@@ -307,12 +305,15 @@ class Reader {
                     return false;
                 }
                 const bool object = *p == '{';
-                stack[depth++] = {static_cast<std::uint32_t>(used_), object};
-                push(object ? Value::Kind::dictionary : Value::Kind::array);
+                const auto index = static_cast<std::uint32_t>(used_);
+                push(object ? Value::Kind::dictionary : Value::Kind::array).next = open;
+                open = index;
+                ++depth;
                 p = skipWhitespace(p + 1);
                 if (p != end_ && *p == (object ? '}' : ']')) {
                     ++p;
-                    close(stack[--depth].entry);
+                    open = close(open);
+                    --depth;
                     goto afterValue;
                 }
                 if (object) {
@@ -362,23 +363,24 @@ class Reader {
             return true;
         }
         {
-            const Frame frame = stack[depth - 1];
+            const bool object =
+                tape_[open].kind == static_cast<std::uint8_t>(Value::Kind::dictionary);
             p = skipWhitespace(p);
             if (p == end_) {
                 return false;
             }
             if (*p == ',') {
                 p = skipWhitespace(p + 1);
-                if (frame.object) {
+                if (object) {
                     goto key;
                 }
                 goto value;
             }
-            if (*p != (frame.object ? '}' : ']')) {
+            if (*p != (object ? '}' : ']')) {
                 return false;
             }
             ++p;
-            close(frame.entry);
+            open = close(open);
             --depth;
             goto afterValue;
         }
@@ -417,9 +419,14 @@ class Reader {
         tape_ = doc_.tape.data();
     }
 
-    void close(std::uint32_t container) {
+    // Closes the innermost open container and answers the one around it.
+    std::uint32_t close(std::uint32_t container) {
+        const std::uint32_t around = tape_[container].next;
         tape_[container].next = static_cast<std::uint32_t>(used_);
+        return around;
     }
+
+    static constexpr std::uint32_t kNoContainer = 0xFFFFFFFF;
 
     const char* skipWhitespace(const char* p) const {
         while (p != end_ && isWhitespace(*p)) {
