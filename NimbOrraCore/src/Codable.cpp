@@ -52,33 +52,33 @@ void CodingState::fail(CodingErrorKind kind, std::string detail) {
 // ---- EncodingContext --------------------------------------------------------------------------
 
 void EncodingContext::writeKey(std::string_view key) {
-    platform::appendJSONString(out_, key);
-    out_ += ':';
+    platform::appendJSONString(*out_, key);
+    *out_ += ':';
 }
 
 void EncodingContext::write(bool value) {
-    out_ += value ? std::string_view("true") : std::string_view("false");
+    *out_ += value ? std::string_view("true") : std::string_view("false");
 }
 
 void EncodingContext::write(std::int64_t value) {
-    platform::appendJSONNumber(out_, value);
+    platform::appendJSONNumber(*out_, value);
 }
 
 void EncodingContext::write(double value) {
-    if (!platform::appendJSONNumber(out_, value)) {
+    if (!platform::appendJSONNumber(*out_, value)) {
         fail(CodingErrorKind::invalidValue,
              "the number " + describeNumber(value) + " cannot be written in JSON");
     }
 }
 
 void EncodingContext::write(std::string_view value) {
-    platform::appendJSONString(out_, value);
+    platform::appendJSONString(*out_, value);
 }
 
 void EncodingContext::write(const platform::Data& value) {
-    out_ += '"';
-    out_ += platform::base64EncodedString(value.bytes);
-    out_ += '"';
+    *out_ += '"';
+    *out_ += platform::base64EncodedString(value.bytes);
+    *out_ += '"';
 }
 
 // ---- DecodingContext --------------------------------------------------------------------------

@@ -67,16 +67,16 @@ std::string ApnsOutcomeEnvelope::successReply(std::string encodedResponse) {
     reply.reserve(successOpening.size() + encodedResponse.size() + 1);
     reply += successOpening;
     reply += encodedResponse;
-    return closeSuccessReply(std::move(reply));
+    closeSuccessReply(reply);
+    return reply;
 }
 
-std::string ApnsOutcomeEnvelope::closeSuccessReply(std::string reply) {
+void ApnsOutcomeEnvelope::closeSuccessReply(std::string& reply) {
     if (!platform::isValidUTF8(std::string_view(reply).substr(successOpening.size()))) {
         reply.resize(successOpening.size());
         reply += "{}";
     }
     reply += '}';
-    return reply;
 }
 
 }  // namespace nimborra::apns

@@ -249,23 +249,35 @@ int hexValue(char c) {
     return -1;
 }
 
-void appendUTF8(std::string& out, std::uint32_t codePoint) {
+// Writes a code point as UTF-8 at `w`; answers the end of what it wrote.
+char* writeUTF8(char* w, std::uint32_t codePoint) {
     if (codePoint < 0x80) {
-        out += static_cast<char>(codePoint);
+        *w++ = static_cast<char>(codePoint);
     } else if (codePoint < 0x800) {
-        out += static_cast<char>(0xC0 | (codePoint >> 6));
-        out += static_cast<char>(0x80 | (codePoint & 0x3F));
+        *w++ = static_cast<char>(0xC0 | (codePoint >> 6));
+        *w++ = static_cast<char>(0x80 | (codePoint & 0x3F));
     } else if (codePoint < 0x10000) {
-        out += static_cast<char>(0xE0 | (codePoint >> 12));
-        out += static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (codePoint & 0x3F));
+        *w++ = static_cast<char>(0xE0 | (codePoint >> 12));
+        *w++ = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        *w++ = static_cast<char>(0x80 | (codePoint & 0x3F));
     } else {
-        out += static_cast<char>(0xF0 | (codePoint >> 18));
-        out += static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (codePoint & 0x3F));
+        *w++ = static_cast<char>(0xF0 | (codePoint >> 18));
+        *w++ = static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
+        *w++ = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        *w++ = static_cast<char>(0x80 | (codePoint & 0x3F));
     }
+    return w;
 }
+
+#if defined(__SSE2__)
+// The bytes of a block that end a string's plain stretch: quotation marks, reverse solidi and
+// control characters (0xFF each, 0 for the others).
+__m128i specialBytes(__m128i bytes) {
+    return _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')),
+                                     _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'))),
+                        _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(0x1F)), bytes));
+}
+#endif
 
 // Reads one text into a document's tape by JSON's grammar (RFC 8259), with the rules of
 // jsonObject: nesting up to maximumDepth, integers as signed 64-bit when they fit, unsigned
@@ -286,13 +298,11 @@ class Reader {
         tape_ = doc_.tape.data();
         capacity_ = doc_.tape.size();
         used_ = 0;
-        doc_.strings.clear();
+        stringsUsed_ = 0;
 
-        struct Frame {
-            std::uint32_t entry;
-            bool object;
-        };
-        Frame stack[JSONSerialization::maximumDepth];
+        // The innermost open container. While a container is open, its entry's `next` holds the
+        // container around it (kNoContainer at the top), so no stack is kept besides the tape.
+        std::uint32_t open = kNoContainer;
         std::size_t depth = 0;
 
         const char* p = skipWhitespace(begin_);
@@ -307,12 +317,15 @@ class Reader {
                     return false;
                 }
                 const bool object = *p == '{';
-                stack[depth++] = {static_cast<std::uint32_t>(used_), object};
-                push(object ? Value::Kind::dictionary : Value::Kind::array);
+                const auto index = static_cast<std::uint32_t>(used_);
+                push(object ? Value::Kind::dictionary : Value::Kind::array).next = open;
+                open = index;
+                ++depth;
                 p = skipWhitespace(p + 1);
                 if (p != end_ && *p == (object ? '}' : ']')) {
                     ++p;
-                    close(stack[--depth].entry);
+                    open = close(open);
+                    --depth;
                     goto afterValue;
                 }
                 if (object) {
@@ -362,23 +375,24 @@ class Reader {
             return true;
         }
         {
-            const Frame frame = stack[depth - 1];
+            const bool object =
+                tape_[open].kind == static_cast<std::uint8_t>(Value::Kind::dictionary);
             p = skipWhitespace(p);
             if (p == end_) {
                 return false;
             }
             if (*p == ',') {
                 p = skipWhitespace(p + 1);
-                if (frame.object) {
+                if (object) {
                     goto key;
                 }
                 goto value;
             }
-            if (*p != (frame.object ? '}' : ']')) {
+            if (*p != (object ? '}' : ']')) {
                 return false;
             }
             ++p;
-            close(frame.entry);
+            open = close(open);
             --depth;
             goto afterValue;
         }
@@ -417,9 +431,14 @@ class Reader {
         tape_ = doc_.tape.data();
     }
 
-    void close(std::uint32_t container) {
+    // Closes the innermost open container and answers the one around it.
+    std::uint32_t close(std::uint32_t container) {
+        const std::uint32_t around = tape_[container].next;
         tape_[container].next = static_cast<std::uint32_t>(used_);
+        return around;
     }
+
+    static constexpr std::uint32_t kNoContainer = 0xFFFFFFFF;
 
     const char* skipWhitespace(const char* p) const {
         while (p != end_ && isWhitespace(*p)) {
@@ -442,11 +461,7 @@ class Reader {
 #if defined(__SSE2__)
         while (end_ - q >= 16) {
             const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q));
-            const __m128i special =
-                _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')),
-                                          _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'))),
-                             _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(0x1F)), bytes));
-            const auto mask = static_cast<unsigned>(_mm_movemask_epi8(special));
+            const auto mask = static_cast<unsigned>(_mm_movemask_epi8(specialBytes(bytes)));
             const auto high = static_cast<unsigned>(_mm_movemask_epi8(bytes));
             if (mask != 0) {
                 const auto at = static_cast<unsigned>(std::countr_zero(mask));
@@ -482,13 +497,26 @@ class Reader {
                           static_cast<std::uint32_t>(q - run)};
             return q + 1;
         }
-        std::string& out = doc_.strings;
-        const auto offset = static_cast<std::uint32_t>(out.size());
+        // Unescaped text is never longer than its escaped form, so the whole input (and 16
+        // bytes for the block copies below) bounds what all strings of a document need: the
+        // buffer is made that large once and written through a pointer.
+        std::string& buffer = doc_.strings;
+        const std::size_t room = static_cast<std::size_t>(end_ - begin_) + 16;
+        if (buffer.size() < room) {
+            buffer.resize(room);
+        }
+        char* const start = buffer.data() + stringsUsed_;
+        char* w = start;
+        const auto copyRun = [&](const char* from, const char* to) {
+            std::memcpy(w, from, static_cast<std::size_t>(to - from));
+            w += to - from;
+        };
+        copyRun(run, q);
         for (;;) {
-            out.append(run, q);
-            if (q == end_ || *q != '\\') {
-                if (q == end_ || *q != '"') {
-                    return nullptr;  // the end, or a control character
+            // Here q is at a quotation mark, a reverse solidus or a control character.
+            if (*q != '\\') {
+                if (*q != '"') {
+                    return nullptr;  // a control character
                 }
                 break;
             }
@@ -500,22 +528,22 @@ class Reader {
                 case '"':
                 case '\\':
                 case '/':
-                    out += *q;
+                    *w++ = *q;
                     break;
                 case 'b':
-                    out += '\b';
+                    *w++ = '\b';
                     break;
                 case 'f':
-                    out += '\f';
+                    *w++ = '\f';
                     break;
                 case 'n':
-                    out += '\n';
+                    *w++ = '\n';
                     break;
                 case 'r':
-                    out += '\r';
+                    *w++ = '\r';
                     break;
                 case 't':
-                    out += '\t';
+                    *w++ = '\t';
                     break;
                 case 'u': {
                     std::uint32_t codePoint = 0;
@@ -535,18 +563,52 @@ class Reader {
                         q += 6;
                         codePoint = 0x10000 + ((codePoint - 0xD800) << 10) + (low - 0xDC00);
                     }
-                    appendUTF8(out, codePoint);
+                    w = writeUTF8(w, codePoint);
                     break;
                 }
                 default:
                     return nullptr;
             }
-            run = q + 1;
-            q = findSpecial(run);
+            ++q;
+#if defined(__SSE2__)
+            // The next stretch sixteen bytes at a time: each block is copied whole, and the
+            // position moves up to its first special byte (or past it).
+            for (;;) {
+                if (end_ - q < 16) {
+                    const char* const special = findSpecial(q);
+                    copyRun(q, special);
+                    q = special;
+                    break;
+                }
+                const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q));
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(w), bytes);
+                const auto mask = static_cast<unsigned>(_mm_movemask_epi8(specialBytes(bytes)));
+                const auto high = static_cast<unsigned>(_mm_movemask_epi8(bytes));
+                if (mask != 0) {
+                    const auto at = static_cast<unsigned>(std::countr_zero(mask));
+                    sawHighBit_ |= (high & ((1u << at) - 1)) != 0;
+                    q += at;
+                    w += at;
+                    break;
+                }
+                sawHighBit_ |= high != 0;
+                q += 16;
+                w += 16;
+            }
+#else
+            const char* const special = findSpecial(q);
+            copyRun(q, special);
+            q = special;
+#endif
+            if (q == end_) {
+                return nullptr;
+            }
         }
         TapeEntry& entry = push(Value::Kind::text);
         entry.unescaped = true;
-        entry.text = {offset, static_cast<std::uint32_t>(out.size() - offset)};
+        entry.text = {static_cast<std::uint32_t>(stringsUsed_),
+                      static_cast<std::uint32_t>(w - start)};
+        stringsUsed_ += static_cast<std::size_t>(w - start);
         return q + 1;
     }
 
@@ -698,6 +760,8 @@ class Reader {
     // them.
     std::size_t capacity_ = 0;
     std::size_t used_ = 0;
+    // Bytes of the document's string buffer taken by this text's unescaped strings.
+    std::size_t stringsUsed_ = 0;
     bool sawHighBit_ = false;
 };
 

@@ -162,11 +162,15 @@ class NIMBORRA_CORE_EXPORT CodingState {
 // after a failure are ignored.
 class NIMBORRA_CORE_EXPORT EncodingContext : public CodingState {
   public:
+    // Writes into a text of its own.
     EncodingContext() = default;
-    // Writes after what `buffer` already holds.
-    explicit EncodingContext(std::string buffer) : out_(std::move(buffer)) {}
+    // Writes after what `buffer` already holds, into `buffer` itself, which must outlive the
+    // context.
+    explicit EncodingContext(std::string& buffer) : out_(&buffer) {}
+    EncodingContext(const EncodingContext&) = delete;
+    EncodingContext& operator=(const EncodingContext&) = delete;
 
-    std::string& out() { return out_; }
+    std::string& out() { return *out_; }
 
     void writeKey(std::string_view key);
     void write(bool value);
@@ -176,7 +180,8 @@ class NIMBORRA_CORE_EXPORT EncodingContext : public CodingState {
     void write(const platform::Data& value);
 
   private:
-    std::string out_;
+    std::string own_;
+    std::string* out_ = &own_;
 };
 
 template <class T>

@@ -49,8 +49,9 @@ class NIMBORRA_CORE_EXPORT CodingError {
 template <class T>
 class [[nodiscard]] CodingResult {
   public:
-    CodingResult(T value) : storage_(std::move(value)) {}
-    CodingResult(CodingError error) : storage_(std::move(error)) {}
+    CodingResult(const T& value) : storage_(std::in_place_index<0>, value) {}
+    CodingResult(T&& value) : storage_(std::in_place_index<0>, std::move(value)) {}
+    CodingResult(CodingError error) : storage_(std::in_place_index<1>, std::move(error)) {}
 
     bool ok() const { return storage_.index() == 0; }
     explicit operator bool() const { return ok(); }

@@ -5,6 +5,7 @@
 // An encoder holds only its settings: one may be used from several threads at once.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "NimbOrraCore/Codable.h"
@@ -20,19 +21,23 @@ class JSONEncoder {
 
     template <class T>
     CodingResult<std::string> encode(const T& value) const {
-        return encode(value, std::string());
+        std::string text;
+        if (auto failure = encodeAppending(value, text)) {
+            return std::move(*failure);
+        }
+        return text;
     }
 
-    // The same, written after what `prefix` holds: the text that comes back starts with it, so
-    // that a caller wrapping the encoding builds it in one buffer.
+    // The same, appended to `out`, so that a caller wrapping the encoding builds it in one
+    // buffer: nothing on success, the failure otherwise (`out` then holds a partial text).
     template <class T>
-    CodingResult<std::string> encode(const T& value, std::string prefix) const {
-        EncodingContext context(std::move(prefix));
+    std::optional<CodingError> encodeAppending(const T& value, std::string& out) const {
+        EncodingContext context(out);
         encodeValue(context, value);
         if (context.failed()) {
             return context.error();
         }
-        return std::move(context.out());
+        return std::nullopt;
     }
 };
 

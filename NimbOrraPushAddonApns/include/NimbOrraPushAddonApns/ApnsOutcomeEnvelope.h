@@ -49,15 +49,15 @@ struct NIMBORRA_APNS_EXPORT ApnsOutcomeEnvelope {
     static core::CodingResult<std::string> reply(const ApnsServiceResult<Response>& result) {
         if (const Response* response = result.successValue()) {
             // The response is encoded straight after the reply's opening, in one buffer.
-            std::string opening;
-            opening.reserve(kSuccessReplyCapacity);
-            opening += successOpening;
-            auto encoded =
-                core::OrraJSONCoding::makeEncoder().encode(*response, std::move(opening));
-            if (!encoded.ok()) {
-                return encoded.error();
+            std::string reply;
+            reply.reserve(kSuccessReplyCapacity);
+            reply += successOpening;
+            if (auto failure =
+                    core::OrraJSONCoding::makeEncoder().encodeAppending(*response, reply)) {
+                return std::move(*failure);
             }
-            return closeSuccessReply(std::move(encoded).value());
+            closeSuccessReply(reply);
+            return reply;
         }
         if (const auto* outcome = result.unknownValue()) {
             return unknownReply(*outcome);
@@ -77,7 +77,7 @@ struct NIMBORRA_APNS_EXPORT ApnsOutcomeEnvelope {
 
     // Completes a reply that holds successOpening and an encoded response: "{}" in place of an
     // encoding that is not UTF-8, then the closing brace.
-    static std::string closeSuccessReply(std::string reply);
+    static void closeSuccessReply(std::string& reply);
 };
 
 }  // namespace nimborra::apns
