@@ -103,6 +103,8 @@ TEST(JSONWriter, RefusesWhatJSONCannotExpress) {
         EXPECT_FALSE(error.empty());
     }
     EXPECT_TRUE(JSONSerialization::isValidJSONObject(nested(JSONSerialization::maximumDepth)));
+    EXPECT_TRUE(JSONSerialization::isValidJSONObject(
+        nested(JSONSerialization::maximumDepth, Dictionary{})));
     // Fragments are valid only when asked for.
     EXPECT_FALSE(JSONSerialization::isValidJSONObject(Value("text")));
     EXPECT_FALSE(JSONSerialization::data(Value(1), {}).has_value());
@@ -135,6 +137,8 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
         {"-0.0", real(-0.0)},
         {"1e-400", real(0.0)},
         {"-1e-400", real(-0.0)},
+        {"1.0e-400", real(0.0)},
+        {"25.5e-400", real(0.0)},
         {"0.000e-99999999999999999999", real(0.0)},
         {"2.5e-324", real(4.9406564584124654e-324)},
         {"1E+2", real(100.0)},

@@ -70,6 +70,8 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
         {"<real>-inf</real>", Value(-std::numeric_limits<double>::infinity())},
         {"<date>2001-01-01T00:00:00Z</date>", Value(Date{978307200})},
         {"<date>1900-01-01T00:00:00Z</date>", Value(Date{-2208988800})},
+        {"<date>1900-03-01T00:00:00Z</date>", Value(Date{-2203891200})},
+        {"<date>2100-03-01T00:00:00Z</date>", Value(Date{4107542400})},
         {"<date>2100-01-01T00:00:00Z</date>", Value(Date{4102444800})},
         {"<date>2096-02-29T12:34:56Z</date>", Value(Date{3981357296})},
         // The last moment of a year, leap second included, inside and outside libplist's window.

@@ -1,0 +1,40 @@
+#include "NimbOrraPlatform/RemoteNotification.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+
+namespace nimborra::platform {
+namespace {
+
+// Only the four documented names set the interruption level; anything else, the empty text
+// included, leaves the default (active).
+TEST(RemoteNotificationContent, InterruptionLevelsByNameOnly) {
+    const std::pair<Value, std::int64_t> cases[] = {
+        {Value("passive"), UNNotificationInterruptionLevelPassive},
+        {Value("critical"), UNNotificationInterruptionLevelCritical},
+        {Value(""), UNNotificationInterruptionLevelActive},
+        {Value("Passive"), UNNotificationInterruptionLevelActive},
+        {Value(0), UNNotificationInterruptionLevelActive},
+    };
+    for (const auto& [level, expected] : cases) {
+        const Dictionary payload{
+            {"aps", Value(Dictionary{{"alert", Value("hi")}, {"interruption-level", level}})}};
+        EXPECT_EQ(remoteNotificationContent(payload).interruptionLevel, expected)
+            << (level.text() ? *level.text() : "a number");
+    }
+}
+
+// A positional placeholder is read within the format alone, even when the text around the view
+// goes on with more digits.
+TEST(LocalizedFormat, PlaceholdersStayWithinTheFormat) {
+    const Array arguments{Value("a"), Value("b")};
+    EXPECT_EQ(localizedFormat("%2$@ %1$@ %@ %3$@ 100%%", &arguments), "b a a  100%");
+    const std::string_view longer = "%12$@";
+    EXPECT_EQ(localizedFormat(longer.substr(0, 2), &arguments), "%1");
+    EXPECT_EQ(localizedFormat(longer.substr(0, 3), &arguments), "%12");
+}
+
+}  // namespace
+}  // namespace nimborra::platform
