@@ -56,10 +56,6 @@ void EncodingContext::writeKey(std::string_view key) {
     *out_ += ':';
 }
 
-void EncodingContext::write(bool value) {
-    *out_ += value ? std::string_view("true") : std::string_view("false");
-}
-
 void EncodingContext::write(std::int64_t value) {
     platform::appendJSONNumber(*out_, value);
 }
@@ -135,22 +131,10 @@ bool DecodingContext::readInteger(const platform::JSONElement& value, Int& out,
     return false;
 }
 
-bool DecodingContext::read(const platform::JSONElement& value, bool& out) {
-    if (const auto b = value.boolean()) {
-        out = *b;
-        return true;
-    }
-    mismatch("a boolean", value);
-    return false;
-}
-
-bool DecodingContext::read(const platform::JSONElement& value, std::int32_t& out) {
-    return readInteger(value, out, "a 32-bit integer");
-}
-
-bool DecodingContext::read(const platform::JSONElement& value, std::int64_t& out) {
-    return readInteger(value, out, "a 64-bit integer");
-}
+template bool DecodingContext::readInteger(const platform::JSONElement&, std::int32_t&,
+                                           std::string_view);
+template bool DecodingContext::readInteger(const platform::JSONElement&, std::int64_t&,
+                                           std::string_view);
 
 bool DecodingContext::read(const platform::JSONElement& value, double& out) {
     if (const auto r = value.real()) {
@@ -191,24 +175,6 @@ bool DecodingContext::read(const platform::JSONElement& value, platform::Data& o
     }
     out.bytes = std::move(*bytes);
     return true;
-}
-
-std::optional<platform::JSONElement> DecodingContext::readObject(
-    const platform::JSONElement& value) {
-    if (value.kind() == platform::Value::Kind::dictionary) {
-        return value;
-    }
-    mismatch("an object", value);
-    return std::nullopt;
-}
-
-std::optional<platform::JSONElement> DecodingContext::readArray(
-    const platform::JSONElement& value) {
-    if (value.kind() == platform::Value::Kind::array) {
-        return value;
-    }
-    mismatch("an array", value);
-    return std::nullopt;
 }
 
 std::optional<platform::JSONElement> DecodingContext::requireMember(

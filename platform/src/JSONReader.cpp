@@ -182,30 +182,10 @@ std::string refusalReason(std::string_view text) {
 
 // ---- The tape ----------------------------------------------------------------------------------
 
-// One value of a parsed document. A container's entry is followed by its elements (an object's
-// by a text entry for each key, then that key's value), and `next` is the index just past the
-// container's last element, so that siblings are found by following `next`.
-struct TextSpan {
-    std::uint32_t offset;
-    std::uint32_t length;
-};
-
-struct TapeEntry {
-    // A Value::Kind.
-    std::uint8_t kind;
-    // Text: the unescaped bytes are in the document's own buffer, not in the input.
-    bool unescaped;
-    std::uint32_t next;
-    union {
-        bool boolean;
-        std::int64_t integer;
-        std::uint64_t unsignedInteger;
-        double real;
-        TextSpan text;
-    };
-
-    Value::Kind valueKind() const { return static_cast<Value::Kind>(kind); }
-};
+// One value of a parsed document, laid out as Value.h's detail::JSONTapeEntry says: `next` is
+// the index just past the value and everything under it, so siblings are found by following it,
+// and a container's own `unsignedInteger` holds how many elements (members) it has.
+using TapeEntry = detail::JSONTapeEntry;
 
 static_assert(sizeof(TapeEntry) == 16);
 
@@ -375,6 +355,9 @@ class Reader {
             return true;
         }
         {
+            // One more element (member) of the innermost container: counted as it is read, so
+            // that a view answers its size without walking the elements.
+            ++tape_[open].unsignedInteger;
             const bool object =
                 tape_[open].kind == static_cast<std::uint8_t>(Value::Kind::dictionary);
             p = skipWhitespace(p);
@@ -649,8 +632,8 @@ class Reader {
         } else {
             while (isDigit(p)) {
                 const auto digit = static_cast<std::uint64_t>(*p - '0');
-                overflow |= magnitude > (std::numeric_limits<std::uint64_t>::max() - digit) / 10;
-                magnitude = magnitude * 10 + digit;
+                overflow |= __builtin_mul_overflow(magnitude, 10u, &magnitude);
+                overflow |= __builtin_add_overflow(magnitude, digit, &magnitude);
                 ++p;
             }
         }
@@ -854,15 +837,9 @@ bool parseText(JSONDocument& document, std::string_view text, bool fragmentsAllo
     return true;
 }
 
-// The elements of the array, or members of the object, at `index`.
+// The elements of the array, or members of the object, at `index` (counted by the reader).
 std::size_t childCount(const JSONDocument& document, std::uint32_t index) {
-    const TapeEntry& container = document.tape[index];
-    const std::uint32_t step = container.valueKind() == Value::Kind::dictionary ? 1 : 0;
-    std::size_t count = 0;
-    for (std::uint32_t i = index + 1; i < container.next; i = document.tape[i + step].next) {
-        ++count;
-    }
-    return count;
+    return static_cast<std::size_t>(document.tape[index].unsignedInteger);
 }
 
 // The Value of the tape entry at `index` and everything under it.
@@ -910,7 +887,8 @@ const JSONDocument& documentOf(const void* document) {
 // Makes views; their constructor is private to the reader.
 struct JSONElementAccess {
     static JSONElement view(const JSONDocument& document, std::uint32_t index) {
-        return JSONElement(&document, index, document.tape[index].valueKind());
+        return JSONElement(&document, document.tape.data(), index,
+                           document.tape[index].valueKind());
     }
 };
 
@@ -933,20 +911,32 @@ std::optional<Value> JSONSerialization::jsonObject(std::string_view text,
 }
 
 bool isValidUTF8(std::string_view bytes) {
-    // Short ASCII texts (most keys, numbers and replies) are settled without the validator's
-    // dispatch; anything else goes to simdjson's validator (our kernel's, see kernel()).
-    constexpr std::size_t kShort = 64;
+    // Short ASCII texts (keys, numbers, tokens and most replies) are settled without the
+    // validator's dispatch; anything else goes to simdjson's validator (our kernel's, see
+    // kernel()).
+    constexpr std::size_t kShort = 256;
     if (bytes.size() <= kShort) {
-        unsigned any = 0;
+        std::uint64_t any = 0;
         std::size_t i = 0;
 #if defined(__SSE2__)
-        __m128i high = _mm_setzero_si128();
-        for (; i + 16 <= bytes.size(); i += 16) {
-            high = _mm_or_si128(
-                high, _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes.data() + i)));
+        if (bytes.size() >= 16) {
+            __m128i high = _mm_setzero_si128();
+            for (; i + 16 <= bytes.size(); i += 16) {
+                high = _mm_or_si128(
+                    high, _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes.data() + i)));
+            }
+            // The last block overlaps the one before: no byte-by-byte tail.
+            high = _mm_or_si128(high, _mm_loadu_si128(reinterpret_cast<const __m128i*>(
+                                          bytes.data() + bytes.size() - 16)));
+            any = static_cast<unsigned>(_mm_movemask_epi8(high));
+            i = bytes.size();
         }
-        any = static_cast<unsigned>(_mm_movemask_epi8(high));
 #endif
+        for (; i + 8 <= bytes.size(); i += 8) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, bytes.data() + i, 8);
+            any |= word & 0x8080808080808080u;
+        }
         for (; i < bytes.size(); ++i) {
             any |= static_cast<unsigned char>(bytes[i]) & 0x80u;
         }
@@ -982,62 +972,8 @@ bool detail::visitJSON(std::string_view text, bool fragmentsAllowed, std::string
     return true;
 }
 
-bool JSONElement::booleanValue() const {
-    return documentOf(document_).tape[index_].boolean;
-}
-
-std::int64_t JSONElement::integerValue() const {
-    return documentOf(document_).tape[index_].integer;
-}
-
-std::uint64_t JSONElement::unsignedIntegerValue() const {
-    return documentOf(document_).tape[index_].unsignedInteger;
-}
-
-double JSONElement::realValue() const {
-    return documentOf(document_).tape[index_].real;
-}
-
 std::string_view JSONElement::textValue() const {
-    const JSONDocument& document = documentOf(document_);
-    return document.text(document.tape[index_]);
-}
-
-std::size_t JSONElement::size() const {
-    if (kind_ != Value::Kind::array && kind_ != Value::Kind::dictionary) {
-        return 0;
-    }
-    return childCount(documentOf(document_), static_cast<std::uint32_t>(index_));
-}
-
-JSONElement::Iterator JSONElement::begin() const {
-    Iterator position;
-    if (kind_ != Value::Kind::array) {
-        return position;
-    }
-    const JSONDocument& document = documentOf(document_);
-    position.document_ = document_;
-    position.index_ = index_ + 1;
-    position.kind_ = document.tape[index_ + 1].valueKind();
-    return position;
-}
-
-JSONElement::Iterator JSONElement::end() const {
-    Iterator position;
-    if (kind_ != Value::Kind::array) {
-        return position;
-    }
-    position.document_ = document_;
-    position.index_ = documentOf(document_).tape[index_].next;
-    return position;
-}
-
-JSONElement::Iterator& JSONElement::Iterator::operator++() {
-    const JSONDocument& document = documentOf(document_);
-    // Past the last element is the entry after the array, or the tape's closing null entry.
-    index_ = document.tape[index_].next;
-    kind_ = document.tape[index_].valueKind();
-    return *this;
+    return documentOf(document_).text(entry());
 }
 
 std::optional<JSONElement> JSONElement::member(std::string_view key) const {
@@ -1047,8 +983,7 @@ std::optional<JSONElement> JSONElement::member(std::string_view key) const {
     const JSONDocument& document = documentOf(document_);
     const std::uint32_t end = document.tape[index_].next;
     std::optional<std::uint32_t> found;
-    for (std::uint32_t i = static_cast<std::uint32_t>(index_) + 1; i < end;
-         i = document.tape[i + 1].next) {
+    for (std::uint32_t i = index_ + 1; i < end; i = document.tape[i + 1].next) {
         const TapeEntry& name = document.tape[i];
         if (name.text.length == key.size() && document.text(name) == key) {
             found = i + 1;  // a later duplicate replaces it
@@ -1064,7 +999,7 @@ Value JSONElement::toValue() const {
     if (document_ == nullptr) {
         return Value(nullptr);
     }
-    return convert(documentOf(document_), static_cast<std::uint32_t>(index_));
+    return convert(documentOf(document_), index_);
 }
 
 }  // namespace nimborra::platform

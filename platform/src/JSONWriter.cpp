@@ -182,6 +182,27 @@ char* writeEscaped(char* p, std::string_view text) {
             continue;
         }
         unsigned done = 0;
+        if (_mm_movemask_epi8(lanes.control) == 0) {
+            // Only quotation marks and solidi: each becomes a reverse solidus and itself, so the
+            // k-th escape of the block lands k bytes further on and its place is known without
+            // waiting for the ones before it.
+            unsigned added = 0;
+            while (mask != 0) {
+                const auto at = static_cast<unsigned>(std::countr_zero(mask));
+                std::memcpy(p + done + added, in + done, 16);
+                // Both bytes in one store (this path is x86's: little-endian).
+                const auto pair = static_cast<std::uint16_t>(
+                    '\\' | static_cast<unsigned>(static_cast<unsigned char>(in[at])) << 8);
+                std::memcpy(p + at + added, &pair, 2);
+                ++added;
+                done = at + 1;
+                mask &= mask - 1;
+            }
+            std::memcpy(p + done + added, in + done, 16);
+            p += 16 + added;
+            in += 16;
+            continue;
+        }
         while (mask != 0) {
             const auto at = static_cast<unsigned>(std::countr_zero(mask));
             std::memcpy(p, in + done, 16);
@@ -405,14 +426,11 @@ void appendJSONString(std::string& out, std::string_view text) {
     const std::size_t start = out.size();
     const std::size_t length = text.size() + extra + 2;
     if (extra == 0) {
-        out.resize(start + length);
-        char* p = out.data() + start;
-        *p++ = '"';
-        if (!text.empty()) {
-            std::memcpy(p, text.data(), text.size());
-            p += text.size();
-        }
-        *p = '"';
+        // Appended rather than resized and filled: no bytes are cleared only to be overwritten.
+        out.reserve(start + length);
+        out += '"';
+        out += text;
+        out += '"';
         return;
     }
     out.resize(start + length + kEscapeSlack);

@@ -68,7 +68,49 @@ TEST(JSONWriter, EscapesLikeThePlatform) {
         "\"a\\\"b\\\\c\\/d\\b\\f\\n\\r\\t\\u0001\\u001f\\u0000\x7f\xC3\xA9\xF0\x9F\x98\x80\"");
 }
 
-// Long texts are scanned in blocks, and a run that needs escaping throughout spans many of them.
+// Long texts are scanned in blocks of sixteen bytes: escapes at every place in a block, dense or
+// sparse, with and without control characters beside them, come out as a byte-by-byte escaper
+// writes them.
+TEST(JSONWriter, EscapesAtEveryPlaceOfABlock) {
+    const auto escapedByByte = [](std::string_view text) {
+        std::string out = "\"";
+        for (const char c : text) {
+            switch (c) {
+                case '"':
+                    out += "\\\"";
+                    break;
+                case '\\':
+                    out += "\\\\";
+                    break;
+                case '/':
+                    out += "\\/";
+                    break;
+                case '\n':
+                    out += "\\n";
+                    break;
+                case '\x01':
+                    out += "\\u0001";
+                    break;
+                default:
+                    out += c;
+            }
+        }
+        return out + '"';
+    };
+    const std::string patterns[] = {"\"", "\\/", "ab\"", "\n\"", "x\x01y/", "/\"\\"};
+    for (const auto& pattern : patterns) {
+        for (std::size_t offset = 0; offset < 17; ++offset) {
+            std::string input(offset, 'a');
+            while (input.size() < 70) {
+                input += pattern;
+                input += std::string(offset % 5, 'b');
+            }
+            EXPECT_EQ(write(Value(input)), escapedByByte(input)) << pattern << " at " << offset;
+        }
+    }
+}
+
+// A run that needs escaping throughout spans many blocks.
 TEST(JSONWriter, EscapesLongRuns) {
     // Built by appending: GCC 12 at -O3 reports a false -Wrestrict for "..." + std::string.
     std::string expected = "\"";
@@ -240,6 +282,16 @@ TEST(JSONReader, ViewsSeeWhatTheTreeHolds) {
     }));
     EXPECT_TRUE(visited);
     EXPECT_FALSE(visitJSON("[1,", true, nullptr, [](const JSONElement&) { FAIL(); }));
+    // Sizes count the container's own elements, not those of the containers inside it.
+    EXPECT_TRUE(
+        visitJSON(R"([[1,[2,3]],{"k":[4],"l":{}},5])", false, nullptr, [](const JSONElement& root) {
+            EXPECT_EQ(root.size(), 3u);
+            auto item = root.begin();
+            EXPECT_EQ((*item).size(), 2u);
+            EXPECT_EQ((*++item).size(), 2u);
+            EXPECT_EQ((*item).member("k")->size(), 1u);
+            EXPECT_EQ((*++item).size(), 0u);
+        }));
 }
 
 TEST(JSONReader, AcceptsFragmentsOnlyWhenAsked) {
@@ -372,6 +424,16 @@ TEST(Base64Test, EncodesEveryRemainderAndDecodesItBack) {
         EXPECT_EQ(base64DecodedData(text), bytes) << text;
     }
     EXPECT_EQ(base64DecodedData("+w="), std::nullopt);
+    // Many groups: every byte value there and back.
+    std::vector<std::uint8_t> all(256);
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        all[i] = static_cast<std::uint8_t>(i);
+    }
+    EXPECT_EQ(base64DecodedData(base64EncodedString(all)), all);
+    // A character outside the alphabet, or padding, in any group but the last is refused.
+    for (const char* bad : {"AB*DABCD", "ABC=ABCD", "AB==ABCD", "ABCDAB.D", "ABCD=BCD"}) {
+        EXPECT_EQ(base64DecodedData(bad), std::nullopt) << bad;
+    }
 }
 
 }  // namespace

@@ -91,17 +91,15 @@ constexpr E fromWireValue(std::int64_t raw) {
 
 namespace detail {
 
-// The text that introduces a member: its key in quotation marks and the colon, after a comma
-// unless it is the first member. Made when the record's coding is compiled.
+// The text that introduces a member: the record's opening brace (first member) or a comma, then
+// its key in quotation marks and the colon. Made when the record's coding is compiled.
 template <std::size_t Length>
 struct MemberOpening {
     char text[Length];
 
     constexpr MemberOpening(std::string_view key, bool first) : text{} {
         std::size_t at = 0;
-        if (!first) {
-            text[at++] = ',';
-        }
+        text[at++] = first ? '{' : ',';
         text[at++] = '"';
         for (const char c : key) {
             text[at++] = c;
@@ -173,7 +171,9 @@ class NIMBORRA_CORE_EXPORT EncodingContext : public CodingState {
     std::string& out() { return *out_; }
 
     void writeKey(std::string_view key);
-    void write(bool value);
+    void write(bool value) {
+        *out_ += value ? std::string_view("true") : std::string_view("false");
+    }
     void write(std::int64_t value);
     void write(double value);
     void write(std::string_view value);
@@ -192,7 +192,11 @@ void encodeRecord(EncodingContext& context, const R& record) {
     // Unused by a record without fields.
     [[maybe_unused]] static constexpr auto fields = R::codingFields();
     auto& out = context.out();
-    out += '{';
+    constexpr std::size_t fieldCount = std::tuple_size_v<decltype(R::codingFields())>;
+    if constexpr (fieldCount == 0) {
+        out += std::string_view("{}");
+        return;
+    }
     [&]<std::size_t... I>(std::index_sequence<I...>) {
         (
             [&] {
@@ -201,13 +205,11 @@ void encodeRecord(EncodingContext& context, const R& record) {
                 }
                 constexpr auto& field = std::get<I>(fields);
                 if constexpr (detail::isPlainKey(field.key)) {
-                    static constexpr detail::MemberOpening<field.key.size() + (I > 0 ? 4 : 3)>
-                        opening(field.key, I == 0);
+                    static constexpr detail::MemberOpening<field.key.size() + 4> opening(field.key,
+                                                                                         I == 0);
                     out += opening.view();
                 } else {
-                    if constexpr (I > 0) {
-                        out += ',';
-                    }
+                    out += I == 0 ? '{' : ',';
                     context.writeKey(field.key);
                 }
                 encodeValue(context, record.*(field.member));
@@ -264,16 +266,48 @@ void encodeValue(EncodingContext& context, const T& value) {
 // first failure.
 class NIMBORRA_CORE_EXPORT DecodingContext : public CodingState {
   public:
-    // Each reads `value` into `out`, or records the failure and returns false.
-    bool read(const platform::JSONElement& value, bool& out);
-    bool read(const platform::JSONElement& value, std::int32_t& out);
-    bool read(const platform::JSONElement& value, std::int64_t& out);
+    // Each reads `value` into `out`, or records the failure and returns false. The common case
+    // (the JSON kind the field wants) is settled here, inline; the rest in Codable.cpp.
+    bool read(const platform::JSONElement& value, bool& out) {
+        if (value.kind() == platform::Value::Kind::boolean) {
+            out = *value.boolean();
+            return true;
+        }
+        mismatch("a boolean", value);
+        return false;
+    }
+    bool read(const platform::JSONElement& value, std::int32_t& out) {
+        if (const auto i = value.integer(); i && *i >= INT32_MIN && *i <= INT32_MAX) {
+            out = static_cast<std::int32_t>(*i);
+            return true;
+        }
+        return readInteger(value, out, "a 32-bit integer");
+    }
+    bool read(const platform::JSONElement& value, std::int64_t& out) {
+        if (const auto i = value.integer()) {
+            out = *i;
+            return true;
+        }
+        return readInteger(value, out, "a 64-bit integer");
+    }
     bool read(const platform::JSONElement& value, double& out);
     bool read(const platform::JSONElement& value, std::string& out);
     bool read(const platform::JSONElement& value, platform::Data& out);
     // Checks that `value` is an object (an array); reports null and other types as failures.
-    std::optional<platform::JSONElement> readObject(const platform::JSONElement& value);
-    std::optional<platform::JSONElement> readArray(const platform::JSONElement& value);
+    std::optional<platform::JSONElement> readObject(const platform::JSONElement& value) {
+        if (value.kind() == platform::Value::Kind::dictionary) {
+            return value;
+        }
+        mismatch("an object", value);
+        return std::nullopt;
+    }
+    std::optional<platform::JSONElement> readArray(const platform::JSONElement& value) {
+        if (value.kind() == platform::Value::Kind::array) {
+            return value;
+        }
+        mismatch("an array", value);
+        return std::nullopt;
+    }
     // Looks up a required member; reports an absent key.
     std::optional<platform::JSONElement> requireMember(const platform::JSONElement& object,
                                                        std::string_view key);
@@ -281,6 +315,7 @@ class NIMBORRA_CORE_EXPORT DecodingContext : public CodingState {
   private:
     // Records a typeMismatch (valueNotFound for null) for a value that is not `expected`.
     void mismatch(std::string_view expected, const platform::JSONElement& found);
+    // The integer reads' other cases: out of range, unsigned, integral reals, mismatches.
     template <class Int>
     bool readInteger(const platform::JSONElement& value, Int& out, std::string_view typeName);
 };

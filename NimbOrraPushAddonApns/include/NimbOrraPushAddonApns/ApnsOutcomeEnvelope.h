@@ -72,8 +72,9 @@ struct NIMBORRA_APNS_EXPORT ApnsOutcomeEnvelope {
     [[nodiscard]] static std::string serialise(const platform::Value& tree);
 
   private:
-    // Room for the usual small success replies without a second allocation.
-    static constexpr std::size_t kSuccessReplyCapacity = 64;
+    // Room for the usual small success replies (a device token's is 86 bytes) without a second
+    // allocation.
+    static constexpr std::size_t kSuccessReplyCapacity = 128;
 
     // Completes a reply that holds successOpening and an encoded response: "{}" in place of an
     // encoding that is not UTF-8, then the closing brace.

@@ -218,26 +218,63 @@ NIMBORRA_PLATFORM_EXPORT std::string_view describeKind(Value::Kind kind);
 // Threads and lifetime: a view is valid only inside the visit that handed it out (see visitJSON)
 // and only on the visiting thread. Views are small values; copy them freely within the visit.
 
+namespace detail {
+
+// One value of a parsed JSON document as the reader lays the document out: a flat tape in which
+// a container's entry is followed by its elements (an object's by a text entry for each key,
+// then that key's value). Public only so that views read it without a call; nothing but the
+// reader writes it.
+struct JSONTextSpan {
+    std::uint32_t offset;
+    std::uint32_t length;
+};
+
+struct JSONTapeEntry {
+    // A Value::Kind.
+    std::uint8_t kind;
+    // Text: the unescaped bytes are in the document's own buffer, not in the input.
+    bool unescaped;
+    // The index just past this value and everything under it (its next sibling's).
+    std::uint32_t next;
+    union {
+        bool boolean;
+        std::int64_t integer;
+        std::uint64_t unsignedInteger;  // also a container's number of elements (members)
+        double real;
+        JSONTextSpan text;
+    };
+
+    Value::Kind valueKind() const { return static_cast<Value::Kind>(kind); }
+};
+
+}  // namespace detail
+
 // A read-only view of one value of a parsed JSON document. Its kinds and typed accessors match
 // the Value that jsonObject would build for the same part of the text (numbers as integer,
 // unsignedInteger or real; never data or date). A default-made view is null.
 class NIMBORRA_PLATFORM_EXPORT JSONElement {
   public:
     // Forward iteration over the elements of an array (an empty range for any other kind).
-    class NIMBORRA_PLATFORM_EXPORT Iterator {
+    class Iterator {
       public:
-        JSONElement operator*() const { return JSONElement(document_, index_, kind_); }
-        Iterator& operator++();
+        JSONElement operator*() const {
+            return JSONElement(document_, tape_, index_, tape_[index_].valueKind());
+        }
+        Iterator& operator++() {
+            // Past the last element is the entry after the array, or the tape's closing null
+            // entry, so `next` can always be followed.
+            index_ = tape_[index_].next;
+            return *this;
+        }
         friend bool operator==(const Iterator& a, const Iterator& b) {
-            return a.document_ == b.document_ && a.index_ == b.index_;
+            return a.tape_ == b.tape_ && a.index_ == b.index_;
         }
 
       private:
         friend class JSONElement;
-        friend struct JSONElementAccess;
         const void* document_ = nullptr;
-        std::size_t index_ = 0;
-        Value::Kind kind_ = Value::Kind::null;  // of the element here (unused at the end)
+        const detail::JSONTapeEntry* tape_ = nullptr;
+        std::uint32_t index_ = 0;
     };
 
     JSONElement() = default;
@@ -247,19 +284,19 @@ class NIMBORRA_PLATFORM_EXPORT JSONElement {
 
     // Typed access: the value, or nothing when the element is of another kind.
     std::optional<bool> boolean() const {
-        return kind_ == Value::Kind::boolean ? std::optional<bool>(booleanValue()) : std::nullopt;
+        return kind_ == Value::Kind::boolean ? std::optional<bool>(entry().boolean) : std::nullopt;
     }
     std::optional<std::int64_t> integer() const {
-        return kind_ == Value::Kind::integer ? std::optional<std::int64_t>(integerValue())
+        return kind_ == Value::Kind::integer ? std::optional<std::int64_t>(entry().integer)
                                              : std::nullopt;
     }
     std::optional<std::uint64_t> unsignedInteger() const {
         return kind_ == Value::Kind::unsignedInteger
-                   ? std::optional<std::uint64_t>(unsignedIntegerValue())
+                   ? std::optional<std::uint64_t>(entry().unsignedInteger)
                    : std::nullopt;
     }
     std::optional<double> real() const {
-        return kind_ == Value::Kind::real ? std::optional<double>(realValue()) : std::nullopt;
+        return kind_ == Value::Kind::real ? std::optional<double>(entry().real) : std::nullopt;
     }
     // Valid as long as the view is.
     std::optional<std::string_view> text() const {
@@ -268,9 +305,29 @@ class NIMBORRA_PLATFORM_EXPORT JSONElement {
     }
 
     // Number of elements of an array or members of an object (duplicates counted); 0 otherwise.
-    std::size_t size() const;
-    Iterator begin() const;
-    Iterator end() const;
+    std::size_t size() const {
+        return kind_ == Value::Kind::array || kind_ == Value::Kind::dictionary
+                   ? static_cast<std::size_t>(entry().unsignedInteger)
+                   : 0;
+    }
+    Iterator begin() const {
+        Iterator position;
+        if (kind_ == Value::Kind::array) {
+            position.document_ = document_;
+            position.tape_ = tape_;
+            position.index_ = index_ + 1;
+        }
+        return position;
+    }
+    Iterator end() const {
+        Iterator position;
+        if (kind_ == Value::Kind::array) {
+            position.document_ = document_;
+            position.tape_ = tape_;
+            position.index_ = entry().next;
+        }
+        return position;
+    }
 
     // The member of an object stored under `key`; of duplicate keys the last one counts, as in
     // the Dictionary that jsonObject builds. Nothing when absent or when this is not an object.
@@ -281,18 +338,17 @@ class NIMBORRA_PLATFORM_EXPORT JSONElement {
 
   private:
     friend struct JSONElementAccess;
-    JSONElement(const void* document, std::size_t index, Value::Kind kind)
-        : document_(document), index_(index), kind_(kind) {}
+    JSONElement(const void* document, const detail::JSONTapeEntry* tape, std::uint32_t index,
+                Value::Kind kind)
+        : document_(document), tape_(tape), index_(index), kind_(kind) {}
 
-    // The stored value; each only for an element of its kind.
-    bool booleanValue() const;
-    std::int64_t integerValue() const;
-    std::uint64_t unsignedIntegerValue() const;
-    double realValue() const;
+    // Only for a view of a document (not the null view).
+    const detail::JSONTapeEntry& entry() const { return tape_[index_]; }
     std::string_view textValue() const;
 
     const void* document_ = nullptr;  // no document: the null view
-    std::size_t index_ = 0;
+    const detail::JSONTapeEntry* tape_ = nullptr;
+    std::uint32_t index_ = 0;
     Value::Kind kind_ = Value::Kind::null;
 };
 
