@@ -322,7 +322,9 @@ TEST_F(Sandbox, SigtermReachesTheCommandWhichEndsTheHost) {
         std::size_t saidSo;
     } rows[] = {
         {"a command that handles it",
-         "trap 'echo terminated; kill $!; exit 3' TERM; sleep 60 & echo ready; wait", 3, 1},
+         // Short sleeps: a shell runs its trap between commands, and a signal that comes
+         // just before a long `wait` would be handled only when that ends.
+         "trap 'echo terminated; exit 3' TERM; echo ready; while :; do sleep 0.1; done", 3, 1},
         // Killed once the grace period is over, so that the host ends anyway.
         {"a command that ignores it", "trap '' TERM; echo ready; exec sleep 60", 128 + SIGKILL, 0},
     };
