@@ -148,12 +148,9 @@ struct Context {
     std::int64_t now;
 
     std::string_view deviceToken;
-    std::string topic;
-    PushType pushType = PushType::alert;
-    int priority = 10;
-    std::int64_t expiration = 0;
-    std::optional<std::string> collapseId;
-    platform::Dictionary payload;
+    // The notification as the rows read it: topic, push type, priority, expiration, collapse id
+    // and payload; its apns-id and device token are set once every row has passed.
+    PushNotificationRequest accepted;
     // Set by a check whose status and reason vary (the authentication row).
     std::optional<TokenRefusal> refusal;
     std::string detail;
@@ -250,11 +247,11 @@ bool isWellFormedDeviceToken(Context& c) {
 
 bool hasTopic(Context& c) {
     if (const auto topic = c.header("apns-topic")) {
-        c.topic = *topic;
+        c.accepted.topic = *topic;
         return true;
     }
     if (c.authentication.tokens == nullptr && c.authentication.certificateTopic) {
-        c.topic = *c.authentication.certificateTopic;
+        c.accepted.topic = *c.authentication.certificateTopic;
         return true;
     }
     return c.fail("token authentication needs an apns-topic header (the bundle identifier " +
@@ -263,18 +260,19 @@ bool hasTopic(Context& c) {
 
 // A bundle identifier's characters, with the dots that join it to a suffix.
 bool isWellFormedTopic(Context& c) {
-    const bool wellFormed = !c.topic.empty() && c.topic.size() <= 255 &&
-                            std::all_of(c.topic.begin(), c.topic.end(), [](char ch) {
-                                return (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') ||
-                                       (ch >= '0' && ch <= '9') || ch == '.' || ch == '-';
-                            });
-    return wellFormed || c.fail("apns-topic " + quotedText(c.topic) +
+    const bool wellFormed =
+        !c.accepted.topic.empty() && c.accepted.topic.size() <= 255 &&
+        std::all_of(c.accepted.topic.begin(), c.accepted.topic.end(), [](char ch) {
+            return (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') ||
+                   (ch >= '0' && ch <= '9') || ch == '.' || ch == '-';
+        });
+    return wellFormed || c.fail("apns-topic " + quotedText(c.accepted.topic) +
                                 " is not a bundle identifier (letters, digits, \".\" and \"-\")");
 }
 
 PushType inferredPushType(Context& c) {
     for (const auto& type : kPushTypes) {
-        if (type.inferredFromTopic && c.topic.ends_with(type.suffix)) {
+        if (type.inferredFromTopic && c.accepted.topic.ends_with(type.suffix)) {
             return type.type;
         }
     }
@@ -291,14 +289,14 @@ PushType inferredPushType(Context& c) {
 bool hasKnownPushType(Context& c) {
     const auto name = c.header("apns-push-type");
     if (!name) {
-        c.pushType = inferredPushType(c);
+        c.accepted.pushType = inferredPushType(c);
         return true;
     }
     const auto type = pushTypeNamed(*name);
     if (!type) {
         return c.fail("apns-push-type " + quotedText(*name) + " is not one of " + pushTypeNames());
     }
-    c.pushType = *type;
+    c.accepted.pushType = *type;
     return true;
 }
 
@@ -312,34 +310,36 @@ bool isTopicOfCertificate(Context& c) {
         return true;
     }
     const std::string& own = *c.authentication.certificateTopic;
-    if (c.topic == own) {
-        return info(c.pushType).certificateAllowed || c.fail(needsTokens(c.pushType));
+    if (c.accepted.topic == own) {
+        return info(c.accepted.pushType).certificateAllowed ||
+               c.fail(needsTokens(c.accepted.pushType));
     }
     for (const auto& type : kPushTypes) {
-        if (!type.suffix.empty() && type.certificateAllowed && c.topic.size() > own.size() &&
-            c.topic.starts_with(own) &&
-            std::string_view(c.topic).substr(own.size()) == type.suffix) {
-            return info(c.pushType).certificateAllowed || c.fail(needsTokens(c.pushType));
+        if (!type.suffix.empty() && type.certificateAllowed &&
+            c.accepted.topic.size() > own.size() && c.accepted.topic.starts_with(own) &&
+            std::string_view(c.accepted.topic).substr(own.size()) == type.suffix) {
+            return info(c.accepted.pushType).certificateAllowed ||
+                   c.fail(needsTokens(c.accepted.pushType));
         }
     }
     return c.fail("the client certificate is for the topic " + quotedText(own) +
-                  " and its suffixed topics, not " + quotedText(c.topic));
+                  " and its suffixed topics, not " + quotedText(c.accepted.topic));
 }
 
 bool hasValidPriority(Context& c) {
     const auto text = c.header("apns-priority");
     if (!text) {
-        c.priority = c.pushType == PushType::background ? 5 : 10;
+        c.accepted.priority = c.accepted.pushType == PushType::background ? 5 : 10;
         return true;
     }
     const auto priority = priorityNamed(*text);
     if (!priority) {
         return c.fail("apns-priority " + quotedText(*text) + " is not 10, 5 or 1");
     }
-    if (*priority == 10 && c.pushType == PushType::background) {
+    if (*priority == 10 && c.accepted.pushType == PushType::background) {
         return c.fail("background notifications take apns-priority 5 or 1, not 10");
     }
-    c.priority = *priority;
+    c.accepted.priority = *priority;
     return true;
 }
 
@@ -353,7 +353,7 @@ bool hasValidExpiration(Context& c) {
         return c.fail("apns-expiration " + quotedText(*text) +
                       " is not a non-negative 64-bit integer of seconds since 1970");
     }
-    c.expiration = *expiration;
+    c.accepted.expiration = *expiration;
     return true;
 }
 
@@ -364,20 +364,22 @@ bool hasValidCollapseId(Context& c) {
                       " bytes; at most 64 are allowed");
     }
     if (id) {
-        c.collapseId.emplace(*id);
+        c.accepted.collapseId.emplace(*id);
     }
     return true;
 }
 
 bool fitsPayloadLimit(Context& c) {
-    const std::size_t limit = c.pushType == PushType::voip ? kVoipPayloadLimit : kPayloadLimit;
+    const std::size_t limit =
+        c.accepted.pushType == PushType::voip ? kVoipPayloadLimit : kPayloadLimit;
     if (!c.request.bodyTooLarge && c.request.body.size() <= limit) {
         return true;
     }
     const std::string size = c.request.bodyTooLarge ? "over " + std::to_string(kVoipPayloadLimit)
                                                     : std::to_string(c.request.body.size());
-    return c.fail("the payload is " + size + " bytes; " + std::string(pushTypeName(c.pushType)) +
-                  " notifications carry at most " + std::to_string(limit));
+    return c.fail("the payload is " + size + " bytes; " +
+                  std::string(pushTypeName(c.accepted.pushType)) + " notifications carry at most " +
+                  std::to_string(limit));
 }
 
 bool hasPayload(Context& c) {
@@ -393,7 +395,8 @@ bool isJsonObjectPayload(Context& c) {
     if (!body->dictionary()) {
         return c.fail("the payload is JSON but not an object ({...})");
     }
-    c.payload = *body->dictionary();
+    // Moved out: the parsed body is not looked at again.
+    c.accepted.payload = std::move(*c.parsed->value().dictionary());
     return true;
 }
 
@@ -422,27 +425,27 @@ std::string topicOf(const ProviderDestination& destination, PushType type) {
 
 // The app's topic for one push type and another: the push type's topic is wrong here.
 bool isTopicOfPushType(Context& c) {
-    const std::string expected = topicOf(c.destination, c.pushType);
-    if (c.topic == expected) {
+    const std::string expected = topicOf(c.destination, c.accepted.pushType);
+    if (c.accepted.topic == expected) {
         return true;
     }
     for (const auto& type : kPushTypes) {
-        if (c.topic == topicOf(c.destination, type.type)) {
-            return c.fail(std::string(pushTypeName(c.pushType)) +
+        if (c.accepted.topic == topicOf(c.destination, type.type)) {
+            return c.fail(std::string(pushTypeName(c.accepted.pushType)) +
                           " notifications go to the topic " + quotedText(expected) + ", not " +
-                          quotedText(c.topic));
+                          quotedText(c.accepted.topic));
         }
     }
     return true;
 }
 
 bool isTopicOfDevice(Context& c) {
-    return c.topic == topicOf(c.destination, c.pushType) ||
+    return c.accepted.topic == topicOf(c.destination, c.accepted.pushType) ||
            c.fail("the device token is for the application " +
                   quotedText(c.destination.bundleIdentifier) + " (topic " +
-                  quotedText(topicOf(c.destination, c.pushType)) + " for " +
-                  std::string(pushTypeName(c.pushType)) + "), not the topic " +
-                  quotedText(c.topic));
+                  quotedText(topicOf(c.destination, c.accepted.pushType)) + " for " +
+                  std::string(pushTypeName(c.accepted.pushType)) + "), not the topic " +
+                  quotedText(c.accepted.topic));
 }
 
 bool isRegistered(Context& c) {
@@ -575,15 +578,9 @@ ProviderVerdict checkProviderRequest(const ProviderRequest& request,
             return refusalFor(context, check, std::move(apnsId));
         }
     }
-    PushNotificationRequest accepted;
+    PushNotificationRequest accepted = std::move(context.accepted);
     accepted.apnsId = std::move(apnsId);
-    accepted.topic = std::move(context.topic);
-    accepted.pushType = context.pushType;
-    accepted.priority = context.priority;
-    accepted.expiration = context.expiration;
-    accepted.collapseId = std::move(context.collapseId);
     accepted.deviceToken = platform::asciiLowercased(context.deviceToken);
-    accepted.payload = std::move(context.payload);
     return accepted;
 }
 

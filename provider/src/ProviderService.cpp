@@ -173,13 +173,13 @@ void ProviderService::setDeviceOnline(bool online) {
         observer_.keptNotificationDelivered(kept->apnsId, ProviderOutcome::discarded);
         return;
     }
-    const auto incoming = incomingFor(*kept);
+    auto incoming = incomingFor(*kept);
     const auto taken = receiver_.take(incoming);
     observer_.keptNotificationDelivered(
         kept->apnsId, taken == platform::RemoteNotificationReceiver::Taken::replaced
                           ? ProviderOutcome::replaced
                           : ProviderOutcome::delivered);
-    receiver_.present(incoming);
+    receiver_.present(std::move(incoming));
 }
 
 void ProviderService::record(const ProviderRefusal& refusal) {
@@ -268,14 +268,14 @@ void ProviderService::deliver(PushNotificationRequest& request, ProviderResponde
         return;
     }
     lock.unlock();
-    const auto incoming = incomingFor(request);
+    auto incoming = incomingFor(request);
     const auto taken = receiver_.take(incoming);
     observer_.requestHandled(
         recordFor(request, taken == platform::RemoteNotificationReceiver::Taken::replaced
                                ? ProviderOutcome::replaced
                                : ProviderOutcome::delivered));
     respond({200, request.apnsId, {}});
-    receiver_.present(incoming);
+    receiver_.present(std::move(incoming));
 }
 
 void ProviderService::stop() {

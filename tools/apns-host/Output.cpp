@@ -8,16 +8,49 @@
 namespace nimborra::host {
 
 void OutputWriter::writeLine(std::string_view line) noexcept {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
+    // Room for the line, unless the writing thread is behind by more than the limit.
+    changed_.wait(lock, [this] {
+        return error_.load() != 0 || !writing_ || pending_.size() < maximumPendingBytes;
+    });
     if (error_.load() != 0) {
         return;
     }
-    errno = 0;
-    const bool written = std::fwrite(line.data(), 1, line.size(), stream_) == line.size() &&
-                         std::fputc('\n', stream_) != EOF && std::fflush(stream_) == 0;
-    if (!written) {
-        error_.store(errno != 0 ? errno : EIO);
+    try {
+        pending_.append(line);
+        pending_.push_back('\n');
+    } catch (...) {
+        error_.store(ENOMEM);
+        changed_.notify_all();
+        return;
     }
+    if (writing_) {
+        return;  // the writing thread takes it with the next batch
+    }
+    writing_ = true;
+    std::string batch;
+    while (!pending_.empty() && error_.load() == 0) {
+        batch.swap(pending_);
+        changed_.notify_all();
+        lock.unlock();
+        errno = 0;
+        const bool written = std::fwrite(batch.data(), 1, batch.size(), stream_) == batch.size() &&
+                             std::fflush(stream_) == 0;
+        const int error = written ? 0 : (errno != 0 ? errno : EIO);
+        batch.clear();
+        lock.lock();
+        if (error != 0) {
+            error_.store(error);
+        }
+    }
+    pending_.clear();
+    writing_ = false;
+    changed_.notify_all();
+}
+
+void OutputWriter::drain() noexcept {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return !writing_ && (pending_.empty() || error_.load() != 0); });
 }
 
 std::string replyLine(std::string_view id, std::string_view reply) {

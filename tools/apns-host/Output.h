@@ -2,11 +2,14 @@
 // echoed input) and log lines on standard error.
 //
 // Threads: replies arrive on the plug-in's queue, events on whichever thread emits them, and
-// everything else on the thread that reads the input, so OutputWriter serialises whole lines
-// under one lock and flushes each line before the next is written.
+// everything else on the thread that reads the input. OutputWriter keeps whole lines in the order
+// their writeLine calls took its lock, and writes them in batches: the thread that finds no write
+// under way writes what is pending, and keeps writing what other threads add meanwhile, so a
+// line never waits for a later one and a busy host makes one system call for many lines.
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -23,14 +26,23 @@ namespace nimborra::host {
 
 class OutputWriter {
   public:
+    // Lines waiting for the thread that writes: past this many bytes, writers wait for it (a
+    // reader that does not keep up slows the host down instead of filling its memory).
+    static constexpr std::size_t maximumPendingBytes = 1 << 20;
+
     // Writes to `stream`, which must outlive the writer.
     explicit OutputWriter(std::FILE* stream) : stream_(stream) {}
     OutputWriter(const OutputWriter&) = delete;
     OutputWriter& operator=(const OutputWriter&) = delete;
+    // Waits until every line taken has been written (or the output has failed).
+    ~OutputWriter() { drain(); }
 
-    // Writes `line` and a line break as one unit, then flushes. Any thread; never throws. After
-    // the first failed write nothing more is written.
+    // Takes `line` and a line break as one unit; it is written, and flushed, by this thread or
+    // by the one writing at the time, before any line taken after it. Any thread; never throws.
+    // After the first failed write nothing more is written.
     void writeLine(std::string_view line) noexcept;
+    // Returns once every line taken so far has been written and flushed, or the output failed.
+    void drain() noexcept;
 
     // Whether a write has failed, and its errno value (0 while none has).
     bool failed() const noexcept { return error_.load() != 0; }
@@ -38,7 +50,11 @@ class OutputWriter {
 
   private:
     std::mutex mutex_;
+    std::condition_variable changed_;
     std::FILE* const stream_;
+    // Taken lines not yet handed to the writing thread, and whether one is writing.
+    std::string pending_;
+    bool writing_ = false;
     std::atomic<int> error_{0};
 };
 

@@ -471,11 +471,12 @@ platform::RemoteNotificationReceiver::Taken Phone::take(
     return listed || onBanner ? Taken::replaced : Taken::delivered;
 }
 
-void Phone::present(const platform::IncomingRemoteNotification& notification) {
+void Phone::present(platform::IncomingRemoteNotification&& notification) {
     // The payload is delivered as the provider API accepted it. Its road goes on without this
     // thread: the next notification can start while the plug-in still handles this one.
-    PushNotification push{notification.identifier, notification.collapseIdentifier,
-                          std::make_shared<const platform::Dictionary>(notification.payload)};
+    PushNotification push{
+        std::move(notification.identifier), std::move(notification.collapseIdentifier),
+        std::make_shared<const platform::Dictionary>(std::move(notification.payload))};
     start(std::move(push), std::nullopt, std::nullopt, false, false);
 }
 

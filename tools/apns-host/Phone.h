@@ -131,7 +131,7 @@ class Phone final : public platform::RemoteNotificationReceiver, public provider
 
     // From the push service (see ProviderService.h for its threads).
     Taken take(const platform::IncomingRemoteNotification& notification) override;
-    void present(const platform::IncomingRemoteNotification& notification) override;
+    void present(platform::IncomingRemoteNotification&& notification) override;
     void requestHandled(const provider::ProviderRecord& record) override;
     void keptNotificationDelivered(std::string_view apnsId,
                                    provider::ProviderOutcome outcome) override;

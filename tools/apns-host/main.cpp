@@ -320,6 +320,7 @@ int runHost(const host::HostOptions& options, host::NetworkSandbox* sandbox) {
         signalWaiter.join();
     }
     providerApi.reset();
+    output.drain();
 
     if (session.readError() != 0) {
         return fail("reading " + input.name + " failed: " + std::strerror(session.readError()));

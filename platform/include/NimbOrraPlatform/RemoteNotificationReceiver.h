@@ -40,8 +40,9 @@ class RemoteNotificationReceiver {
     // The device takes the notification: quick, never blocks on the application.
     virtual Taken take(const IncomingRemoteNotification& notification) = 0;
     // The system then runs its rules for it: shows it, runs the application's callbacks. May
-    // block until the application has handled it.
-    virtual void present(const IncomingRemoteNotification& notification) = 0;
+    // block until the application has handled it. The notification is the receiver's to keep
+    // (its payload moves rather than being copied).
+    virtual void present(IncomingRemoteNotification&& notification) = 0;
 };
 
 }  // namespace nimborra::platform
