@@ -130,6 +130,9 @@ TEST(OrraJSONCoding, DecodingFailuresReportKindPathAndWhatWasFound) {
          "dataCorrupted at \"small\": the number -2147483649 does not fit in a 32-bit integer"},
         {replaced(kSampleJSON, "-3", "1.5"),
          "dataCorrupted at \"small\": the number 1.5 is not an integer"},
+        {replaced(kSampleJSON, "9007199254740993", "9223372036854775808"),
+         "dataCorrupted at \"big\": the number 9223372036854775808 does not fit in a 64-bit "
+         "integer"},
         {replaced(kSampleJSON, "9007199254740993", "1e19"),
          "dataCorrupted at \"big\": the number 1e+19 does not fit in a 64-bit integer"},
         {replaced(kSampleJSON, "9007199254740993", "-123456789012345678901234567890"),
