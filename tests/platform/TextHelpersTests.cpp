@@ -89,7 +89,16 @@ TEST(Text, ComparesAsciiCaseOnlyAndRepairsUtf8) {
         {"a", 1},
         {"\xc3\xa9", 2},
         {"\xe2\x82\xac", 3},
+        // The first and last code point of each length, and the lead bytes around them.
+        {"\xc2\x80", 2},          // U+0080
+        {"\xdf\xbf", 2},          // U+07FF
+        {"\xe0\xa0\x80", 3},      // U+0800
+        {"\xef\xbf\xbf", 3},      // U+FFFF
+        {"\xf0\x90\x80\x80", 4},  // U+10000
+        {"\xf0\x9f\x98\x80", 4},  // U+1F600
         {"\xf4\x8f\xbf\xbf", 4},  // U+10FFFF
+        {"\xf0\x8f\xbf\xbf", 0},  // overlong U+FFFF
+        {"\xf5\x80\x80\x80", 0},  // no code point starts so
         {"\xc0\xaf", 0},          // overlong "/"
         {"\xe0\x80\xaf", 0},      // overlong
         {"\xed\xa0\x80", 0},      // a surrogate
