@@ -199,9 +199,9 @@ constexpr std::size_t kLargestText = 0xFFFFFFFF;
 // into it, and into the input text, which outlives the visit.
 struct JSONDocument {
     std::string_view input;
-    // Its size is the room made so far; the first `entries` + 1 are this text's.
+    // Its size is the room made so far; the entries up to the root's `next`, and the closing
+    // null entry there, are this text's.
     std::vector<TapeEntry> tape;
-    std::uint32_t entries = 0;
     std::string strings;
 
     std::string_view text(const TapeEntry& entry) const {
@@ -351,7 +351,6 @@ class Reader {
             }
             // The closing entry that no value owns.
             push(Value::Kind::null);
-            doc_.entries = static_cast<std::uint32_t>(used_ - 1);
             return true;
         }
         {

@@ -430,6 +430,7 @@ TEST(Base64Test, EncodesEveryRemainderAndDecodesItBack) {
         all[i] = static_cast<std::uint8_t>(i);
     }
     EXPECT_EQ(base64DecodedData(base64EncodedString(all)), all);
+    EXPECT_EQ(base64DecodedData("AAAAAAAA"), std::vector<std::uint8_t>(6, 0));
     // A character outside the alphabet, or padding, in any group but the last is refused.
     for (const char* bad : {"AB*DABCD", "ABC=ABCD", "AB==ABCD", "ABCDAB.D", "ABCD=BCD"}) {
         EXPECT_EQ(base64DecodedData(bad), std::nullopt) << bad;

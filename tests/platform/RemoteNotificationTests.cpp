@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -23,6 +24,22 @@ TEST(RemoteNotificationContent, InterruptionLevelsByNameOnly) {
             {"aps", Value(Dictionary{{"alert", Value("hi")}, {"interruption-level", level}})}};
         EXPECT_EQ(remoteNotificationContent(payload).interruptionLevel, expected)
             << (level.text() ? *level.text() : "a number");
+    }
+}
+
+// The sound is its name: a text, or a critical sound's "name"; anything else is no sound.
+TEST(RemoteNotificationContent, SoundIsTheTextOrTheCriticalSoundsName) {
+    const std::pair<Value, std::optional<std::string>> cases[] = {
+        {Value("ping.caf"), "ping.caf"},
+        {Value(Dictionary{{"critical", 1}, {"name", "siren.caf"}, {"volume", 0.5}}), "siren.caf"},
+        {Value(Dictionary{{"critical", 1}, {"volume", 0.5}}), std::nullopt},
+        {Value(Dictionary{{"name", 7}}), std::nullopt},
+        {Value(true), std::nullopt},
+    };
+    for (const auto& [sound, expected] : cases) {
+        const Dictionary payload{
+            {"aps", Value(Dictionary{{"alert", Value("hi")}, {"sound", sound}})}};
+        EXPECT_EQ(remoteNotificationContent(payload).sound, expected) << expected.value_or("none");
     }
 }
 
