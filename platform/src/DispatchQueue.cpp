@@ -325,24 +325,6 @@ void DispatchQueue::runWorker(std::shared_ptr<State> state) {
     }
 }
 
-std::string_view dispatchQoSName(DispatchQoS qos) {
-    switch (qos) {
-        case DispatchQoS::unspecified:
-            return "unspecified";
-        case DispatchQoS::background:
-            return "background";
-        case DispatchQoS::utility:
-            return "utility";
-        case DispatchQoS::defaultQoS:
-            return "default";
-        case DispatchQoS::userInitiated:
-            return "userInitiated";
-        case DispatchQoS::userInteractive:
-            return "userInteractive";
-    }
-    return "unspecified";
-}
-
 bool isMainThread() {
     return ::gettid() == ::getpid();
 }

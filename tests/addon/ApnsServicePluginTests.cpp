@@ -263,5 +263,16 @@ TEST(ApnsEventEmission, UnencodableEventsAreDroppedWithOneErrorLine) {
     }
 }
 
+// A relevance score of negative zero is written as 0 in the sorted event payload, as the
+// platform's serialiser writes it.
+TEST(ApnsEventEmission, NegativeZeroRelevanceIsWrittenAsZero) {
+    ApnsNotification notification;
+    notification.relevanceScore = -0.0;
+    const auto payload = makeNotificationEventPayload(notification, std::nullopt);
+    ASSERT_TRUE(payload.has_value());
+    EXPECT_NE(payload->find("\"relevanceScore\":0,"), std::string::npos) << *payload;
+    EXPECT_EQ(payload->find("-0"), std::string::npos) << *payload;
+}
+
 }  // namespace
 }  // namespace nimborra::apns

@@ -234,6 +234,16 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
             EXPECT_FALSE(error.empty()) << text;
         }
     }
+    // A refused text is blamed for its own fault, not for an integer beyond 64 bits before it
+    // (which the reader takes, as the nearest double).
+    for (const std::string big :
+         {"18446744073709551616", "-9223372036854775809", "90000000000000000000"}) {
+        std::string bigFirst;
+        std::string smallFirst;
+        EXPECT_FALSE(JSONSerialization::jsonObject("[" + big + ",tru]", {}, &bigFirst));
+        EXPECT_FALSE(JSONSerialization::jsonObject("[1,tru]", {}, &smallFirst));
+        EXPECT_EQ(bigFirst, smallFirst) << big;
+    }
 }
 
 // The views see what jsonObject builds: kinds, sizes, the elements in order, the last of

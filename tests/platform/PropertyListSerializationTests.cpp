@@ -145,6 +145,7 @@ TEST(PropertyListSerializationTest, MalformedInputYieldsNothing) {
                                   "<integer>1<!-- x -->2</integer>",
                                   "<real>1.5x</real>",
                                   "<real> </real>",
+                                  "<date>12001-01-01T00:00:00Z</date>",
                                   "<date>2001-00-01T00:00:00Z</date>",
                                   "<date>2001-001-01T00:00:00Z</date>",
                                   "<date>2001-13-01T00:00:00Z</date>",

@@ -8,6 +8,7 @@
 
 #include "NimbOrraPlatform/Base64.h"
 #include "NimbOrraPlatform/Hex.h"
+#include "NimbOrraPlatform/JSONSerialization.h"
 #include "NimbOrraPlatform/Text.h"
 #include "NimbOrraPlatform/Uuid.h"
 
@@ -109,6 +110,17 @@ TEST(Text, ComparesAsciiCaseOnlyAndRepairsUtf8) {
     };
     for (const auto& row : sequences) {
         EXPECT_EQ(utf8SequenceLength(row.text), row.length) << row.text;
+    }
+    // Short texts are settled by a quick look for bytes above 0x7F: one anywhere in them sends
+    // the text to the full check.
+    for (std::size_t length : {1u, 7u, 8u, 9u, 15u, 16u, 17u, 40u, 300u}) {
+        for (std::size_t at : {std::size_t{0}, length / 2, length - 1}) {
+            std::string text(length, 'a');
+            text[at] = '\xff';
+            EXPECT_FALSE(isValidUTF8(text)) << length << " at " << at;
+            text[at] = 'b';
+            EXPECT_TRUE(isValidUTF8(text)) << length;
+        }
     }
     EXPECT_EQ(validUTF8("caf\xc3\xa9"), "caf\xc3\xa9");
     EXPECT_EQ(validUTF8("a\xe2\x82"

@@ -36,9 +36,6 @@ enum class DispatchQoS {
     userInteractive
 };
 
-// "unspecified", "background", "utility", "default", "userInitiated" or "userInteractive".
-NIMBORRA_PLATFORM_EXPORT std::string_view dispatchQoSName(DispatchQoS qos);
-
 class NIMBORRA_PLATFORM_EXPORT DispatchQueue {
   public:
     // A new serial queue with its own worker thread. If the system refuses to start the thread,
