@@ -138,6 +138,8 @@ TEST(OrraJSONCoding, DecodingFailuresReportKindPathAndWhatWasFound) {
         {replaced(kSampleJSON, "9007199254740993", "-123456789012345678901234567890"),
          "dataCorrupted at \"big\": the number -1.2345678901234568e+29 does not fit in a 64-bit "
          "integer"},
+        {replaced(kSampleJSON, "\"a\\/b\"", "[]"),
+         "typeMismatch at \"text\": expected a string but found an array"},
         {replaced(kSampleJSON, "\"flag\":true", "\"flag\":1"),
          "typeMismatch at \"flag\": expected a boolean but found an integer"},
         {replaced(kSampleJSON, "AP8Q", "AP8"),

@@ -442,8 +442,15 @@ TEST(Base64Test, EncodesEveryRemainderAndDecodesItBack) {
     EXPECT_EQ(base64DecodedData(base64EncodedString(all)), all);
     EXPECT_EQ(base64DecodedData("AAAAAAAA"), std::vector<std::uint8_t>(6, 0));
     // A character outside the alphabet, or padding, in any group but the last is refused.
-    for (const char* bad : {"AB*DABCD", "ABC=ABCD", "AB==ABCD", "ABCDAB.D", "ABCD=BCD"}) {
-        EXPECT_EQ(base64DecodedData(bad), std::nullopt) << bad;
+    const std::string bad[] = {"AB*DABCD",
+                               "ABC=ABCD",
+                               "AB==ABCD",
+                               "ABCDAB.D",
+                               "ABCD=BCD",
+                               std::string("AB\0DABCD", 8),
+                               std::string("ABCDAB\0D", 8)};
+    for (const std::string& text : bad) {
+        EXPECT_EQ(base64DecodedData(text), std::nullopt) << text;
     }
 }
 
