@@ -263,48 +263,4 @@ std::string_view remoteNotificationCallbackName(RemoteNotificationCallback callb
     return "";
 }
 
-RemoteNotificationDelivery deliverRemoteNotification(const Dictionary& payload,
-                                                     ApplicationState state,
-                                                     std::int64_t authorizationStatus,
-                                                     const std::optional<std::string>& tap) {
-    RemoteNotificationDelivery delivery;
-    delivery.content = remoteNotificationContent(payload);
-    delivery.visible = isVisibleRemoteNotification(payload);
-    if (!delivery.visible) {
-        // Silent notifications wake the application in the background for a fetch, which is
-        // not the business of the notification delegate: nothing is shown and nothing tapped.
-        delivery.reason = "silent";
-        return delivery;
-    }
-    if (!authorizationStatusShowsNotifications(authorizationStatus)) {
-        delivery.reason = "not authorized";
-        return delivery;
-    }
-    delivery.shown = true;
-    delivery.badge = delivery.content.badge;
-    delivery.tap = tap;
-    using enum RemoteNotificationCallback;
-    switch (state) {
-        case ApplicationState::foreground:
-            delivery.callbacks.push_back(willPresent);
-            break;
-        case ApplicationState::background:
-            if (!tap) {
-                delivery.reason = "not tapped";
-            }
-            break;
-        case ApplicationState::notRunning:
-            if (tap) {
-                delivery.callbacks.push_back(didFinishLaunching);
-            } else {
-                delivery.reason = "not running";
-            }
-            break;
-    }
-    if (tap) {
-        delivery.callbacks.push_back(didReceiveResponse);
-    }
-    return delivery;
-}
-
 }  // namespace nimborra::platform

@@ -195,10 +195,12 @@ TEST(NimbError, JSONObjectHasCodeMessageThenPresentFieldsInOrder) {
     error.instance = "inst";
     error.details = platform::Value(platform::Dictionary{{"k", 1}});
     error.externalCode = "EXT";
+    error.type = "urn:t";
+    error.traceId = "tr";
     auto text = platform::JSONSerialization::data(error.toJSONObject());
     ASSERT_TRUE(text.has_value());
     EXPECT_EQ(*text, R"({"code":"FAILED_PRECONDITION","message":"m\/1","externalCode":"EXT",)"
-                     R"("details":{"k":1},"instance":"inst"})");
+                     R"("traceId":"tr","details":{"k":1},"type":"urn:t","instance":"inst"})");
     NimbError bare(NimbErrorCode::internal, "x");
     EXPECT_EQ(platform::JSONSerialization::data(bare.toJSONObject()),
               R"({"code":"INTERNAL","message":"x"})");

@@ -80,28 +80,4 @@ enum class RemoteNotificationCallback {
 NIMBORRA_PLATFORM_EXPORT std::string_view remoteNotificationCallbackName(
     RemoteNotificationCallback callback);
 
-// What the system does with one notification.
-struct RemoteNotificationDelivery {
-    bool visible = false;
-    // Shown to the user: visible and authorized. In the foreground the banner itself is up to
-    // the application's answer to willPresent.
-    bool shown = false;
-    // Why nothing reached the application ("silent", "not authorized", "not tapped", "not
-    // running"); nothing when a callback runs.
-    std::optional<std::string_view> reason;
-    // The badge count the system sets.
-    std::optional<std::int64_t> badge;
-    // The action identifier of the user's tap, when the user could tap it (it was shown).
-    std::optional<std::string> tap;
-    // In the order the system runs them.
-    std::vector<RemoteNotificationCallback> callbacks;
-    UNNotificationContent content;
-};
-
-// Decides the delivery of an accepted payload. `tap` is the action identifier the user taps, or
-// nothing when the user leaves the notification alone.
-NIMBORRA_PLATFORM_EXPORT RemoteNotificationDelivery
-deliverRemoteNotification(const Dictionary& payload, ApplicationState state,
-                          std::int64_t authorizationStatus, const std::optional<std::string>& tap);
-
 }  // namespace nimborra::platform
