@@ -90,6 +90,8 @@ TEST(DispatchQueueTest, DestructionRunsEverySubmittedItemFirst) {
     EXPECT_EQ(count.load(), 102);
     const auto records = capture.records();
     ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].subsystem, "com.nimborra.platform");
+    EXPECT_EQ(records[0].category, "dispatch");
     EXPECT_EQ(records[0].message,
               "Work item on queue \"com.example.draining\" threw: disk on fire");
     EXPECT_NE(records[1].message.find("com.example.draining"), std::string::npos)
@@ -121,6 +123,7 @@ TEST(MainQueueTest, RunsItemsOnlyOnTheMainThreadWhenDrained) {
     }).join();
     ASSERT_EQ(capture.records().size(), 1u);
     EXPECT_EQ(capture.records()[0].level, LogLevel::error);
+    EXPECT_EQ(capture.records()[0].category, "runtime");
     EXPECT_NE(capture.records()[0].message.find("NimbOrraExample/Widget:370"), std::string::npos);
     EXPECT_TRUE(order.empty());
     EXPECT_EQ(DispatchQueue::drainMain(), 4u);

@@ -69,6 +69,7 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
         {"<real>0.1</real>", Value(0.1)},
         {"<real>-inf</real>", Value(-std::numeric_limits<double>::infinity())},
         {"<date>2001-01-01T00:00:00Z</date>", Value(Date{978307200})},
+        {"<date>2001-1-2T3:4:5Z</date>", Value(Date{978404645})},  // one-digit fields
         {"<date>1900-01-01T00:00:00Z</date>", Value(Date{-2208988800})},
         {"<date>1900-03-01T00:00:00Z</date>", Value(Date{-2203891200})},
         {"<date>2100-03-01T00:00:00Z</date>", Value(Date{4107542400})},
