@@ -157,7 +157,59 @@ constexpr std::array<EscapedByte, 256> kEscapedBytes = [] {
 }();
 
 // The room writeEscaped may write beyond the end of its output (never counted in it).
-constexpr std::size_t kEscapeSlack = 16;
+constexpr std::size_t kEscapeSlack = 48;
+
+#if defined(__SSE2__)
+// Writes the escaped form of the 16 bytes at `in` at `p`, reading up to 16 bytes after them, and
+// returns the end of what it wrote. A block without escapes is copied whole; in one with escapes,
+// each clean stretch is copied with one 16-byte store (the bytes after it are overwritten next)
+// and each escape with one small store, walking the block's escape mask, so that densely escaped
+// text (quotation marks and solidi in nested JSON) costs one step per escape. Stores reach at
+// most 16 bytes past what is written.
+char* escapeBlock(const char* in, char* p) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    const EscapeLanes lanes = escapeLanes(bytes);
+    auto mask =
+        static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(lanes.special, lanes.control)));
+    if (mask == 0) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bytes);
+        return p + 16;
+    }
+    unsigned done = 0;
+    if (_mm_movemask_epi8(lanes.control) == 0) {
+        // Only quotation marks and solidi: each becomes a reverse solidus and itself, so the
+        // k-th escape of the block lands k bytes further on and its place is known without
+        // waiting for the ones before it.
+        unsigned added = 0;
+        while (mask != 0) {
+            const auto at = static_cast<unsigned>(std::countr_zero(mask));
+            std::memcpy(p + done + added, in + done, 16);
+            // Both bytes in one store (this path is x86's: little-endian).
+            const auto pair = static_cast<std::uint16_t>(
+                '\\' | static_cast<unsigned>(static_cast<unsigned char>(in[at])) << 8);
+            std::memcpy(p + at + added, &pair, 2);
+            ++added;
+            done = at + 1;
+            mask &= mask - 1;
+        }
+        std::memcpy(p + done + added, in + done, 16);
+        return p + 16 + added;
+    }
+    while (mask != 0) {
+        const auto at = static_cast<unsigned>(std::countr_zero(mask));
+        std::memcpy(p, in + done, 16);
+        p += at - done;
+        const EscapedByte& escaped = kEscapedBytes[static_cast<unsigned char>(in[at])];
+        std::memcpy(p, escaped.bytes, 8);
+        p += escaped.length;
+        done = at + 1;
+        mask &= mask - 1;
+    }
+    // The rest of the block (reading ahead into the next one, which is there).
+    std::memcpy(p, in + done, 16);
+    return p + 16 - done;
+}
+#endif
 
 // Writes the escaped bytes of `text` at `p`, where escapeExtra(text) + text.size() bytes plus
 // kEscapeSlack more are available, and returns the end of what it wrote.
@@ -165,66 +217,33 @@ char* writeEscaped(char* p, std::string_view text) {
     const char* in = text.data();
     const char* const end = in + text.size();
 #if defined(__SSE2__)
-    // Sixteen bytes at a time. A block without escapes is copied whole; in one with escapes, each
-    // clean stretch is copied with one 16-byte store (the bytes after it are overwritten next)
-    // and each escape with one 8-byte store, walking the block's escape mask, so that densely
-    // escaped text (quotation marks and solidi in nested JSON) costs one step per escape.
-    // Stores reach at most 16 bytes past what is written: the slack.
+    // Sixteen bytes at a time while the text itself holds the bytes a block reads ahead.
     while (end - in >= 32) {
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
-        const EscapeLanes lanes = escapeLanes(bytes);
-        auto mask =
-            static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(lanes.special, lanes.control)));
-        if (mask == 0) {
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bytes);
-            in += 16;
-            p += 16;
-            continue;
-        }
-        unsigned done = 0;
-        if (_mm_movemask_epi8(lanes.control) == 0) {
-            // Only quotation marks and solidi: each becomes a reverse solidus and itself, so the
-            // k-th escape of the block lands k bytes further on and its place is known without
-            // waiting for the ones before it.
-            unsigned added = 0;
-            while (mask != 0) {
-                const auto at = static_cast<unsigned>(std::countr_zero(mask));
-                std::memcpy(p + done + added, in + done, 16);
-                // Both bytes in one store (this path is x86's: little-endian).
-                const auto pair = static_cast<std::uint16_t>(
-                    '\\' | static_cast<unsigned>(static_cast<unsigned char>(in[at])) << 8);
-                std::memcpy(p + at + added, &pair, 2);
-                ++added;
-                done = at + 1;
-                mask &= mask - 1;
-            }
-            std::memcpy(p + done + added, in + done, 16);
-            p += 16 + added;
-            in += 16;
-            continue;
-        }
-        while (mask != 0) {
-            const auto at = static_cast<unsigned>(std::countr_zero(mask));
-            std::memcpy(p, in + done, 16);
-            p += at - done;
-            const EscapedByte& escaped = kEscapedBytes[static_cast<unsigned char>(in[at])];
-            std::memcpy(p, escaped.bytes, 8);
-            p += escaped.length;
-            done = at + 1;
-            mask &= mask - 1;
-        }
-        // The rest of the block (reading ahead into the next one, which is there).
-        std::memcpy(p, in + done, 16);
-        p += 16 - done;
+        p = escapeBlock(in, p);
         in += 16;
     }
-#endif
+    // The last bytes (fewer than 32) from a copy padded with plain letters, which need no escape
+    // and so come out one for one at the end, where they are taken back.
+    const auto rest = static_cast<std::size_t>(end - in);
+    if (rest > 0) {
+        char padded[64];
+        std::memcpy(padded, in, rest);
+        std::memset(padded + rest, 'a', sizeof padded - rest);
+        const std::size_t blocks = (rest + 15) / 16;
+        for (std::size_t block = 0; block < blocks; ++block) {
+            p = escapeBlock(padded + block * 16, p);
+        }
+        p -= blocks * 16 - rest;
+    }
+    return p;
+#else
     for (; in != end; ++in) {
         const EscapedByte& escaped = kEscapedBytes[static_cast<unsigned char>(*in)];
         std::memcpy(p, escaped.bytes, 8);
         p += escaped.length;
     }
     return p;
+#endif
 }
 
 struct Writer {
@@ -332,9 +351,15 @@ struct Writer {
                 }
                 order[filled++] = &entry;
             }
-            // Byte order of the keys (std::string compares as unsigned char).
+            // Byte order of the keys (std::string compares as unsigned char). Keys mostly differ
+            // in their first byte, which settles the comparison without a call.
             std::sort(order.begin(), order.end(), [](const auto* a, const auto* b) {
-                return *a->first.text() < *b->first.text();
+                const std::string& x = *a->first.text();
+                const std::string& y = *b->first.text();
+                if (!x.empty() && !y.empty() && x[0] != y[0]) {
+                    return static_cast<unsigned char>(x[0]) < static_cast<unsigned char>(y[0]);
+                }
+                return x < y;
             });
             for (std::size_t i = 0; i < order.size(); ++i) {
                 if (i > 0) {
