@@ -1,11 +1,11 @@
-// What the system does with a remote notification that reaches the device: whether the payload
-// is acceptable at all, the notification content it turns into, and, given the application's
-// state, its authorization and what the user does, whether the notification is shown, which
-// badge the system sets and which of the application's callbacks it runs, in which order.
+// What the system makes of a remote notification that reaches the device: whether the payload
+// is acceptable at all, the notification content it turns into, whether it is visible and
+// whether the authorization status lets it be shown, and the names of the application's
+// callbacks. The host's phone runs each push's road (the application's state, its delegate's
+// answer, the user's tap) with these rules.
 //
-// Every rule of the simulated system's push handling lives here, so that the host, its help text
-// and its tests agree. The functions are pure: no state, no locks, safe from any thread at once.
-// They never throw except std::bad_alloc.
+// The functions are pure: no state, no locks, safe from any thread at once. They never throw
+// except std::bad_alloc.
 #pragma once
 
 #include <cstddef>
