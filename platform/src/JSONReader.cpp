@@ -26,6 +26,7 @@
 #include <emmintrin.h>
 #endif
 
+#include "NimbOrraPlatform/Hex.h"
 #include "NimbOrraPlatform/JSONSerialization.h"
 
 namespace nimborra::platform {
@@ -213,19 +214,6 @@ namespace {
 
 constexpr bool isWhitespace(char c) {
     return c == ' ' || c == '\n' || c == '\r' || c == '\t';
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
 }
 
 // Writes a code point as UTF-8 at `w`; answers the end of what it wrote.
@@ -599,7 +587,7 @@ class Reader {
         }
         value = 0;
         for (int i = 0; i < 4; ++i) {
-            const int digit = hexValue(at[i]);
+            const int digit = hexDigitValue(at[i]);
             if (digit < 0) {
                 return false;
             }

@@ -45,7 +45,7 @@ int childDescriptor(pid_t child) {
 
 }  // namespace
 
-CommandRunner::CommandRunner(CommandSpec spec) : spec_(std::move(spec)) {}
+CommandRunner::CommandRunner(CommandSetup setup) : setup_(std::move(setup)) {}
 
 CommandRunner::~CommandRunner() {
     if (child_ > 0 && !ended_) {
@@ -60,18 +60,18 @@ CommandRunner::~CommandRunner() {
 }
 
 std::optional<std::string> CommandRunner::start() {
-    // The host's environment, but for the variables the spec sets.
+    // The host's environment, but for the variables the setup sets.
     std::vector<std::string> environment;
     for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
         const std::string_view variable(*entry);
         const auto name = variable.substr(0, variable.find('='));
-        const bool replaced = std::any_of(spec_.environment.begin(), spec_.environment.end(),
+        const bool replaced = std::any_of(setup_.environment.begin(), setup_.environment.end(),
                                           [&](const auto& set) { return set.first == name; });
         if (!replaced) {
             environment.emplace_back(variable);
         }
     }
-    for (const auto& [name, value] : spec_.environment) {
+    for (const auto& [name, value] : setup_.environment) {
         environment.push_back(name + "=" + value);
     }
     std::vector<char*> envp;
@@ -80,14 +80,14 @@ std::optional<std::string> CommandRunner::start() {
     }
     envp.push_back(nullptr);
     std::vector<char*> argv;
-    for (auto& argument : spec_.arguments) {
+    for (auto& argument : setup_.arguments) {
         argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    if (!spec_.inheritStandardInput) {
+    if (!setup_.inheritStandardInput) {
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     }
 #if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
@@ -110,7 +110,7 @@ std::optional<std::string> CommandRunner::start() {
 
     pid_t child = -1;
     const int error =
-        spec_.arguments.empty()
+        setup_.arguments.empty()
             ? ENOENT
             : ::posix_spawnp(&child, argv[0], &actions, &attributes, argv.data(), envp.data());
     posix_spawnattr_destroy(&attributes);
@@ -121,7 +121,8 @@ std::optional<std::string> CommandRunner::start() {
     if (error != 0) {
         status_ = error == ENOENT ? kNotFound : kNotRunnable;
         ended_ = true;
-        failure = "cannot run '" + (spec_.arguments.empty() ? std::string() : spec_.arguments[0]) +
+        failure = "cannot run '" +
+                  (setup_.arguments.empty() ? std::string() : setup_.arguments[0]) +
                   "': " + std::generic_category().message(error);
     } else {
         child_ = child;

@@ -25,7 +25,7 @@
 
 namespace nimborra::host {
 
-struct CommandSpec {
+struct CommandSetup {
     // The program (looked up in PATH unless it contains "/") and its arguments; not empty.
     std::vector<std::string> arguments;
     // Added to the host's environment, replacing variables of the same name.
@@ -39,7 +39,7 @@ class CommandRunner {
     // How long a command may go on after a forwarded SIGINT or SIGTERM before it is killed.
     static constexpr int gracePeriodSeconds = 10;
 
-    explicit CommandRunner(CommandSpec spec);
+    explicit CommandRunner(CommandSetup setup);
     // Kills and reaps a child still running (only when waitForExit() never ran).
     ~CommandRunner();
     CommandRunner(const CommandRunner&) = delete;
@@ -59,7 +59,7 @@ class CommandRunner {
     int exitStatus() const;
 
   private:
-    CommandSpec spec_;
+    CommandSetup setup_;
     mutable std::mutex mutex_;
     std::condition_variable started_;
     bool startCalled_ = false;

@@ -243,15 +243,15 @@ int runHost(const host::HostOptions& options, host::NetworkSandbox* sandbox) {
     // application has registered; its end ends the session as SIGTERM does.
     std::unique_ptr<host::CommandRunner> command;
     if (options.command) {
-        host::CommandSpec spec{*options.command, {}, options.script.has_value()};
+        host::CommandSetup setup{*options.command, {}, options.script.has_value()};
         if (auto failed = providerApi->certificatePem().empty()
                               ? std::nullopt
                               : sandbox->trust(providerApi->certificatePem())) {
             return fail(*failed);
         }
-        spec.environment = sandbox->environment();
-        spec.environment.emplace_back("APNS_HOST_DEVICE_TOKEN", providerApi->deviceToken());
-        command = std::make_unique<host::CommandRunner>(std::move(spec));
+        setup.environment = sandbox->environment();
+        setup.environment.emplace_back("APNS_HOST_DEVICE_TOKEN", providerApi->deviceToken());
+        command = std::make_unique<host::CommandRunner>(std::move(setup));
     }
     // Set once SIGINT or SIGTERM has come (provider API only); the input then counts as ended.
     std::atomic<bool> stopRequested = false;
