@@ -108,6 +108,14 @@ TEST(JSONWriter, EscapesAtEveryPlaceOfABlock) {
             EXPECT_EQ(write(Value(input)), escapedByByte(input)) << pattern << " at " << offset;
         }
     }
+    // One control character late in a text of quotation marks, after what the output holds.
+    for (std::size_t at = 0; at < 70; at += 3) {
+        std::string input = testing::repeated("a\"/", 24);
+        input[at] = '\x01';
+        EXPECT_EQ(write(Value(Array{Value("k"), Value(input)})),
+                  "[\"k\"," + escapedByByte(input) + "]")
+            << at;
+    }
 }
 
 // A run that needs escaping throughout spans many blocks.
