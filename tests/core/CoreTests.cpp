@@ -279,6 +279,28 @@ TEST(OrraBridgeDispatcherTest, BacklogGoesOnlyToTheFirstSubscriberInOrder) {
     EXPECT_EQ(calls, (Names{"next:e"}));
 }
 
+// A listener that leaves while a kept event is handed to it is released outside the
+// dispatcher's lock, so that what it owns may still call the dispatcher as it goes (under the
+// lock, that call would deadlock).
+TEST(OrraBridgeDispatcherTest, AListenerReleasedDuringTheHandOverMayCallTheDispatcher) {
+    OrraBridgeDispatcher dispatcher;
+    // Subscriptions are numbered in order: the listener below learns its own number before
+    // subscribe returns it.
+    const auto probe = dispatcher.subscribe([](const std::string&, const std::string&) {});
+    dispatcher.unsubscribe(probe);
+    dispatcher.emitEvent("kept", "");
+    Names calls;
+    std::shared_ptr<void> owned(nullptr,
+                                [&](void*) { dispatcher.subscribe(recordInto(calls, "later:")); });
+    dispatcher.subscribe(
+        [&, owned = std::move(owned)](const std::string& name, const std::string&) {
+            calls.push_back(name);
+            dispatcher.unsubscribe(probe + 1);
+        });
+    dispatcher.emitEvent("after", "");
+    EXPECT_EQ(calls, (Names{"kept", "later:after"}));
+}
+
 TEST(OrraBridgeDispatcherTest, BacklogIsBoundedDroppingTheOldestWithAnError) {
     OrraBridgeDispatcher dispatcher;
     constexpr std::size_t extra = 6;
