@@ -114,6 +114,7 @@ TEST(Host, ExitStatusSaysWhetherEveryLineWasAccepted) {
         int status;
         std::string standardError;  // what it must hold
     } rows[] = {
+        // clang-format off
         {{}, "", 0, ""},
         {{}, "# only a comment\n\n   \n", 0, ""},
         // An error reply is an answer, not a refused line.
@@ -139,9 +140,7 @@ TEST(Host, ExitStatusSaysWhetherEveryLineWasAccepted) {
         {{"--push", pushes + "order-shipped.apns", "--tap"}, "", 2, "none follows"},
         {{"--push", pushes + "order-shipped.apns", "--demo"}, "", 2, "takes no --demo"},
         // Every file is checked before any is delivered: nothing is written.
-        {{"--push", pushes + "order-shipped.apns", "--push", pushes + "oversize.apns"},
-         "",
-         2,
+        {{"--push", pushes + "order-shipped.apns", "--push", pushes + "oversize.apns"}, "", 2,
          "oversize.apns: the payload is 4328 bytes of compact JSON; at most 4096 are delivered"},
         {{"--push", "/no/such.apns"}, "", 2, "/no/such.apns: No such file or directory"},
         {{"--push", kSampleBundle + "/embedded.mobileprovision"}, "", 2, "not JSON"},
@@ -155,28 +154,19 @@ TEST(Host, ExitStatusSaysWhetherEveryLineWasAccepted) {
         {{"--provider-api", "0", "--device-token", "abc"}, "", 2, "64 hexadecimal digits"},
         {{"--print-provider-token", "--auth-key", "k.p8"}, "", 2, "needs --auth-key, --key-id"},
         {{"--provider-api", "0", "--bundle", "/"}, "", 2, "needs the application's bundle"},
-        {{"--provider-api", "no-such-host.invalid:0", "--bundle", kSampleBundle},
-         "",
-         2,
+        {{"--provider-api", "no-such-host.invalid:0", "--bundle", kSampleBundle}, "", 2,
          "host is unknown"},
         {{"--provider-api", "0", "--bundle", kSampleBundle, "--auth-key", "/no/key.p8", "--key-id",
-          "K", "--team-id", "T"},
-         "",
-         2,
-         "/no/key.p8"},
+          "K", "--team-id", "T"}, "", 2, "/no/key.p8"},
         {{"--provider-api", "0", "--push", pushes + "order-shipped.apns"}, "", 2, "no --push"},
         // `-- COMMAND` and --output: refused before anything runs (no namespace is made).
         {{"--"}, "", 2, "'--' needs a COMMAND after it"},
         {{"--print-provider-token", "--auth-key", "k.p8", "--key-id", "K", "--team-id", "T", "--",
-          "true"},
-         "",
-         2,
-         "takes no COMMAND"},
+          "true"}, "", 2, "takes no COMMAND"},
         {{"--push", "x.apns", "--", "true"}, "", 2, "takes no --push"},
-        {{"--output", "/no/such/directory/out.jsonl"},
-         "",
-         2,
+        {{"--output", "/no/such/directory/out.jsonl"}, "", 2,
          "cannot write /no/such/directory/out.jsonl: No such file or directory"},
+        // clang-format on
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(::testing::PrintToString(row.arguments) + " <<< " + row.input);
