@@ -246,7 +246,7 @@ TEST_F(ProviderApi, UnregisteredAndOfflineDevicesAreTreatedAsApnsDoes) {
     EXPECT_EQ(online.back().find("never"), std::string::npos) << online.back();
 }
 
-TEST_F(ProviderApi, CollapseIdReplacesAndTapReachesThePlugin) {
+TEST_F(ProviderApi, CollapseIdReplacesTheListedNotification) {
     command(R"({"platform":{"app":"background"}})"
             "\n");
     std::string firstId;
@@ -261,19 +261,12 @@ TEST_F(ProviderApi, CollapseIdReplacesAndTapReachesThePlugin) {
         // The answer comes once the system has the notification, maybe before it is shown.
         linesThrough([](const auto& line) { return line.starts_with("{\"system\":"); });
     }
-    // The replaced notification is gone; the one in its place opens the application and
-    // leaves the list.
-    const auto lines = command("{\"tap\":\"" + firstId +
-                               "\",\"id\":1}\n{\"tap\":\"latest\",\"action\":\"OPEN\",\"id\":2}\n"
-                               "{\"inspect\":\"notificationCenter\"}\n");
-    ASSERT_EQ(lines.size(), 6u);
-    EXPECT_TRUE(lines[0].starts_with("{\"error\":\"tap: no notification")) << lines[0];
-    EXPECT_TRUE(lines[0].ends_with(",\"id\":1}")) << lines[0];
-    EXPECT_NE(lines[1].find("APNSService.OnNotificationOpened"), std::string::npos) << lines[1];
-    EXPECT_NE(lines[1].find("Score 2-0"), std::string::npos) << lines[1];
-    EXPECT_NE(lines[3].find("\"tap\":\"OPEN\""), std::string::npos) << lines[3];
-    EXPECT_EQ(lines[4], R"({"id":2,"done":"tap"})");
-    EXPECT_EQ(lines[5], R"({"notificationCenter":[]})");
+    // Only the notification in the replaced one's place is listed. (Tapping a listed
+    // notification is the phone's, whatever brought it: the host's scripts test it.)
+    const auto listed = command("{\"inspect\":\"notificationCenter\"}\n");
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_NE(listed[0].find("Score 2-0"), std::string::npos) << listed[0];
+    EXPECT_EQ(listed[0].find("Score 1-0"), std::string::npos) << listed[0];
 }
 
 // The asyncio APNs client Debian packages: its own HTTP/2, no ALPN, the "host" header. Only its
