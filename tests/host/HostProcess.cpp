@@ -9,7 +9,10 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <fstream>
 #include <initializer_list>
+#include <set>
 #include <sstream>
 #include <utility>
 
@@ -152,12 +155,7 @@ int HostProcess::finish() {
 }
 
 std::vector<std::string> HostProcess::remainingLines() const {
-    std::vector<std::string> lines;
-    std::istringstream stream(out_);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
+    return linesOf(out_);
 }
 
 std::string HostProcess::standardError() const {
@@ -184,6 +182,78 @@ HostRun runHost(std::string_view input, const std::vector<std::string>& argument
     host.write(input);
     const int status = host.finish();
     return {status, host.remainingLines(), host.standardError()};
+}
+
+std::filesystem::path temporaryFile(const std::string& name) {
+    static struct Files {
+        std::set<std::filesystem::path> made;
+        ~Files() {
+            for (const auto& path : made) {
+                std::error_code ignored;
+                std::filesystem::remove(path, ignored);
+            }
+        }
+    } files;
+    const auto path = std::filesystem::temp_directory_path() /
+                      ("apns-host-test-" + std::to_string(getpid()) + "-" + name);
+    files.made.insert(path);
+    return path;
+}
+
+const provider::AuthKey& testKey() {
+    static const provider::AuthKey key = provider::AuthKey::generate();
+    return key;
+}
+
+const std::filesystem::path& keyFile() {
+    static const std::filesystem::path file = [] {
+        const auto path = temporaryFile("key.p8");
+        std::ofstream(path) << testKey().pem();
+        return path;
+    }();
+    return file;
+}
+
+std::int64_t secondsNow() {
+    return std::chrono::duration_cast<std::chrono::seconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+std::string providerToken(std::int64_t issuedAt, const provider::AuthKey& key) {
+    return provider::makeProviderToken(key, kKeyId, kTeamId, issuedAt).value_or("<unsigned>");
+}
+
+std::vector<std::string> providerHostArguments() {
+    return {"--bundle",         kSampleBundle, "--status", "2",         "--auth-key",
+            keyFile().string(), "--key-id",    kKeyId,     "--team-id", kTeamId};
+}
+
+bool hasAioapns() {
+    static const bool installed =
+        std::system("/usr/bin/python3 -c 'import aioapns' 2>/dev/null") == 0;
+    return installed;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string member(const std::string& line, const std::string& name) {
+    const auto at = line.find("\"" + name + "\":");
+    if (at == std::string::npos) {
+        return "";
+    }
+    const auto start = at + name.size() + 3;
+    if (line[start] == '"') {
+        return line.substr(start + 1, line.find('"', start + 1) - start - 1);
+    }
+    return line.substr(start, line.find_first_of(",}", start) - start);
 }
 
 }  // namespace nimborra::testing

@@ -7,10 +7,14 @@
 
 #include <sys/types.h>
 #include <chrono>
+#include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "NimbOrraProviderApi/ProviderToken.h"
 
 namespace nimborra::testing {
 
@@ -63,5 +67,32 @@ struct HostRun {
     std::string standardError;
 };
 HostRun runHost(std::string_view input, const std::vector<std::string>& arguments = {});
+
+// What the tests that run the host with a provider API share: the sample application, the
+// credentials of its push server, and ways to read the host's lines.
+inline const std::filesystem::path kSource = NIMBORRA_SOURCE_DIR;
+inline const std::string kSampleBundle = (kSource / "examples" / "bundle").string();
+inline const std::string kTopic = "com.nimborra.sample";
+inline const std::string kKeyId = "KEY1234567";
+inline const std::string kTeamId = "TEAM123456";
+
+// A file of this test process's own (ctest runs tests at once), removed when the process exits.
+std::filesystem::path temporaryFile(const std::string& name);
+// The push server's signing key, made once per process, and the file that holds it.
+const provider::AuthKey& testKey();
+const std::filesystem::path& keyFile();
+std::int64_t secondsNow();
+// A provider token from `key` for kKeyId and kTeamId, issued at `issuedAt`.
+std::string providerToken(std::int64_t issuedAt = secondsNow(),
+                          const provider::AuthKey& key = testKey());
+// The host's arguments for the sample application, notifications authorized, provider tokens
+// checked against testKey().
+std::vector<std::string> providerHostArguments();
+// Whether Debian's asyncio APNs client is installed for the system's python3.
+bool hasAioapns();
+
+std::vector<std::string> linesOf(const std::string& text);
+// The text of member `name` in a flat JSON line ("..." or a number), or "".
+std::string member(const std::string& line, const std::string& name);
 
 }  // namespace nimborra::testing

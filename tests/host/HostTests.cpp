@@ -14,7 +14,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -32,7 +31,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const fs::path kSource = NIMBORRA_SOURCE_DIR;
 const fs::path kScripts = kSource / "tests" / "host" / "scripts";
 
 std::string withSource(std::string text) {
@@ -110,13 +108,13 @@ INSTANTIATE_TEST_SUITE_P(Scripts, HostScript, ::testing::ValuesIn(scriptNames())
 
 TEST(Host, ExitStatusSaysWhetherEveryLineWasAccepted) {
     const std::string pushes = (kSource / "examples" / "pushes").string() + "/";
-    const std::string sample = (kSource / "examples" / "bundle").string();
     const struct {
         std::vector<std::string> arguments;
         std::string input;
         int status;
         std::string standardError;  // what it must hold
     } rows[] = {
+        // clang-format off
         {{}, "", 0, ""},
         {{}, "# only a comment\n\n   \n", 0, ""},
         // An error reply is an answer, not a refused line.
@@ -142,12 +140,10 @@ TEST(Host, ExitStatusSaysWhetherEveryLineWasAccepted) {
         {{"--push", pushes + "order-shipped.apns", "--tap"}, "", 2, "none follows"},
         {{"--push", pushes + "order-shipped.apns", "--demo"}, "", 2, "takes no --demo"},
         // Every file is checked before any is delivered: nothing is written.
-        {{"--push", pushes + "order-shipped.apns", "--push", pushes + "oversize.apns"},
-         "",
-         2,
+        {{"--push", pushes + "order-shipped.apns", "--push", pushes + "oversize.apns"}, "", 2,
          "oversize.apns: the payload is 4328 bytes of compact JSON; at most 4096 are delivered"},
         {{"--push", "/no/such.apns"}, "", 2, "/no/such.apns: No such file or directory"},
-        {{"--push", sample + "/embedded.mobileprovision"}, "", 2, "not JSON"},
+        {{"--push", kSampleBundle + "/embedded.mobileprovision"}, "", 2, "not JSON"},
         // The provider API's options go together, and it needs an application to serve.
         {{"--provider-api", "65536"}, "", 2, "needs [HOST:]PORT"},
         {{"--provider-api", "::1:80"}, "", 2, "needs [HOST:]PORT"},
@@ -158,16 +154,19 @@ TEST(Host, ExitStatusSaysWhetherEveryLineWasAccepted) {
         {{"--provider-api", "0", "--device-token", "abc"}, "", 2, "64 hexadecimal digits"},
         {{"--print-provider-token", "--auth-key", "k.p8"}, "", 2, "needs --auth-key, --key-id"},
         {{"--provider-api", "0", "--bundle", "/"}, "", 2, "needs the application's bundle"},
-        {{"--provider-api", "no-such-host.invalid:0", "--bundle", sample},
-         "",
-         2,
+        {{"--provider-api", "no-such-host.invalid:0", "--bundle", kSampleBundle}, "", 2,
          "host is unknown"},
-        {{"--provider-api", "0", "--bundle", sample, "--auth-key", "/no/key.p8", "--key-id", "K",
-          "--team-id", "T"},
-         "",
-         2,
-         "/no/key.p8"},
+        {{"--provider-api", "0", "--bundle", kSampleBundle, "--auth-key", "/no/key.p8", "--key-id",
+          "K", "--team-id", "T"}, "", 2, "/no/key.p8"},
         {{"--provider-api", "0", "--push", pushes + "order-shipped.apns"}, "", 2, "no --push"},
+        // `-- COMMAND` and --output: refused before anything runs (no namespace is made).
+        {{"--"}, "", 2, "'--' needs a COMMAND after it"},
+        {{"--print-provider-token", "--auth-key", "k.p8", "--key-id", "K", "--team-id", "T", "--",
+          "true"}, "", 2, "takes no COMMAND"},
+        {{"--push", "x.apns", "--", "true"}, "", 2, "takes no --push"},
+        {{"--output", "/no/such/directory/out.jsonl"}, "", 2,
+         "cannot write /no/such/directory/out.jsonl: No such file or directory"},
+        // clang-format on
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(::testing::PrintToString(row.arguments) + " <<< " + row.input);
@@ -185,8 +184,7 @@ TEST(Host, ExitStatusSaysWhetherEveryLineWasAccepted) {
 // say why, instead of losing replies silently.
 TEST(Host, ReadAndWriteErrorsExitWithTwo) {
     const std::string host = NIMBORRA_APNS_HOST;
-    const std::string errors =
-        fs::temp_directory_path() / ("apns-host-errors-" + std::to_string(getpid()));
+    const std::string errors = temporaryFile("errors.txt");
     const std::pair<std::string, std::string> rows[] = {
         {host + " < /", "reading standard input failed: Is a directory"},
         {"echo '{\"call\":\"GetToken\"}' | " + host + " > /dev/full",
@@ -200,7 +198,6 @@ TEST(Host, ReadAndWriteErrorsExitWithTwo) {
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << status;
         EXPECT_NE(readFile(errors).find(message), std::string::npos) << readFile(errors);
     }
-    fs::remove(errors);
 }
 
 TEST(Host, RepliesAndEventsAreWrittenAsTheyArriveNotAtTheEndOfInput) {

@@ -1,8 +1,11 @@
-"""Sends two notifications with the asyncio APNs client, unchanged but for the address it
-connects to: one to the device, one to a malformed token. Prints each answer's status and
-reason, one per line.
+"""Sends two notifications with the asyncio APNs client as a push server would: one to the
+device, one to a malformed token. Prints each answer's status and reason, one per line.
 
-    aioapns-send.py PORT CA_FILE KEY_FILE KEY_ID TEAM_ID TOPIC DEVICE_TOKEN
+    aioapns-send.py KEY_FILE KEY_ID TEAM_ID TOPIC DEVICE_TOKEN [PORT CA_FILE]
+
+Without PORT and CA_FILE nothing is changed: the development environment's default host and
+port (use_sandbox=True) and the system's trust store. With them, the only change is the address
+it connects to, this machine's PORT, trusting CA_FILE.
 """
 import asyncio
 import ssl
@@ -12,12 +15,14 @@ from aioapns import APNs, NotificationRequest
 from aioapns.connection import APNsDevelopmentClientProtocol
 
 
-async def main(port, ca_file, key_file, key_id, team_id, topic, device_token):
-    # The only change: the development server's address is this machine's host.
-    APNsDevelopmentClientProtocol.APNS_SERVER = "localhost"
-    APNsDevelopmentClientProtocol.APNS_PORT = int(port)
+async def main(key_file, key_id, team_id, topic, device_token, port=None, ca_file=None):
+    context = None
+    if port is not None:
+        APNsDevelopmentClientProtocol.APNS_SERVER = "localhost"
+        APNsDevelopmentClientProtocol.APNS_PORT = int(port)
+        context = ssl.create_default_context(cafile=ca_file)
     client = APNs(key=key_file, key_id=key_id, team_id=team_id, topic=topic,
-                  use_sandbox=True, ssl_context=ssl.create_default_context(cafile=ca_file))
+                  use_sandbox=True, ssl_context=context)
     for token in (device_token, "not-a-token"):
         request = NotificationRequest(device_token=token,
                                       message={"aps": {"alert": "Hello from aioapns"}})
