@@ -131,5 +131,28 @@ TEST(MainQueueTest, RunsItemsOnlyOnTheMainThreadWhenDrained) {
     EXPECT_EQ(DispatchQueue::drainMain(), 1u);
 }
 
+// The main loop runs items as they come until one stops it, leaving later items queued. Each
+// stop ends one loop: a stop made while no loop runs ends the next one before it runs anything,
+// and the loop after that runs again.
+TEST(MainQueueTest, EachStopEndsOneLoop) {
+    std::vector<int> ran;
+    for (const int item : {1, 2, 3}) {
+        ASSERT_TRUE(DispatchQueue::main().async([&ran, item] {
+            ran.push_back(item);
+            if (item == 2) {
+                DispatchQueue::stopMainLoop();
+            }
+        }));
+    }
+    DispatchQueue::runMainLoop();
+    EXPECT_EQ(ran, (std::vector{1, 2}));
+    DispatchQueue::stopMainLoop();
+    DispatchQueue::runMainLoop();
+    EXPECT_EQ(ran, (std::vector{1, 2}));
+    ASSERT_TRUE(DispatchQueue::main().async([] { DispatchQueue::stopMainLoop(); }));
+    DispatchQueue::runMainLoop();
+    EXPECT_EQ(ran, (std::vector{1, 2, 3}));
+}
+
 }  // namespace
 }  // namespace nimborra::platform
