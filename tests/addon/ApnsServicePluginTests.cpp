@@ -128,6 +128,13 @@ TEST_F(ApnsServicePluginTest, RepliesForEveryKindOfResult) {
     EXPECT_EQ(call("GetColdStartNotification", "{}"),
               R"({"error":{"code":"INTERNAL","message":"invalidValue at \"notification.)"
               R"(relevanceScore\": the number nan cannot be written in JSON"}})");
+    // An adapter that throws breaks its contract; the call is answered all the same.
+    EXPECT_CALL(*adapter, setBadgeCount(_))
+        .WillOnce(Invoke(
+            [](auto) -> ApnsServiceSetBadgeCountResult { throw std::runtime_error("boom"); }));
+    EXPECT_EQ(
+        call("SetBadgeCount", R"({"count":1})"),
+        R"({"error":{"code":"INTERNAL","message":"ApnsService SetBadgeCount failed: boom"}})");
     // A message that is not UTF-8 cannot become reply text.
     EXPECT_EQ(ApnsOutcomeEnvelope::errorReply("INTERNAL", "\xFF"),
               ApnsOutcomeEnvelope::textFallback);
