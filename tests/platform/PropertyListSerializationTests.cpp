@@ -54,7 +54,8 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
          Value("a & b <c> A\xF0\x9F\x98\x80")},
         {"<string><![CDATA[</array>]]></string>", Value("</array>")},
         {"<true/>", Value(true)},
-        {"<integer> +7\n</integer>", Value(7)},
+        // Any XML white space around a number and before the closing tag's end.
+        {"<integer> \t+7\r\n</integer\t>", Value(7)},
         {"<integer>010</integer>", Value(10)},
         {"<integer>0x1F</integer>", Value(31)},
         {"<integer>0X1f</integer>", Value(31)},
