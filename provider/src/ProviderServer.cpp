@@ -54,8 +54,14 @@ struct Mailbox {
     void post(Answer answer) {
         const std::lock_guard lock(mutex);
         if (wake != nullptr) {
+            // Only the first answer of a batch wakes the loop: the ones after it find the wake
+            // still pending and are taken with it, so that a busy handler does not contend for
+            // the loop's lock once per answer.
+            const bool first = answers.empty();
             answers.push_back(std::move(answer));
-            event_active(wake, 0, 0);
+            if (first) {
+                event_active(wake, 0, 0);
+            }
         }
     }
 };

@@ -1,17 +1,85 @@
 #include "Output.h"
 
+#include <pthread.h>
+
 #include <cerrno>
+#include <csignal>
 
 #include "NimbOrraPlatform/JSONSerialization.h"
 #include "NimbOrraPlatform/Text.h"
 
 namespace nimborra::host {
 
+OutputWriter::OutputWriter(std::FILE* stream) : stream_(stream) {
+    try {
+        thread_ = std::thread([this] { run(); });
+    } catch (...) {
+        // No thread: every line is written by a thread that takes it (see writeLine).
+    }
+}
+
+OutputWriter::~OutputWriter() {
+    drain();
+    if (thread_.joinable()) {
+        {
+            const std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+}
+
+int OutputWriter::write(const std::string& batch) noexcept {
+    errno = 0;
+    const bool written = std::fwrite(batch.data(), 1, batch.size(), stream_) == batch.size() &&
+                         std::fflush(stream_) == 0;
+    return written ? 0 : (errno != 0 ? errno : EIO);
+}
+
+void OutputWriter::run() noexcept {
+    // Signals are for the host's signal thread; this one only writes.
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    pthread_setname_np(pthread_self(), "host.output");
+    std::string batch;
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        idle_ = true;
+        wake_.wait(lock, [this] { return stopping_ || !pending_.empty(); });
+        idle_ = false;
+        if (pending_.empty()) {
+            return;  // stopping, and everything is written
+        }
+        // The lines that follow the first are written with it: a host answering many pushes
+        // makes one system call for many of their lines.
+        wake_.wait_for(lock, gatherTime, [this] {
+            return stopping_ || draining_ > 0 || pending_.size() >= batchBytes;
+        });
+        batch.swap(pending_);
+        writing_ = true;
+        changed_.notify_all();
+        lock.unlock();
+        const int error = error_.load() == 0 ? write(batch) : 0;
+        batch.clear();
+        lock.lock();
+        if (error != 0) {
+            error_.store(error);
+            pending_.clear();
+        }
+        writing_ = false;
+        changed_.notify_all();
+    }
+}
+
 void OutputWriter::writeLine(std::string_view line) noexcept {
     std::unique_lock lock(mutex_);
-    // Room for the line, unless the writing thread is behind by more than the limit.
-    changed_.wait(lock, [this] {
-        return error_.load() != 0 || !writing_ || pending_.size() < maximumPendingBytes;
+    const bool threaded = thread_.joinable();
+    // Room for the line, unless the writing is behind by more than the limit.
+    changed_.wait(lock, [this, threaded] {
+        return error_.load() != 0 || (!threaded && !writing_) ||
+               pending_.size() < maximumPendingBytes;
     });
     if (error_.load() != 0) {
         return;
@@ -24,6 +92,15 @@ void OutputWriter::writeLine(std::string_view line) noexcept {
         changed_.notify_all();
         return;
     }
+    if (threaded) {
+        if (idle_) {
+            idle_ = false;
+            wake_.notify_one();
+        } else if (pending_.size() >= batchBytes) {
+            wake_.notify_one();
+        }
+        return;
+    }
     if (writing_) {
         return;  // the writing thread takes it with the next batch
     }
@@ -33,10 +110,7 @@ void OutputWriter::writeLine(std::string_view line) noexcept {
         batch.swap(pending_);
         changed_.notify_all();
         lock.unlock();
-        errno = 0;
-        const bool written = std::fwrite(batch.data(), 1, batch.size(), stream_) == batch.size() &&
-                             std::fflush(stream_) == 0;
-        const int error = written ? 0 : (errno != 0 ? errno : EIO);
+        const int error = write(batch);
         batch.clear();
         lock.lock();
         if (error != 0) {
@@ -50,7 +124,10 @@ void OutputWriter::writeLine(std::string_view line) noexcept {
 
 void OutputWriter::drain() noexcept {
     std::unique_lock lock(mutex_);
+    ++draining_;
+    wake_.notify_one();
     changed_.wait(lock, [this] { return !writing_ && (pending_.empty() || error_.load() != 0); });
+    --draining_;
 }
 
 std::string replyLine(std::string_view id, std::string_view reply) {

@@ -3,12 +3,16 @@
 //
 // Threads: replies arrive on the plug-in's queue, events on whichever thread emits them, and
 // everything else on the thread that reads the input. OutputWriter keeps whole lines in the order
-// their writeLine calls took its lock, and writes them in batches: the thread that finds no write
-// under way writes what is pending, and keeps writing what other threads add meanwhile, so a
-// line never waits for a later one and a busy host makes one system call for many lines.
+// their writeLine calls took its lock and writes them on a thread of its own, in batches: once a
+// line arrives it gathers what follows for a fraction of a millisecond (less when much is
+// pending or someone drains) and writes it all with one system call, so a busy host makes one
+// write for many lines and the threads that produce them never wait for the output file. Should
+// that thread not start, the thread that finds no write under way writes what is pending, and
+// keeps writing what other threads add meanwhile.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +21,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "NimbOrraPlatform/Logger.h"
 #include "NimbOrraPlatform/RemoteNotification.h"
@@ -31,15 +36,16 @@ class OutputWriter {
     static constexpr std::size_t maximumPendingBytes = 1 << 20;
 
     // Writes to `stream`, which must outlive the writer.
-    explicit OutputWriter(std::FILE* stream) : stream_(stream) {}
+    explicit OutputWriter(std::FILE* stream);
     OutputWriter(const OutputWriter&) = delete;
     OutputWriter& operator=(const OutputWriter&) = delete;
-    // Waits until every line taken has been written (or the output has failed).
-    ~OutputWriter() { drain(); }
+    // Waits until every line taken has been written (or the output has failed), then ends the
+    // writing thread.
+    ~OutputWriter();
 
-    // Takes `line` and a line break as one unit; it is written, and flushed, by this thread or
-    // by the one writing at the time, before any line taken after it. Any thread; never throws.
-    // After the first failed write nothing more is written.
+    // Takes `line` and a line break as one unit; it is written, and flushed, soon after (within
+    // about gatherTime when the output keeps up), before any line taken after it. Any thread;
+    // never throws. After the first failed write nothing more is written.
     void writeLine(std::string_view line) noexcept;
     // Returns once every line taken so far has been written and flushed, or the output failed.
     void drain() noexcept;
@@ -48,14 +54,33 @@ class OutputWriter {
     bool failed() const noexcept { return error_.load() != 0; }
     int error() const noexcept { return error_.load(); }
 
+    // How long the writing thread gathers lines after the first of a batch, and how many bytes
+    // make it write at once.
+    static constexpr std::chrono::microseconds gatherTime{200};
+    static constexpr std::size_t batchBytes = 64 * 1024;
+
   private:
+    void run() noexcept;
+    // Writes `batch` and flushes; the errno value of a failure, else 0.
+    int write(const std::string& batch) noexcept;
+
     std::mutex mutex_;
+    // Producers wait here for room, drain() for the end of the writing.
     std::condition_variable changed_;
+    // The writing thread waits here for lines.
+    std::condition_variable wake_;
     std::FILE* const stream_;
     // Taken lines not yet handed to the writing thread, and whether one is writing.
     std::string pending_;
     bool writing_ = false;
+    // The writing thread waits for the first line of a batch; a producer then wakes it.
+    bool idle_ = false;
+    bool stopping_ = false;
+    // drain() calls waiting: the writing thread then writes without gathering.
+    std::size_t draining_ = 0;
     std::atomic<int> error_{0};
+    // Not joinable when it could not start: producers then write themselves.
+    std::thread thread_;
 };
 
 // The output lines. Texts that are already JSON (replies, event payloads) are spliced in byte
