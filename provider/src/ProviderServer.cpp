@@ -98,7 +98,8 @@ ProviderResponder& ProviderResponder::operator=(ProviderResponder&& other) noexc
 }
 
 ProviderResponder::~ProviderResponder() {
-    if (state_) {
+    // Answered already (the usual case): nothing to make.
+    if (state_ && !state_->answered.load(std::memory_order_acquire)) {
         try {
             state_->answer({500, {}, R"({"reason":"InternalServerError"})"});
         } catch (...) {

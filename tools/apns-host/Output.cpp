@@ -131,7 +131,10 @@ void OutputWriter::drain() noexcept {
 }
 
 std::string replyLine(std::string_view id, std::string_view reply) {
-    std::string line = "{\"id\":";
+    std::string line;
+    // One allocation: the payload is most of the line.
+    line.reserve(id.size() + reply.size() + 16);
+    line.append("{\"id\":");
     line.append(id);
     line.append(",\"reply\":");
     line.append(reply);
@@ -140,7 +143,10 @@ std::string replyLine(std::string_view id, std::string_view reply) {
 }
 
 std::string appReplyLine(std::string_view method, std::string_view reply) {
-    std::string line = "{\"app\":";
+    std::string line;
+    // One allocation: the payload is most of the line.
+    line.reserve(method.size() + reply.size() + 24);
+    line.append("{\"app\":");
     platform::appendJSONString(line, method);
     line.append(",\"reply\":");
     line.append(reply);
@@ -169,7 +175,10 @@ std::string withId(std::string line, std::string_view id) {
 }
 
 std::string eventLine(std::string_view name, std::string_view payload) {
-    std::string line = "{\"event\":";
+    std::string line;
+    // One allocation: the payload is most of the line.
+    line.reserve(name.size() + payload.size() + 32);
+    line.append("{\"event\":");
     platform::appendJSONString(line, name);
     line.append(",\"payload\":");
     line.append(payload);

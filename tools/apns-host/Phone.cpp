@@ -348,7 +348,10 @@ void Phone::respond(const std::shared_ptr<Road>& road) {
 }
 
 void Phone::finish(const std::shared_ptr<Road>& road) {
-    std::string line = "{\"system\":{\"apnsId\":";
+    std::string line;
+    // Room for the whole line at once (a tap's action may still make it grow).
+    line.reserve(256 + road->notification.apnsId.size() + (road->tap ? road->tap->size() : 0));
+    line.append("{\"system\":{\"apnsId\":");
     platform::appendJSONString(line, road->notification.apnsId);
     line.append(",\"app\":");
     platform::appendJSONString(line, platform::applicationStateName(road->app));
