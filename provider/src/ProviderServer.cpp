@@ -154,6 +154,8 @@ struct ProviderServer::Impl final : detail::ConnectionHost {
     ProviderServerOptions options_;
     ProviderRequestHandler& handler_;
     std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>();
+    // Answers taken from the mailbox, being written (loop thread only).
+    std::vector<Answer> taken_;
     event_base* base_ = nullptr;
     evconnlistener* listener_ = nullptr;
     event* wake_ = nullptr;
@@ -457,7 +459,8 @@ void ProviderServer::Impl::updatePause() {
 }
 
 void ProviderServer::Impl::woken() {
-    std::vector<Answer> answers;
+    // The two vectors trade places and keep their room: no allocation per batch of answers.
+    std::vector<Answer>& answers = taken_;
     bool stopRequested = false;
     {
         const std::lock_guard lock(mailbox_->mutex);
@@ -483,6 +486,7 @@ void ProviderServer::Impl::woken() {
             connection->answer(answer.stream, answer.response);
         }
     }
+    answers.clear();
     dispatch();
     updatePause();
     finishIfDone();

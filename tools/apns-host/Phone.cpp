@@ -31,7 +31,6 @@ struct Phone::Road {
     // plug-in's queue.
     bool mayWait = true;
 
-    platform::UNNotificationContent content;
     bool visible = false;
     bool shown = false;
     bool listed = false;
@@ -243,7 +242,11 @@ std::shared_ptr<Phone::Road> Phone::start(PushNotification notification,
 
 void Phone::run(const std::shared_ptr<Road>& road) {
     const platform::Dictionary& payload = *road->notification.payload;
-    road->content = platform::remoteNotificationContent(payload);
+    if (!road->notification.content) {
+        road->notification.content = std::make_shared<const platform::UNNotificationContent>(
+            platform::remoteNotificationContent(payload));
+    }
+    const platform::UNNotificationContent& content = *road->notification.content;
     if (road->tapOnly) {
         road->visible = true;
         road->shown = true;
@@ -278,14 +281,14 @@ void Phone::run(const std::shared_ptr<Road>& road) {
     if (road->app == ApplicationState::foreground) {
         road->callbacks.push_back(RemoteNotificationCallback::willPresent);
         application_.willPresent(
-            road->content, [this, road](PresentationOptions options) { presented(road, options); },
+            content, [this, road](PresentationOptions options) { presented(road, options); },
             road->mayWait);
         return;
     }
     // In the background or not running, the system shows it in the list and sets the badge.
     road->shown = true;
     road->listed = true;
-    road->badge = road->content.badge;
+    road->badge = content.badge;
     if (road->badge) {
         center().setBadgeCountFromNotification(*road->badge);
     }
@@ -305,8 +308,8 @@ void Phone::presented(const std::shared_ptr<Road>& road, PresentationOptions opt
     // On the plug-in's queue, right after the delegate's reply: nothing more may wait here.
     road->mayWait = false;
     road->presentation = options;
-    if (options.badge && road->content.badge) {
-        road->badge = road->content.badge;
+    if (options.badge && road->notification.content->badge) {
+        road->badge = road->notification.content->badge;
         center().setBadgeCountFromNotification(*road->badge);
     }
     road->shown = options.list || options.banner;
@@ -344,7 +347,7 @@ void Phone::respond(const std::shared_ptr<Road>& road) {
     }
     road->callbacks.push_back(RemoteNotificationCallback::didReceiveResponse);
     application_.didReceiveResponse(
-        road->content, *road->tap, [this, road] { finish(road); }, road->mayWait);
+        *road->notification.content, *road->tap, [this, road] { finish(road); }, road->mayWait);
 }
 
 void Phone::finish(const std::shared_ptr<Road>& road) {
@@ -477,9 +480,14 @@ platform::RemoteNotificationReceiver::Taken Phone::take(
 void Phone::present(platform::IncomingRemoteNotification&& notification) {
     // The payload is delivered as the provider API accepted it. Its road goes on without this
     // thread: the next notification can start while the plug-in still handles this one.
-    PushNotification push{
-        std::move(notification.identifier), std::move(notification.collapseIdentifier),
-        std::make_shared<const platform::Dictionary>(std::move(notification.payload))};
+    // The content takes the payload over, and the payload is its user info: made once, for the
+    // system and the application alike.
+    auto content = std::make_shared<const platform::UNNotificationContent>(
+        platform::remoteNotificationContent(std::move(notification.payload)));
+    std::shared_ptr<const platform::Dictionary> payload(content, &content->userInfo);
+    PushNotification push{std::move(notification.identifier),
+                          std::move(notification.collapseIdentifier), std::move(payload),
+                          std::move(content)};
     start(std::move(push), std::nullopt, std::nullopt, false, false);
 }
 

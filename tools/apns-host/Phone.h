@@ -56,6 +56,9 @@ struct PushNotification {
     std::string apnsId;
     std::optional<std::string> collapseId;
     std::shared_ptr<const platform::Dictionary> payload;
+    // The content the system made of the payload, once made (a road makes it when there is none);
+    // its user info is then the very payload above.
+    std::shared_ptr<const platform::UNNotificationContent> content;
 };
 
 // What the bundle's provisioning profile says.

@@ -54,20 +54,21 @@ enum class ProviderOutcome {
 // "refused", "reset".
 std::string_view providerOutcomeName(ProviderOutcome outcome);
 
-// One request: how it was answered and what became of it, for the host's output.
+// One request: how it was answered and what became of it, for the host's output. The texts are
+// views of the request's own, valid for the observer's call only.
 struct ProviderRecord {
     // As the request sent it, or the one made for the answer; empty when there is none (a reset
     // stream whose apns-id was not read).
-    std::string apnsId;
+    std::string_view apnsId;
     // The answer's status; 0 for a stream that was reset instead of answered.
     int status = 200;
     std::optional<std::string_view> reason;
-    std::string topic;
+    std::string_view topic;
     std::optional<PushType> pushType;
     std::optional<int> priority;
     ProviderOutcome outcome = ProviderOutcome::delivered;
     // Why a request was refused or reset, in words for people; empty when it was accepted.
-    std::string detail;
+    std::string_view detail;
 };
 
 class ProviderObserver {
