@@ -254,8 +254,14 @@ void ProviderService::refused(const TransportRefusal& refusal) {
 }
 
 void ProviderService::deliver(PushNotificationRequest& request, ProviderResponder& respond) {
-    std::unique_lock lock(mutex_);
-    if (!online_) {
+    std::unique_lock lock(mutex_, std::defer_lock);
+    bool online = online_.load();
+    if (!online) {
+        // Decided again under the lock, together with the notification kept.
+        lock.lock();
+        online = online_.load();
+    }
+    if (!online) {
         // The service keeps only the newest notification that may still wait.
         const bool canWait = request.expiration != 0 && request.expiration > nowSeconds();
         if (canWait) {
@@ -267,7 +273,9 @@ void ProviderService::deliver(PushNotificationRequest& request, ProviderResponde
         respond({200, request.apnsId, {}});
         return;
     }
-    lock.unlock();
+    if (lock.owns_lock()) {
+        lock.unlock();
+    }
     auto incoming = incomingFor(request);
     const auto taken = receiver_.take(incoming);
     observer_.requestHandled(

@@ -53,20 +53,18 @@ void Bridge::cancel(std::int64_t callbackId) {
     plugin_->cancel(callbackId);
 }
 
-void Bridge::appCall(std::string method, std::string payload,
+void Bridge::appCall(std::string_view method, std::string payload,
                      std::function<void(std::string_view reply)> then, bool mayWait) {
     const std::size_t bytes = payload.size();
     admit(bytes, mayWait);
-    std::string name = method;
-    plugin_->callAsync(
-        std::move(method), std::move(payload),
-        [this, name = std::move(name), bytes, then = std::move(then)](std::string reply) {
-            output_.writeLine(appReplyLine(name, reply));
-            if (then) {
-                then(reply);
-            }
-            answered(bytes);
-        });
+    plugin_->callAsync(std::string(method), std::move(payload),
+                       [this, method, bytes, then = std::move(then)](std::string reply) {
+                           output_.writeLine(appReplyLine(method, reply));
+                           if (then) {
+                               then(reply);
+                           }
+                           answered(bytes);
+                       });
 }
 
 void Bridge::waitForReplies() {

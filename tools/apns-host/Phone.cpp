@@ -1,6 +1,7 @@
 #include "Phone.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <system_error>
 #include <thread>
@@ -37,7 +38,14 @@ struct Phone::Road {
     std::optional<PresentationOptions> presentation;
     std::optional<std::string_view> reason;
     std::optional<std::int64_t> badge;
-    std::vector<RemoteNotificationCallback> callbacks;
+    // At most one of each, in the order they ran.
+    std::array<RemoteNotificationCallback, 3> callbacks{};
+    std::size_t callbackCount = 0;
+    void ran(RemoteNotificationCallback callback) {
+        if (callbackCount < callbacks.size()) {
+            callbacks[callbackCount++] = callback;
+        }
+    }
 
     // Set once the road is over; written in start order.
     bool finished = false;
@@ -234,7 +242,7 @@ std::shared_ptr<Phone::Road> Phone::start(PushNotification notification,
         }
         road->app = app.value_or(app_);
         road->order = nextOrder_++;
-        running_.emplace(road->order, road);
+        running_.push_back(road);
     }
     run(road);
     return road;
@@ -279,7 +287,7 @@ void Phone::run(const std::shared_ptr<Road>& road) {
         }
     }
     if (road->app == ApplicationState::foreground) {
-        road->callbacks.push_back(RemoteNotificationCallback::willPresent);
+        road->ran(RemoteNotificationCallback::willPresent);
         application_.willPresent(
             content, [this, road](PresentationOptions options) { presented(road, options); },
             road->mayWait);
@@ -342,10 +350,10 @@ void Phone::respond(const std::shared_ptr<Road>& road) {
     road->listed = false;
     if (road->app == ApplicationState::notRunning) {
         // The tap launches the application, whose launch options carry the notification.
-        road->callbacks.push_back(RemoteNotificationCallback::didFinishLaunching);
+        road->ran(RemoteNotificationCallback::didFinishLaunching);
         application_.didFinishLaunching(*road->notification.payload);
     }
-    road->callbacks.push_back(RemoteNotificationCallback::didReceiveResponse);
+    road->ran(RemoteNotificationCallback::didReceiveResponse);
     application_.didReceiveResponse(
         *road->notification.content, *road->tap, [this, road] { finish(road); }, road->mayWait);
 }
@@ -370,7 +378,7 @@ void Phone::finish(const std::shared_ptr<Road>& road) {
     line.append(",\"tap\":");
     appendTextOrNull(line, road->tap);
     line.append(",\"callbacks\":[");
-    for (std::size_t index = 0; index < road->callbacks.size(); ++index) {
+    for (std::size_t index = 0; index < road->callbackCount; ++index) {
         if (index > 0) {
             line.push_back(',');
         }
@@ -383,16 +391,17 @@ void Phone::finish(const std::shared_ptr<Road>& road) {
     const std::lock_guard lock(mutex_);
     road->line = std::move(line);
     road->finished = true;
-    while (!running_.empty() && running_.begin()->second->finished) {
-        output_.writeLine(running_.begin()->second->line);
-        running_.erase(running_.begin());
+    while (!running_.empty() && running_.front()->finished) {
+        output_.writeLine(running_.front()->line);
+        running_.pop_front();
     }
     changed_.notify_all();
 }
 
 void Phone::waitFinished(const std::shared_ptr<Road>& road) {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return !running_.contains(road->order); });
+    // Roads leave oldest first: this one has left once the oldest still running is younger.
+    changed_.wait(lock, [&] { return running_.empty() || running_.front()->order > road->order; });
 }
 
 void Phone::listLocked(const PushNotification& notification, std::uint64_t order) {

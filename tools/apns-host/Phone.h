@@ -33,7 +33,6 @@
 #include <cstdint>
 #include <deque>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -172,8 +171,9 @@ class Phone final : public platform::RemoteNotificationReceiver, public provider
     std::deque<Listed> listed_;
     std::optional<Listed> banner_;
     provider::ProviderService* service_ = nullptr;
-    // Roads by start order, until their system line is written in that order.
-    std::map<std::uint64_t, std::shared_ptr<Road>> running_;
+    // Roads in start order (their orders increase), until their system line is written in that
+    // order: only the oldest ever leaves.
+    std::deque<std::shared_ptr<Road>> running_;
     std::uint64_t nextOrder_ = 1;
     std::uint64_t apnsIdsIssued_ = 0;
     bool exclusive_ = false;

@@ -17,6 +17,7 @@
 // guards what it shares. Nothing here throws except std::bad_alloc.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -134,7 +135,9 @@ class ProviderService final : public ProviderRequestHandler {
     mutable std::mutex mutex_;
     platform::Data token_;
     std::optional<std::int64_t> unregisteredAt_;
-    bool online_ = true;
+    // Written under mutex_; read without it by a delivery while the device is online, so that
+    // the queue and the server's thread do not meet at the lock for every notification.
+    std::atomic<bool> online_{true};
     std::optional<PushNotificationRequest> kept_;
     std::shared_ptr<const ProviderDestination> destination_;
     // Null once stopped.
