@@ -10,6 +10,26 @@
 
 namespace nimborra::host {
 
+namespace {
+
+// Takes the writer's lock, which every holder keeps only for an append or a swap: a thread that
+// finds it taken tries again for a moment before it sleeps, so that threads writing at once do not
+// pay a system call to sleep and another to be woken for each line.
+void lockBriefly(std::unique_lock<std::mutex>& lock) {
+    constexpr int kAttempts = 64;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (lock.try_lock()) {
+            return;
+        }
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#endif
+    }
+    lock.lock();
+}
+
+}  // namespace
+
 OutputWriter::OutputWriter(std::FILE* stream) : stream_(stream) {
     try {
         thread_ = std::thread([this] { run(); });
@@ -74,7 +94,8 @@ void OutputWriter::run() noexcept {
 }
 
 void OutputWriter::writeLine(std::string_view line) noexcept {
-    std::unique_lock lock(mutex_);
+    std::unique_lock lock(mutex_, std::defer_lock);
+    lockBriefly(lock);
     const bool threaded = thread_.joinable();
     // Room for the line, unless the writing is behind by more than the limit.
     changed_.wait(lock, [this, threaded] {
