@@ -13,6 +13,7 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "NimbOrraPlatform/Uuid.h"
 #include "RepeatedLine.h"
@@ -475,19 +476,26 @@ std::optional<std::pair<std::int32_t, ProviderRequest>> ProviderConnection::take
     return std::nullopt;
 }
 
-void ProviderConnection::answer(std::int32_t id, const ProviderResponse& response) {
+bool ProviderConnection::answer(std::int32_t id, const ProviderResponse& response) {
     if (awaitingAnswers_ > 0) {
         --awaitingAnswers_;
     }
     if (closed_) {
-        return;
+        return false;
     }
-    touch();
     Stream* stream = find(id);
     // The client may have reset the stream meanwhile; then the answer has nowhere to go.
     if (stream != nullptr && !stream->answered && !stream->reset) {
         respond(id, *stream, response);
     }
+    return !std::exchange(answersToFlush_, true);
+}
+
+void ProviderConnection::flushAnswers() {
+    if (!std::exchange(answersToFlush_, false) || closed_) {
+        return;
+    }
+    touch();
     flush();
 }
 

@@ -154,8 +154,10 @@ struct ProviderServer::Impl final : detail::ConnectionHost {
     ProviderServerOptions options_;
     ProviderRequestHandler& handler_;
     std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>();
-    // Answers taken from the mailbox, being written (loop thread only).
+    // Answers taken from the mailbox, being written, and the connections they went to (loop
+    // thread only).
     std::vector<Answer> taken_;
+    std::vector<std::uint64_t> answered_;
     event_base* base_ = nullptr;
     evconnlistener* listener_ = nullptr;
     event* wake_ = nullptr;
@@ -482,11 +484,19 @@ void ProviderServer::Impl::woken() {
     }
     for (Answer& answer : answers) {
         --pending_;
-        if (auto* connection = find(answer.connection)) {
-            connection->answer(answer.stream, answer.response);
+        if (auto* connection = find(answer.connection);
+            connection != nullptr && connection->answer(answer.stream, answer.response)) {
+            answered_.push_back(answer.connection);
         }
     }
     answers.clear();
+    // Each connection writes its answers of the batch at once.
+    for (const std::uint64_t id : answered_) {
+        if (auto* connection = find(id)) {
+            connection->flushAnswers();
+        }
+    }
+    answered_.clear();
     dispatch();
     updatePause();
     finishIfDone();
