@@ -1,6 +1,7 @@
 #include "Output.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -52,9 +53,26 @@ OutputWriter::~OutputWriter() {
 
 int OutputWriter::write(const std::string& batch) noexcept {
     errno = 0;
-    const bool written = std::fwrite(batch.data(), 1, batch.size(), stream_) == batch.size() &&
-                         std::fflush(stream_) == 0;
-    return written ? 0 : (errno != 0 ? errno : EIO);
+    // Nothing else writes to the stream, whose buffer is flushed after every batch: a batch goes
+    // straight to the file, in one system call where stdio would make up to three.
+    const int fd = std::fflush(stream_) == 0 ? fileno(stream_) : -1;
+    if (fd < 0) {
+        const bool written = std::fwrite(batch.data(), 1, batch.size(), stream_) == batch.size() &&
+                             std::fflush(stream_) == 0;
+        return written ? 0 : (errno != 0 ? errno : EIO);
+    }
+    std::size_t done = 0;
+    while (done < batch.size()) {
+        const ssize_t count = ::write(fd, batch.data() + done, batch.size() - done);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return count < 0 && errno != 0 ? errno : EIO;
+        }
+        done += static_cast<std::size_t>(count);
+    }
+    return 0;
 }
 
 void OutputWriter::run() noexcept {

@@ -4,7 +4,7 @@
 // Threads: replies arrive on the plug-in's queue, events on whichever thread emits them, and
 // everything else on the thread that reads the input. OutputWriter keeps whole lines in the order
 // their writeLine calls took its lock and writes them on a thread of its own, in batches: once a
-// line arrives it gathers what follows for a fraction of a millisecond (less when much is
+// line arrives it gathers what follows for up to a millisecond (less when much is
 // pending or someone drains) and writes it all with one system call, so a busy host makes one
 // write for many lines and the threads that produce them never wait for the output file. Should
 // that thread not start, the thread that finds no write under way writes what is pending, and
@@ -56,7 +56,7 @@ class OutputWriter {
 
     // How long the writing thread gathers lines after the first of a batch, and how many bytes
     // make it write at once.
-    static constexpr std::chrono::microseconds gatherTime{200};
+    static constexpr std::chrono::microseconds gatherTime{1000};
     static constexpr std::size_t batchBytes = 64 * 1024;
 
   private:
