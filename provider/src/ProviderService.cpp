@@ -282,7 +282,8 @@ void ProviderService::deliver(PushNotificationRequest& request, ProviderResponde
         recordFor(request, taken == platform::RemoteNotificationReceiver::Taken::replaced
                                ? ProviderOutcome::replaced
                                : ProviderOutcome::delivered));
-    respond({200, request.apnsId, {}});
+    // The request's apns-id goes with the answer (the device has its own copy).
+    respond({200, std::move(request.apnsId), {}});
     receiver_.present(std::move(incoming));
 }
 

@@ -322,7 +322,7 @@ void Phone::presented(const std::shared_ptr<Road>& road, PresentationOptions opt
     }
     road->shown = options.list || options.banner;
     road->listed = options.list;
-    {
+    if (road->shown) {
         const std::lock_guard lock(mutex_);
         if (options.list) {
             listLocked(road->notification, road->order);
