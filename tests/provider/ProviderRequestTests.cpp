@@ -254,6 +254,8 @@ TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {
         {{"voip to the app topic", {{"apns-push-type", "voip"}}}, 400, "TopicDisallowed"},
         {{"liveactivity topic, no type", {{"apns-topic", live}}}, 400, "TopicDisallowed"},
         {{"another app's topic", {{"apns-topic", "com.other.app"}}}, 400, "DeviceTokenNotForTopic"},
+        {{"the voip topic's ends around more", {{"apns-topic", kBundle + "x.voip"},
+          {"apns-push-type", "voip"}}}, 400, "DeviceTokenNotForTopic"},
         {{"unregistered device", {}, kAlert, false, "POST", path, true}, 410, "Unregistered"},
     };
     // clang-format on
@@ -263,6 +265,15 @@ TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {
         EXPECT_EQ(refusal.reason, row.reason) << row.request.label << ": " << refusal.detail;
         EXPECT_FALSE(refusal.detail.empty()) << row.request.label;
     }
+    // More headers than a request usually has: a repeated one is found among them all.
+    RequestCase many{"many headers", {}};
+    for (int i = 0; i < 20; ++i) {
+        many.edits.push_back({"+x-extra-" + std::to_string(i), "1"});
+    }
+    EXPECT_EQ(refusalOf(run(many)).status, 200) << refusalOf(run(many)).detail;
+    many.edits.push_back({"+x-extra-7", "2"});
+    EXPECT_EQ(refusalOf(run(many)).reason, "DuplicateHeaders");
+    EXPECT_NE(refusalOf(run(many)).detail.find("\"x-extra-7\""), std::string::npos);
     // Explanations name what was expected beside what came, client text quoted and cut short.
     const struct {
         RequestCase request;
