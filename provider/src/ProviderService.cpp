@@ -215,31 +215,43 @@ void ProviderService::handle(ProviderRequest request,
         respond({200, accepted.apnsId, {}});
         return;
     }
-    // The work item shares the request and its answer with this call, so that both are still
-    // here should the queue not take it.
-    struct Delivery {
-        PushNotificationRequest request;
-        ProviderResponder respond;
-    };
-    const auto delivery =
-        std::make_shared<Delivery>(Delivery{std::move(accepted), std::move(respond)});
+    // Accepted notifications wait in the inbox, in order; the first of a batch posts the work
+    // item that hands the whole batch to the device, so that the server's thread and the queue
+    // meet once per batch rather than once per notification.
     bool stopped = false;
     {
         const std::lock_guard lock(mutex_);
         stopped = !queue_;
-        if (!stopped &&
-            queue_->async([this, delivery] { deliver(delivery->request, delivery->respond); })) {
-            return;
+        if (!stopped) {
+            const bool first = inbox_.empty();
+            inbox_.push_back(Delivery{std::move(accepted), std::move(respond)});
+            if (!first || queue_->async([this] { deliverInbox(); })) {
+                return;
+            }
+            // The queue did not take the work item: the notification is refused here.
+            accepted = std::move(inbox_.back().request);
+            respond = std::move(inbox_.back().respond);
+            inbox_.pop_back();
         }
     }
     const auto refusal =
         stopped
-            ? serviceRefusal(delivery->request, 503, "Shutdown",
-                             "the push service is shutting down")
-            : serviceRefusal(delivery->request, 500, "InternalServerError",
+            ? serviceRefusal(accepted, 503, "Shutdown", "the push service is shutting down")
+            : serviceRefusal(accepted, 500, "InternalServerError",
                              "the push service could not queue the notification for the device");
     record(refusal);
-    delivery->respond({refusal.status, refusal.apnsId, refusalBody(refusal)});
+    respond({refusal.status, refusal.apnsId, refusalBody(refusal)});
+}
+
+void ProviderService::deliverInbox() {
+    std::vector<Delivery> batch;
+    {
+        const std::lock_guard lock(mutex_);
+        batch.swap(inbox_);
+    }
+    for (Delivery& delivery : batch) {
+        deliver(delivery.request, delivery.respond);
+    }
 }
 
 void ProviderService::refused(const TransportRefusal& refusal) {

@@ -4,17 +4,17 @@
 // recent notification that may still expire later; to an unregistered one not at all (410).
 //
 // Threads: handle() and refused() run on the server's thread. Accepted notifications go through
-// one serial dispatch queue of the service's, which hands them to the device in the order they
-// were accepted, answers each request 200 once the device has taken it (not once the
-// application has seen it), and then asks the device to present it. The service never waits for
-// one notification's trip through the application before handing over the next: that trip is
-// the device's, and a device whose present() returns at once lets the notifications flow through
-// the application side by side. The queue holds at most the server's limit of unanswered
-// requests, plus what present() keeps it from. The device controls (setDeviceRegistered,
-// setDeviceOnline) and the token may be used from any thread. The observer is called on the
-// server's thread (refusals, answers that need no device), on the queue's thread (the rest) and
-// on the thread that brings the device online (the kept notification), possibly at once: it
-// guards what it shares. Nothing here throws except std::bad_alloc.
+// one serial dispatch queue of the service's, in batches (whatever has been accepted by the time
+// the queue comes to them), which hands them to the device in the order they were accepted, answers
+// each request 200 once the device has taken it (not once the application has seen it), and then
+// asks the device to present it. The service never waits for one notification's trip through the
+// application before handing over the next: that trip is the device's, and a device whose present()
+// returns at once lets the notifications flow through the application side by side. The queue holds
+// at most the server's limit of unanswered requests, plus what present() keeps it from. The device
+// controls (setDeviceRegistered, setDeviceOnline) and the token may be used from any thread. The
+// observer is called on the server's thread (refusals, answers that need no device), on the queue's
+// thread (the rest) and on the thread that brings the device online (the kept notification),
+// possibly at once: it guards what it shares. Nothing here throws except std::bad_alloc.
 #pragma once
 
 #include <atomic>
@@ -24,6 +24,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "NimbOrraPlatform/DispatchQueue.h"
 #include "NimbOrraPlatform/RemoteNotificationReceiver.h"
@@ -119,6 +120,14 @@ class ProviderService final : public ProviderRequestHandler {
     void stop();
 
   private:
+    // An accepted notification and its answer, on their way to the device.
+    struct Delivery {
+        PushNotificationRequest request;
+        ProviderResponder respond;
+    };
+
+    // On the queue: hands what the inbox holds to the device, in order.
+    void deliverInbox();
     void deliver(PushNotificationRequest& request, ProviderResponder& respond);
     void present(const PushNotificationRequest& request, ProviderOutcome outcome);
     void record(const ProviderRefusal& refusal);
@@ -140,6 +149,9 @@ class ProviderService final : public ProviderRequestHandler {
     std::atomic<bool> online_{true};
     std::optional<PushNotificationRequest> kept_;
     std::shared_ptr<const ProviderDestination> destination_;
+    // Accepted notifications the queue has not taken yet; a work item to take them is queued
+    // whenever it is not empty.
+    std::vector<Delivery> inbox_;
     // Null once stopped.
     std::unique_ptr<platform::DispatchQueue> queue_;
 };
