@@ -21,7 +21,10 @@ namespace nimborra::host {
 using platform::ApplicationState;
 using platform::RemoteNotificationCallback;
 
-struct Phone::Road {
+// A road is owned by running_ until finish() writes its line, which only its last continuation
+// calls: the continuations hold it by pointer (small enough for std::function to keep without an
+// allocation) and take a shared pointer back when they run.
+struct Phone::Road : std::enable_shared_from_this<Road> {
     std::uint64_t order = 0;
     PushNotification notification;
     ApplicationState app = ApplicationState::foreground;
@@ -289,7 +292,10 @@ void Phone::run(const std::shared_ptr<Road>& road) {
     if (road->app == ApplicationState::foreground) {
         road->ran(RemoteNotificationCallback::willPresent);
         application_.willPresent(
-            content, [this, road](PresentationOptions options) { presented(road, options); },
+            content,
+            [this, running = road.get()](PresentationOptions options) {
+                presented(running->shared_from_this(), options);
+            },
             road->mayWait);
         return;
     }
@@ -355,7 +361,8 @@ void Phone::respond(const std::shared_ptr<Road>& road) {
     }
     road->ran(RemoteNotificationCallback::didReceiveResponse);
     application_.didReceiveResponse(
-        *road->notification.content, *road->tap, [this, road] { finish(road); }, road->mayWait);
+        *road->notification.content, *road->tap,
+        [this, running = road.get()] { finish(running->shared_from_this()); }, road->mayWait);
 }
 
 void Phone::finish(const std::shared_ptr<Road>& road) {
