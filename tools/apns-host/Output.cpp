@@ -111,6 +111,25 @@ void OutputWriter::run() noexcept {
     }
 }
 
+std::string& OutputWriter::scratch() noexcept {
+    // Kept from line to line, unless a very long line made it large.
+    constexpr std::size_t kKept = 64 * 1024;
+    thread_local std::string text;
+    if (text.capacity() > kKept) {
+        std::string().swap(text);
+    }
+    text.clear();
+    return text;
+}
+
+void OutputWriter::failOutOfMemory() noexcept {
+    {
+        const std::lock_guard lock(mutex_);
+        error_.store(ENOMEM);
+    }
+    changed_.notify_all();
+}
+
 void OutputWriter::writeLine(std::string_view line) noexcept {
     std::unique_lock lock(mutex_, std::defer_lock);
     lockBriefly(lock);
@@ -169,28 +188,22 @@ void OutputWriter::drain() noexcept {
     --draining_;
 }
 
-std::string replyLine(std::string_view id, std::string_view reply) {
-    std::string line;
-    // One allocation: the payload is most of the line.
-    line.reserve(id.size() + reply.size() + 16);
-    line.append("{\"id\":");
-    line.append(id);
-    line.append(",\"reply\":");
-    line.append(reply);
-    line.push_back('}');
-    return line;
+void appendReplyLine(std::string& out, std::string_view id, std::string_view reply) {
+    out.reserve(out.size() + id.size() + reply.size() + 16);
+    out.append("{\"id\":");
+    out.append(id);
+    out.append(",\"reply\":");
+    out.append(reply);
+    out.push_back('}');
 }
 
-std::string appReplyLine(std::string_view method, std::string_view reply) {
-    std::string line;
-    // One allocation: the payload is most of the line.
-    line.reserve(method.size() + reply.size() + 24);
-    line.append("{\"app\":");
-    platform::appendJSONString(line, method);
-    line.append(",\"reply\":");
-    line.append(reply);
-    line.push_back('}');
-    return line;
+void appendAppReplyLine(std::string& out, std::string_view method, std::string_view reply) {
+    out.reserve(out.size() + method.size() + reply.size() + 24);
+    out.append("{\"app\":");
+    platform::appendJSONString(out, method);
+    out.append(",\"reply\":");
+    out.append(reply);
+    out.push_back('}');
 }
 
 std::string doneLine(std::string_view id, std::string_view name) {
@@ -213,16 +226,13 @@ std::string withId(std::string line, std::string_view id) {
     return line;
 }
 
-std::string eventLine(std::string_view name, std::string_view payload) {
-    std::string line;
-    // One allocation: the payload is most of the line.
-    line.reserve(name.size() + payload.size() + 32);
-    line.append("{\"event\":");
-    platform::appendJSONString(line, name);
-    line.append(",\"payload\":");
-    line.append(payload);
-    line.push_back('}');
-    return line;
+void appendEventLine(std::string& out, std::string_view name, std::string_view payload) {
+    out.reserve(out.size() + name.size() + payload.size() + 32);
+    out.append("{\"event\":");
+    platform::appendJSONString(out, name);
+    out.append(",\"payload\":");
+    out.append(payload);
+    out.push_back('}');
 }
 
 std::string refusalLine(std::string_view reason, std::size_t lineNumber) {

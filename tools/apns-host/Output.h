@@ -47,6 +47,11 @@ class OutputWriter {
     // about gatherTime when the output keeps up), before any line taken after it. Any thread;
     // never throws. After the first failed write nothing more is written.
     void writeLine(std::string_view line) noexcept;
+    // Writes the line `build` appends to an empty text, as writeLine does. The text is the
+    // calling thread's own and kept from line to line, so that a line costs no allocation of its
+    // own; `build` may throw std::bad_alloc, which fails the output as writeLine would.
+    template <class Build>
+    void writeBuiltLine(Build&& build) noexcept;
     // Returns once every line taken so far has been written and flushed, or the output failed.
     void drain() noexcept;
 
@@ -61,6 +66,9 @@ class OutputWriter {
 
   private:
     void run() noexcept;
+    // A text for writeBuiltLine() cleared, or nothing once it cannot be had.
+    static std::string& scratch() noexcept;
+    void failOutOfMemory() noexcept;
     // Writes `batch` and flushes; the errno value of a failure, else 0.
     int write(const std::string& batch) noexcept;
 
@@ -83,19 +91,32 @@ class OutputWriter {
     std::thread thread_;
 };
 
+template <class Build>
+void OutputWriter::writeBuiltLine(Build&& build) noexcept {
+    std::string& text = scratch();
+    try {
+        build(text);
+    } catch (...) {
+        failOutOfMemory();
+        return;
+    }
+    writeLine(text);
+}
+
 // The output lines. Texts that are already JSON (replies, event payloads) are spliced in byte
 // for byte; everything else is written with the platform's JSON writer conventions.
 
-// {"id":ID,"reply":REPLY}, where `id` is the id's compact JSON (an integer or a string).
-std::string replyLine(std::string_view id, std::string_view reply);
+// {"id":ID,"reply":REPLY}, where `id` is the id's compact JSON (an integer or a string), appended
+// to `out`.
+void appendReplyLine(std::string& out, std::string_view id, std::string_view reply);
 // {"app":METHOD,"reply":REPLY}: the reply to one of the host application's own calls.
-std::string appReplyLine(std::string_view method, std::string_view reply);
+void appendAppReplyLine(std::string& out, std::string_view method, std::string_view reply);
 // {"id":ID,"done":NAME}: a command with an id that is not a call or an inspection has finished.
 std::string doneLine(std::string_view id, std::string_view name);
 // `line`, a JSON object, with ,"id":ID added as its last member.
 std::string withId(std::string line, std::string_view id);
 // {"event":NAME,"payload":PAYLOAD}
-std::string eventLine(std::string_view name, std::string_view payload);
+void appendEventLine(std::string& out, std::string_view name, std::string_view payload);
 // {"error":TEXT,"line":N}
 std::string refusalLine(std::string_view reason, std::size_t lineNumber);
 // {"command":COMMAND}: the command as compact JSON, or as a JSON string when it has none (bytes

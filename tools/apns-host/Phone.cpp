@@ -508,7 +508,7 @@ void Phone::present(platform::IncomingRemoteNotification&& notification) {
 }
 
 void Phone::requestHandled(const provider::ProviderRecord& record) {
-    output_.writeLine(providerLine(record));
+    output_.writeBuiltLine([&](std::string& line) { appendProviderLine(line, record); });
 }
 
 void Phone::keptNotificationDelivered(std::string_view apnsId, provider::ProviderOutcome outcome) {

@@ -53,10 +53,9 @@ std::string providerStartLine(const ProviderApiStart& start) {
     return line("providerApi", std::move(fields));
 }
 
-std::string providerLine(const provider::ProviderRecord& record) {
+void appendProviderLine(std::string& text, const provider::ProviderRecord& record) {
     // Written member by member, in the order above: one line per request, on the push's road.
-    std::string text;
-    text.reserve(256 + record.detail.size());
+    text.reserve(text.size() + 256 + record.detail.size());
     text.append("{\"provider\":{\"apnsId\":");
     appendTextOrNull(text, record.apnsId.empty() ? std::nullopt
                                                  : std::optional<std::string_view>(record.apnsId));
@@ -89,7 +88,6 @@ std::string providerLine(const provider::ProviderRecord& record) {
     appendTextOrNull(text, record.detail.empty() ? std::nullopt
                                                  : std::optional<std::string_view>(record.detail));
     text.append("}}");
-    return text;
 }
 
 std::string providerDeliveryLine(std::string_view apnsId, provider::ProviderOutcome outcome) {
