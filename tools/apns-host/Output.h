@@ -49,7 +49,8 @@ class OutputWriter {
     void writeLine(std::string_view line) noexcept;
     // Writes the line `build` appends to an empty text, as writeLine does. The text is the
     // calling thread's own and kept from line to line, so that a line costs no allocation of its
-    // own; `build` may throw std::bad_alloc, which fails the output as writeLine would.
+    // own; `build` must not write lines itself, and may throw std::bad_alloc, which fails the
+    // output as writeLine would.
     template <class Build>
     void writeBuiltLine(Build&& build) noexcept;
     // Returns once every line taken so far has been written and flushed, or the output failed.
