@@ -250,7 +250,14 @@ void ProviderService::deliverInbox() {
         batch.swap(inbox_);
     }
     for (Delivery& delivery : batch) {
-        deliver(delivery.request, delivery.respond);
+        // One delivery that runs out of memory does not keep the rest of the batch from the
+        // device; its request is still answered once (500 when its responder goes, if not yet).
+        try {
+            deliver(delivery.request, delivery.respond);
+        } catch (const std::exception& error) {
+            serviceLogger().error(
+                [&] { return std::string("a delivery failed: ") + error.what(); });
+        }
     }
 }
 
