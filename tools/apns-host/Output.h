@@ -4,11 +4,11 @@
 // Threads: replies arrive on the plug-in's queue, events on whichever thread emits them, and
 // everything else on the thread that reads the input. OutputWriter keeps whole lines in the order
 // their writeLine calls took its lock and writes them on a thread of its own, in batches: once a
-// line arrives it gathers what follows for up to a millisecond (less when much is
-// pending or someone drains) and writes it all with one system call, so a busy host makes one
-// write for many lines and the threads that produce them never wait for the output file. Should
-// that thread not start, the thread that finds no write under way writes what is pending, and
-// keeps writing what other threads add meanwhile.
+// line arrives it gathers what follows for up to a millisecond (less when much is pending or
+// someone drains) and writes it all with one system call, so a busy host makes one write for many
+// lines and the threads that produce them never wait for the output file. Should that thread not
+// start, the thread that finds no write under way writes what is pending, and keeps writing what
+// other threads add meanwhile.
 #pragma once
 
 #include <atomic>
