@@ -97,15 +97,20 @@ void OutputWriter::run() noexcept {
         });
         batch.swap(pending_);
         writing_ = true;
-        changed_.notify_all();
+        // What is being written still counts against the limit, until it is written.
+        inFlight_ = batch.size();
         lock.unlock();
         const int error = error_.load() == 0 ? write(batch) : 0;
         batch.clear();
+        if (batch.capacity() > 4 * batchBytes) {
+            std::string().swap(batch);  // a stalled reader's backlog is not kept for good
+        }
         lock.lock();
         if (error != 0) {
             error_.store(error);
             pending_.clear();
         }
+        inFlight_ = 0;
         writing_ = false;
         changed_.notify_all();
     }
@@ -137,7 +142,7 @@ void OutputWriter::writeLine(std::string_view line) noexcept {
     // Room for the line, unless the writing is behind by more than the limit.
     changed_.wait(lock, [this, threaded] {
         return error_.load() != 0 || (!threaded && !writing_) ||
-               pending_.size() < maximumPendingBytes;
+               pending_.size() + inFlight_ < maximumPendingBytes;
     });
     if (error_.load() != 0) {
         return;

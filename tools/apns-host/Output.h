@@ -82,6 +82,8 @@ class OutputWriter {
     // Taken lines not yet handed to the writing thread, and whether one is writing.
     std::string pending_;
     bool writing_ = false;
+    // Bytes of the batch the writing thread is writing: with pending_, under the limit.
+    std::size_t inFlight_ = 0;
     // The writing thread waits for the first line of a batch; a producer then wakes it.
     bool idle_ = false;
     bool stopping_ = false;
