@@ -136,6 +136,9 @@ std::optional<std::string> makeNotificationEventPayload(
     try {
         core::EncodingContext context;
         std::string& out = context.out();
+        // Room for the usual payload at once: the keys, the texts and the escaped user info.
+        out.reserve(512 + notification.title.size() + notification.body.size() +
+                    2 * notification.userInfoJson.size());
         // The wrapper's two keys in byte order: "actionIdentifier" before "notification".
         if (actionIdentifier) {
             out += "{\"actionIdentifier\":";

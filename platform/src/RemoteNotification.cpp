@@ -199,6 +199,10 @@ std::string localizedFormat(std::string_view format, const Array* arguments) {
 }
 
 UNNotificationContent remoteNotificationContent(const Dictionary& payload) {
+    return remoteNotificationContent(Dictionary(payload));
+}
+
+UNNotificationContent remoteNotificationContent(Dictionary&& payload) {
     const Dictionary& aps = apsOf(payload);
     UNNotificationContent content;
     if (const Value* alert = aps.find("alert")) {
@@ -236,7 +240,7 @@ UNNotificationContent remoteNotificationContent(const Dictionary& payload) {
         }
     }
     content.relevanceScore = numberOrZero(aps.find("relevance-score"));
-    content.userInfo = payload;
+    content.userInfo = std::move(payload);
     return content;
 }
 

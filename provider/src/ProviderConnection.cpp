@@ -13,6 +13,7 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "NimbOrraPlatform/Uuid.h"
 #include "RepeatedLine.h"
@@ -36,10 +37,15 @@ std::string_view text(const std::uint8_t* data, std::size_t length) {
     return {reinterpret_cast<const char*>(data), length};
 }
 
-nghttp2_nv header(std::string_view name, std::string_view value) {
+// A response header; `name` is a literal, which nghttp2 need not copy. `indexed`: whether the
+// field may enter the HPACK table: not for values that differ on every answer (an apns-id), which
+// would only push the useful entries out and cost a table search and insertion each.
+nghttp2_nv header(std::string_view name, std::string_view value, bool indexed = true) {
     return {reinterpret_cast<std::uint8_t*>(const_cast<char*>(name.data())),
             reinterpret_cast<std::uint8_t*>(const_cast<char*>(value.data())), name.size(),
-            value.size(), NGHTTP2_NV_FLAG_NONE};
+            value.size(),
+            static_cast<std::uint8_t>(NGHTTP2_NV_FLAG_NO_COPY_NAME |
+                                      (indexed ? NGHTTP2_NV_FLAG_NONE : NGHTTP2_NV_FLAG_NO_INDEX))};
 }
 
 ProviderConnection* self(void* data) {
@@ -470,19 +476,26 @@ std::optional<std::pair<std::int32_t, ProviderRequest>> ProviderConnection::take
     return std::nullopt;
 }
 
-void ProviderConnection::answer(std::int32_t id, const ProviderResponse& response) {
+bool ProviderConnection::answer(std::int32_t id, const ProviderResponse& response) {
     if (awaitingAnswers_ > 0) {
         --awaitingAnswers_;
     }
     if (closed_) {
-        return;
+        return false;
     }
-    touch();
     Stream* stream = find(id);
     // The client may have reset the stream meanwhile; then the answer has nowhere to go.
     if (stream != nullptr && !stream->answered && !stream->reset) {
         respond(id, *stream, response);
     }
+    return !std::exchange(answersToFlush_, true);
+}
+
+void ProviderConnection::flushAnswers() {
+    if (!std::exchange(answersToFlush_, false) || closed_) {
+        return;
+    }
+    touch();
     flush();
 }
 
@@ -501,7 +514,7 @@ void ProviderConnection::respond(std::int32_t id, Stream& stream,
     std::size_t count = 0;
     headers[count++] = header(":status", status);
     if (!response.apnsId.empty()) {
-        headers[count++] = header("apns-id", response.apnsId);
+        headers[count++] = header("apns-id", response.apnsId, false);
     }
     nghttp2_data_provider body{};
     body.read_callback = readBody;
@@ -627,6 +640,10 @@ int ProviderConnection::onHeader(nghttp2_session*, const nghttp2_frame* frame,
         // Pseudo-headers come first, so a "host" header stands in only for a missing authority.
         if (name == "host" && request.authority.empty()) {
             request.authority = value;
+        }
+        if (request.headers.empty()) {
+            // A push carries a handful of headers: one allocation for them all.
+            request.headers.reserve(8);
         }
         request.headers.emplace_back(name, value);
     }

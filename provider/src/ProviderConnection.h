@@ -91,8 +91,11 @@ class ProviderConnection {
     // Set by the server while the connection is in its queue of connections with ready requests.
     bool queued = false;
 
-    // The handler's answer to a request taken from this connection.
-    void answer(std::int32_t stream, const ProviderResponse& response);
+    // The handler's answer to a request taken from this connection, submitted to the session;
+    // flushAnswers() writes it, so that a batch of answers is written at once. True when it is
+    // the first answer since the last flushAnswers().
+    bool answer(std::int32_t stream, const ProviderResponse& response);
+    void flushAnswers();
     // Reads while the server is not paused and the output is not backed up.
     void updateReading();
 
@@ -197,6 +200,8 @@ class ProviderConnection {
     // Closes as soon as its output is written (or a short grace period ends); reads nothing more.
     bool closing_ = false;
     bool closed_ = false;
+    // Answers submitted and not written yet.
+    bool answersToFlush_ = false;
 };
 
 }  // namespace nimborra::provider::detail

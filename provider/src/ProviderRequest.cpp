@@ -200,14 +200,22 @@ bool hasDevicePath(Context& c) {
 }
 
 bool hasNoRepeatedHeader(Context& c) {
-    std::vector<std::string_view> names;
-    names.reserve(c.request.headers.size());
-    for (const auto& header : c.request.headers) {
-        names.emplace_back(header.first);
+    // The names sorted, so that a repeated one sits next to itself; a push's few headers are
+    // sorted on the stack.
+    constexpr std::size_t kOnStack = 16;
+    std::array<std::string_view, kOnStack> few;
+    std::vector<std::string_view> many;
+    const std::size_t count = c.request.headers.size();
+    if (count > kOnStack) {
+        many.resize(count);
     }
-    std::sort(names.begin(), names.end());
-    const auto repeated = std::adjacent_find(names.begin(), names.end());
-    return repeated == names.end() ||
+    std::string_view* const names = count > kOnStack ? many.data() : few.data();
+    for (std::size_t i = 0; i < count; ++i) {
+        names[i] = c.request.headers[i].first;
+    }
+    std::sort(names, names + count);
+    const auto* repeated = std::adjacent_find(names, names + count);
+    return repeated == names + count ||
            c.fail("the header " + quotedText(*repeated) + " occurs more than once");
 }
 
@@ -423,16 +431,24 @@ std::string topicOf(const ProviderDestination& destination, PushType type) {
     return destination.bundleIdentifier + std::string(topicSuffix(type));
 }
 
+// Whether `topic` is topicOf(destination, type), without making it.
+bool isTopicOf(std::string_view topic, const ProviderDestination& destination, PushType type) {
+    const std::string_view bundle = destination.bundleIdentifier;
+    const std::string_view suffix = topicSuffix(type);
+    return topic.size() == bundle.size() + suffix.size() && topic.starts_with(bundle) &&
+           topic.ends_with(suffix);
+}
+
 // The app's topic for one push type and another: the push type's topic is wrong here.
 bool isTopicOfPushType(Context& c) {
-    const std::string expected = topicOf(c.destination, c.accepted.pushType);
-    if (c.accepted.topic == expected) {
+    if (isTopicOf(c.accepted.topic, c.destination, c.accepted.pushType)) {
         return true;
     }
     for (const auto& type : kPushTypes) {
-        if (c.accepted.topic == topicOf(c.destination, type.type)) {
+        if (isTopicOf(c.accepted.topic, c.destination, type.type)) {
             return c.fail(std::string(pushTypeName(c.accepted.pushType)) +
-                          " notifications go to the topic " + quotedText(expected) + ", not " +
+                          " notifications go to the topic " +
+                          quotedText(topicOf(c.destination, c.accepted.pushType)) + ", not " +
                           quotedText(c.accepted.topic));
         }
     }
@@ -440,7 +456,7 @@ bool isTopicOfPushType(Context& c) {
 }
 
 bool isTopicOfDevice(Context& c) {
-    return c.accepted.topic == topicOf(c.destination, c.accepted.pushType) ||
+    return isTopicOf(c.accepted.topic, c.destination, c.accepted.pushType) ||
            c.fail("the device token is for the application " +
                   quotedText(c.destination.bundleIdentifier) + " (topic " +
                   quotedText(topicOf(c.destination, c.accepted.pushType)) + " for " +

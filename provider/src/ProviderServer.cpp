@@ -54,8 +54,14 @@ struct Mailbox {
     void post(Answer answer) {
         const std::lock_guard lock(mutex);
         if (wake != nullptr) {
+            // Only the first answer of a batch wakes the loop: the ones after it find the wake
+            // still pending and are taken with it, so that a busy handler does not contend for
+            // the loop's lock once per answer.
+            const bool first = answers.empty();
             answers.push_back(std::move(answer));
-            event_active(wake, 0, 0);
+            if (first) {
+                event_active(wake, 0, 0);
+            }
         }
     }
 };
@@ -92,7 +98,8 @@ ProviderResponder& ProviderResponder::operator=(ProviderResponder&& other) noexc
 }
 
 ProviderResponder::~ProviderResponder() {
-    if (state_) {
+    // Answered already (the usual case): nothing to make.
+    if (state_ && !state_->answered.load(std::memory_order_acquire)) {
         try {
             state_->answer({500, {}, R"({"reason":"InternalServerError"})"});
         } catch (...) {
@@ -147,6 +154,10 @@ struct ProviderServer::Impl final : detail::ConnectionHost {
     ProviderServerOptions options_;
     ProviderRequestHandler& handler_;
     std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>();
+    // Answers taken from the mailbox, being written, and the connections they went to (loop
+    // thread only).
+    std::vector<Answer> taken_;
+    std::vector<std::uint64_t> answered_;
     event_base* base_ = nullptr;
     evconnlistener* listener_ = nullptr;
     event* wake_ = nullptr;
@@ -222,7 +233,15 @@ std::optional<std::string> ProviderServer::Impl::listen() {
     // Answers arrive from other threads through event_active(), which needs libevent's locks.
     static std::once_flag threads;
     std::call_once(threads, [] { evthread_use_pthreads(); });
-    base_ = event_base_new();
+    // Reading pauses and resumes often under load (a connection's backlog, the server's limit
+    // of unanswered requests); with the change list, a pause undone before the loop polls again
+    // costs no system call.
+    event_config* config = event_config_new();
+    if (config != nullptr) {
+        event_config_set_flag(config, EVENT_BASE_FLAG_EPOLL_USE_CHANGELIST);
+        base_ = event_base_new_with_config(config);
+        event_config_free(config);
+    }
     if (base_ == nullptr) {
         close(fd);
         return std::string("cannot make an event loop");
@@ -442,7 +461,8 @@ void ProviderServer::Impl::updatePause() {
 }
 
 void ProviderServer::Impl::woken() {
-    std::vector<Answer> answers;
+    // The two vectors trade places and keep their room: no allocation per batch of answers.
+    std::vector<Answer>& answers = taken_;
     bool stopRequested = false;
     {
         const std::lock_guard lock(mailbox_->mutex);
@@ -464,10 +484,19 @@ void ProviderServer::Impl::woken() {
     }
     for (Answer& answer : answers) {
         --pending_;
-        if (auto* connection = find(answer.connection)) {
-            connection->answer(answer.stream, answer.response);
+        if (auto* connection = find(answer.connection);
+            connection != nullptr && connection->answer(answer.stream, answer.response)) {
+            answered_.push_back(answer.connection);
         }
     }
+    answers.clear();
+    // Each connection writes its answers of the batch at once.
+    for (const std::uint64_t id : answered_) {
+        if (auto* connection = find(id)) {
+            connection->flushAnswers();
+        }
+    }
+    answered_.clear();
     dispatch();
     updatePause();
     finishIfDone();

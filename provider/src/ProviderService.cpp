@@ -215,31 +215,50 @@ void ProviderService::handle(ProviderRequest request,
         respond({200, accepted.apnsId, {}});
         return;
     }
-    // The work item shares the request and its answer with this call, so that both are still
-    // here should the queue not take it.
-    struct Delivery {
-        PushNotificationRequest request;
-        ProviderResponder respond;
-    };
-    const auto delivery =
-        std::make_shared<Delivery>(Delivery{std::move(accepted), std::move(respond)});
+    // Accepted notifications wait in the inbox, in order; the first of a batch posts the work
+    // item that hands the whole batch to the device, so that the server's thread and the queue
+    // meet once per batch rather than once per notification.
     bool stopped = false;
     {
         const std::lock_guard lock(mutex_);
         stopped = !queue_;
-        if (!stopped &&
-            queue_->async([this, delivery] { deliver(delivery->request, delivery->respond); })) {
-            return;
+        if (!stopped) {
+            const bool first = inbox_.empty();
+            inbox_.push_back(Delivery{std::move(accepted), std::move(respond)});
+            if (!first || queue_->async([this] { deliverInbox(); })) {
+                return;
+            }
+            // The queue did not take the work item: the notification is refused here.
+            accepted = std::move(inbox_.back().request);
+            respond = std::move(inbox_.back().respond);
+            inbox_.pop_back();
         }
     }
     const auto refusal =
         stopped
-            ? serviceRefusal(delivery->request, 503, "Shutdown",
-                             "the push service is shutting down")
-            : serviceRefusal(delivery->request, 500, "InternalServerError",
+            ? serviceRefusal(accepted, 503, "Shutdown", "the push service is shutting down")
+            : serviceRefusal(accepted, 500, "InternalServerError",
                              "the push service could not queue the notification for the device");
     record(refusal);
-    delivery->respond({refusal.status, refusal.apnsId, refusalBody(refusal)});
+    respond({refusal.status, refusal.apnsId, refusalBody(refusal)});
+}
+
+void ProviderService::deliverInbox() {
+    std::vector<Delivery> batch;
+    {
+        const std::lock_guard lock(mutex_);
+        batch.swap(inbox_);
+    }
+    for (Delivery& delivery : batch) {
+        // One delivery that runs out of memory does not keep the rest of the batch from the
+        // device; its request is still answered once (500 when its responder goes, if not yet).
+        try {
+            deliver(delivery.request, delivery.respond);
+        } catch (const std::exception& error) {
+            serviceLogger().error(
+                [&] { return std::string("a delivery failed: ") + error.what(); });
+        }
+    }
 }
 
 void ProviderService::refused(const TransportRefusal& refusal) {
@@ -254,8 +273,14 @@ void ProviderService::refused(const TransportRefusal& refusal) {
 }
 
 void ProviderService::deliver(PushNotificationRequest& request, ProviderResponder& respond) {
-    std::unique_lock lock(mutex_);
-    if (!online_) {
+    std::unique_lock lock(mutex_, std::defer_lock);
+    bool online = online_.load();
+    if (!online) {
+        // Decided again under the lock, together with the notification kept.
+        lock.lock();
+        online = online_.load();
+    }
+    if (!online) {
         // The service keeps only the newest notification that may still wait.
         const bool canWait = request.expiration != 0 && request.expiration > nowSeconds();
         if (canWait) {
@@ -267,14 +292,17 @@ void ProviderService::deliver(PushNotificationRequest& request, ProviderResponde
         respond({200, request.apnsId, {}});
         return;
     }
-    lock.unlock();
+    if (lock.owns_lock()) {
+        lock.unlock();
+    }
     auto incoming = incomingFor(request);
     const auto taken = receiver_.take(incoming);
     observer_.requestHandled(
         recordFor(request, taken == platform::RemoteNotificationReceiver::Taken::replaced
                                ? ProviderOutcome::replaced
                                : ProviderOutcome::delivered));
-    respond({200, request.apnsId, {}});
+    // The request's apns-id goes with the answer (the device has its own copy).
+    respond({200, std::move(request.apnsId), {}});
     receiver_.present(std::move(incoming));
 }
 

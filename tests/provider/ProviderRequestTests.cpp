@@ -157,7 +157,7 @@ std::string payloadOf(std::size_t size) {
 
 struct Edit {
     std::string name;
-    std::string value;  // "-" removes the header
+    std::string value;  // "-" removes the header; a name starting with "+" adds one more
 };
 
 ProviderRefusal refusalOf(const ProviderVerdict& verdict) {
@@ -184,6 +184,10 @@ ProviderVerdict run(const RequestCase& c) {
     ProviderRequest request{c.method, c.path, c.authority, {}, c.body, c.bodyTooLarge};
     request.headers = {{"authorization", "bearer " + token(kNow)}, {"apns-topic", kBundle}};
     for (const auto& edit : c.edits) {
+        if (edit.name.starts_with('+')) {
+            request.headers.emplace_back(edit.name.substr(1), edit.value);
+            continue;
+        }
         std::erase_if(request.headers, [&](const auto& h) { return h.first == edit.name; });
         if (edit.value != "-") {
             request.headers.emplace_back(edit.name, edit.value);
@@ -256,6 +260,9 @@ TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {
         {"liveactivity topic, no type", {{{"apns-topic", live}}}, 400, "TopicDisallowed"},
         {"another app's topic", {{{"apns-topic", "com.other.app"}}}, 400, "DeviceTokenNotForTopic",
          {"\"com.example.app\"", "\"com.other.app\""}},
+        {"the voip topic's ends around more",
+         {{{"apns-topic", kBundle + "x.voip"}, {"apns-push-type", "voip"}}}, 400,
+         "DeviceTokenNotForTopic"},
         {"unregistered device", {.unregistered = true}, 410, "Unregistered"},
     };
     // clang-format on
@@ -269,6 +276,15 @@ TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {
             EXPECT_LT(refusal.detail.size(), 200u) << refusal.detail;
         }
     }
+    // More headers than a request usually has: a repeated one is found among them all.
+    RequestCase many;
+    for (int i = 0; i < 20; ++i) {
+        many.edits.push_back({"+x-extra-" + std::to_string(i), "1"});
+    }
+    EXPECT_EQ(refusalOf(run(many)).status, 200) << refusalOf(run(many)).detail;
+    many.edits.push_back({"+x-extra-7", "2"});
+    EXPECT_EQ(refusalOf(run(many)).reason, "DuplicateHeaders");
+    EXPECT_NE(refusalOf(run(many)).detail.find("\"x-extra-7\""), std::string::npos);
     const auto gone = refusalOf(run({.unregistered = true}));
     EXPECT_EQ(refusalBody(gone), R"({"reason":"Unregistered","timestamp":1650000000000})");
     const auto bad = refusalOf(run({{{"apns-priority", "7"}, {"apns-push-type", "voip"}}}));

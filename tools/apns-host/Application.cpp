@@ -45,6 +45,10 @@ std::optional<PresentationOptions> PresentationOptions::named(
 
 PresentationOptions PresentationOptions::fromReply(std::string_view reply) {
     PresentationOptions options;
+    // The add-on's usual answer, which asks for nothing, is known without parsing it.
+    if (reply == R"({"success":{"presentationOptions":[]}})") {
+        return options;
+    }
     const auto json = platform::JSONSerialization::jsonObject(reply);
     const platform::Dictionary* root = json ? json->dictionary() : nullptr;
     const platform::Value* success = root ? root->find("success") : nullptr;

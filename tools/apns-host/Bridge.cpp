@@ -36,7 +36,7 @@ void Bridge::call(std::string method, std::string payload, std::string id,
     plugin_->callAsync(
         std::move(method), std::move(payload),
         [this, id = std::move(id), bytes, answered = std::move(answered)](std::string reply) {
-            output_.writeLine(replyLine(id, reply));
+            output_.writeBuiltLine([&](std::string& line) { appendReplyLine(line, id, reply); });
             if (answered) {
                 answered();
             }
@@ -46,27 +46,27 @@ void Bridge::call(std::string method, std::string payload, std::string id,
 
 void Bridge::callSync(const std::string& method, const std::string& payload,
                       const std::string& id) {
-    output_.writeLine(replyLine(id, plugin_->callSync(method, payload)));
+    const std::string reply = plugin_->callSync(method, payload);
+    output_.writeBuiltLine([&](std::string& line) { appendReplyLine(line, id, reply); });
 }
 
 void Bridge::cancel(std::int64_t callbackId) {
     plugin_->cancel(callbackId);
 }
 
-void Bridge::appCall(std::string method, std::string payload,
+void Bridge::appCall(std::string_view method, std::string payload,
                      std::function<void(std::string_view reply)> then, bool mayWait) {
     const std::size_t bytes = payload.size();
     admit(bytes, mayWait);
-    std::string name = method;
-    plugin_->callAsync(
-        std::move(method), std::move(payload),
-        [this, name = std::move(name), bytes, then = std::move(then)](std::string reply) {
-            output_.writeLine(appReplyLine(name, reply));
-            if (then) {
-                then(reply);
-            }
-            answered(bytes);
-        });
+    plugin_->callAsync(std::string(method), std::move(payload),
+                       [this, method, bytes, then = std::move(then)](std::string reply) {
+                           output_.writeBuiltLine(
+                               [&](std::string& line) { appendAppReplyLine(line, method, reply); });
+                           if (then) {
+                               then(reply);
+                           }
+                           answered(bytes);
+                       });
 }
 
 void Bridge::waitForReplies() {

@@ -50,8 +50,9 @@ class Bridge {
     void cancel(std::int64_t callbackId);
 
     // One of the application's own calls. The reply is written as {"app":METHOD,"reply":R},
-    // then `then` runs with the reply text.
-    void appCall(std::string method, std::string payload,
+    // then `then` runs with the reply text. `method` names one of the plug-in's methods and must
+    // outlive the call (the application's are literals).
+    void appCall(std::string_view method, std::string payload,
                  std::function<void(std::string_view reply)> then, bool mayWait);
 
     // Blocks until every call started so far has been answered.

@@ -1,17 +1,148 @@
 #include "Output.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <csignal>
 
 #include "NimbOrraPlatform/JSONSerialization.h"
 #include "NimbOrraPlatform/Text.h"
 
 namespace nimborra::host {
 
-void OutputWriter::writeLine(std::string_view line) noexcept {
+namespace {
+
+// Takes the writer's lock, which every holder keeps only for an append or a swap: a thread that
+// finds it taken tries again for a moment before it sleeps, so that threads writing at once do not
+// pay a system call to sleep and another to be woken for each line.
+void lockBriefly(std::unique_lock<std::mutex>& lock) {
+    constexpr int kAttempts = 64;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (lock.try_lock()) {
+            return;
+        }
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#endif
+    }
+    lock.lock();
+}
+
+}  // namespace
+
+OutputWriter::OutputWriter(std::FILE* stream) : stream_(stream) {
+    try {
+        thread_ = std::thread([this] { run(); });
+    } catch (...) {
+        // No thread: every line is written by a thread that takes it (see writeLine).
+    }
+}
+
+OutputWriter::~OutputWriter() {
+    drain();
+    if (thread_.joinable()) {
+        {
+            const std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+}
+
+int OutputWriter::write(const std::string& batch) noexcept {
+    errno = 0;
+    // Nothing else writes to the stream, whose buffer is flushed after every batch: a batch goes
+    // straight to the file, in one system call where stdio would make up to three.
+    const int fd = std::fflush(stream_) == 0 ? fileno(stream_) : -1;
+    if (fd < 0) {
+        const bool written = std::fwrite(batch.data(), 1, batch.size(), stream_) == batch.size() &&
+                             std::fflush(stream_) == 0;
+        return written ? 0 : (errno != 0 ? errno : EIO);
+    }
+    std::size_t done = 0;
+    while (done < batch.size()) {
+        const ssize_t count = ::write(fd, batch.data() + done, batch.size() - done);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return count < 0 && errno != 0 ? errno : EIO;
+        }
+        done += static_cast<std::size_t>(count);
+    }
+    return 0;
+}
+
+void OutputWriter::run() noexcept {
+    // Signals are for the host's signal thread; this one only writes.
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    pthread_setname_np(pthread_self(), "host.output");
+    std::string batch;
     std::unique_lock lock(mutex_);
-    // Room for the line, unless the writing thread is behind by more than the limit.
-    changed_.wait(lock, [this] {
-        return error_.load() != 0 || !writing_ || pending_.size() < maximumPendingBytes;
+    for (;;) {
+        idle_ = true;
+        wake_.wait(lock, [this] { return stopping_ || !pending_.empty(); });
+        idle_ = false;
+        if (pending_.empty()) {
+            return;  // stopping, and everything is written
+        }
+        // The lines that follow the first are written with it: a host answering many pushes
+        // makes one system call for many of their lines.
+        wake_.wait_for(lock, gatherTime, [this] {
+            return stopping_ || draining_ > 0 || pending_.size() >= batchBytes;
+        });
+        batch.swap(pending_);
+        writing_ = true;
+        // What is being written still counts against the limit, until it is written.
+        inFlight_ = batch.size();
+        lock.unlock();
+        const int error = error_.load() == 0 ? write(batch) : 0;
+        batch.clear();
+        if (batch.capacity() > 4 * batchBytes) {
+            std::string().swap(batch);  // a stalled reader's backlog is not kept for good
+        }
+        lock.lock();
+        if (error != 0) {
+            error_.store(error);
+            pending_.clear();
+        }
+        inFlight_ = 0;
+        writing_ = false;
+        changed_.notify_all();
+    }
+}
+
+std::string& OutputWriter::scratch() noexcept {
+    // Kept from line to line, unless a very long line made it large.
+    constexpr std::size_t kKept = 64 * 1024;
+    thread_local std::string text;
+    if (text.capacity() > kKept) {
+        std::string().swap(text);
+    }
+    text.clear();
+    return text;
+}
+
+void OutputWriter::failOutOfMemory() noexcept {
+    {
+        const std::lock_guard lock(mutex_);
+        error_.store(ENOMEM);
+    }
+    changed_.notify_all();
+}
+
+void OutputWriter::writeLine(std::string_view line) noexcept {
+    std::unique_lock lock(mutex_, std::defer_lock);
+    lockBriefly(lock);
+    const bool threaded = thread_.joinable();
+    // Room for the line, unless the writing is behind by more than the limit.
+    changed_.wait(lock, [this, threaded] {
+        return error_.load() != 0 || (!threaded && !writing_) ||
+               pending_.size() + inFlight_ < maximumPendingBytes;
     });
     if (error_.load() != 0) {
         return;
@@ -24,6 +155,15 @@ void OutputWriter::writeLine(std::string_view line) noexcept {
         changed_.notify_all();
         return;
     }
+    if (threaded) {
+        if (idle_) {
+            idle_ = false;
+            wake_.notify_one();
+        } else if (pending_.size() >= batchBytes) {
+            wake_.notify_one();
+        }
+        return;
+    }
     if (writing_) {
         return;  // the writing thread takes it with the next batch
     }
@@ -33,10 +173,7 @@ void OutputWriter::writeLine(std::string_view line) noexcept {
         batch.swap(pending_);
         changed_.notify_all();
         lock.unlock();
-        errno = 0;
-        const bool written = std::fwrite(batch.data(), 1, batch.size(), stream_) == batch.size() &&
-                             std::fflush(stream_) == 0;
-        const int error = written ? 0 : (errno != 0 ? errno : EIO);
+        const int error = write(batch);
         batch.clear();
         lock.lock();
         if (error != 0) {
@@ -50,25 +187,28 @@ void OutputWriter::writeLine(std::string_view line) noexcept {
 
 void OutputWriter::drain() noexcept {
     std::unique_lock lock(mutex_);
+    ++draining_;
+    wake_.notify_one();
     changed_.wait(lock, [this] { return !writing_ && (pending_.empty() || error_.load() != 0); });
+    --draining_;
 }
 
-std::string replyLine(std::string_view id, std::string_view reply) {
-    std::string line = "{\"id\":";
-    line.append(id);
-    line.append(",\"reply\":");
-    line.append(reply);
-    line.push_back('}');
-    return line;
+void appendReplyLine(std::string& out, std::string_view id, std::string_view reply) {
+    out.reserve(out.size() + id.size() + reply.size() + 16);
+    out.append("{\"id\":");
+    out.append(id);
+    out.append(",\"reply\":");
+    out.append(reply);
+    out.push_back('}');
 }
 
-std::string appReplyLine(std::string_view method, std::string_view reply) {
-    std::string line = "{\"app\":";
-    platform::appendJSONString(line, method);
-    line.append(",\"reply\":");
-    line.append(reply);
-    line.push_back('}');
-    return line;
+void appendAppReplyLine(std::string& out, std::string_view method, std::string_view reply) {
+    out.reserve(out.size() + method.size() + reply.size() + 24);
+    out.append("{\"app\":");
+    platform::appendJSONString(out, method);
+    out.append(",\"reply\":");
+    out.append(reply);
+    out.push_back('}');
 }
 
 std::string doneLine(std::string_view id, std::string_view name) {
@@ -91,13 +231,13 @@ std::string withId(std::string line, std::string_view id) {
     return line;
 }
 
-std::string eventLine(std::string_view name, std::string_view payload) {
-    std::string line = "{\"event\":";
-    platform::appendJSONString(line, name);
-    line.append(",\"payload\":");
-    line.append(payload);
-    line.push_back('}');
-    return line;
+void appendEventLine(std::string& out, std::string_view name, std::string_view payload) {
+    out.reserve(out.size() + name.size() + payload.size() + 32);
+    out.append("{\"event\":");
+    platform::appendJSONString(out, name);
+    out.append(",\"payload\":");
+    out.append(payload);
+    out.push_back('}');
 }
 
 std::string refusalLine(std::string_view reason, std::size_t lineNumber) {

@@ -1,6 +1,7 @@
 #include "Phone.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <system_error>
 #include <thread>
@@ -20,7 +21,10 @@ namespace nimborra::host {
 using platform::ApplicationState;
 using platform::RemoteNotificationCallback;
 
-struct Phone::Road {
+// A road is owned by running_ until finish() writes its line, which only its last continuation
+// calls: the continuations hold it by pointer (small enough for std::function to keep without an
+// allocation) and take a shared pointer back when they run.
+struct Phone::Road : std::enable_shared_from_this<Road> {
     std::uint64_t order = 0;
     PushNotification notification;
     ApplicationState app = ApplicationState::foreground;
@@ -31,14 +35,20 @@ struct Phone::Road {
     // plug-in's queue.
     bool mayWait = true;
 
-    platform::UNNotificationContent content;
     bool visible = false;
     bool shown = false;
     bool listed = false;
     std::optional<PresentationOptions> presentation;
     std::optional<std::string_view> reason;
     std::optional<std::int64_t> badge;
-    std::vector<RemoteNotificationCallback> callbacks;
+    // At most one of each, in the order they ran.
+    std::array<RemoteNotificationCallback, 3> callbacks{};
+    std::size_t callbackCount = 0;
+    void ran(RemoteNotificationCallback callback) {
+        if (callbackCount < callbacks.size()) {
+            callbacks[callbackCount++] = callback;
+        }
+    }
 
     // Set once the road is over; written in start order.
     bool finished = false;
@@ -235,7 +245,7 @@ std::shared_ptr<Phone::Road> Phone::start(PushNotification notification,
         }
         road->app = app.value_or(app_);
         road->order = nextOrder_++;
-        running_.emplace(road->order, road);
+        running_.push_back(road);
     }
     run(road);
     return road;
@@ -243,7 +253,11 @@ std::shared_ptr<Phone::Road> Phone::start(PushNotification notification,
 
 void Phone::run(const std::shared_ptr<Road>& road) {
     const platform::Dictionary& payload = *road->notification.payload;
-    road->content = platform::remoteNotificationContent(payload);
+    if (!road->notification.content) {
+        road->notification.content = std::make_shared<const platform::UNNotificationContent>(
+            platform::remoteNotificationContent(payload));
+    }
+    const platform::UNNotificationContent& content = *road->notification.content;
     if (road->tapOnly) {
         road->visible = true;
         road->shown = true;
@@ -276,16 +290,19 @@ void Phone::run(const std::shared_ptr<Road>& road) {
         }
     }
     if (road->app == ApplicationState::foreground) {
-        road->callbacks.push_back(RemoteNotificationCallback::willPresent);
+        road->ran(RemoteNotificationCallback::willPresent);
         application_.willPresent(
-            road->content, [this, road](PresentationOptions options) { presented(road, options); },
+            content,
+            [this, running = road.get()](PresentationOptions options) {
+                presented(running->shared_from_this(), options);
+            },
             road->mayWait);
         return;
     }
     // In the background or not running, the system shows it in the list and sets the badge.
     road->shown = true;
     road->listed = true;
-    road->badge = road->content.badge;
+    road->badge = content.badge;
     if (road->badge) {
         center().setBadgeCountFromNotification(*road->badge);
     }
@@ -305,13 +322,13 @@ void Phone::presented(const std::shared_ptr<Road>& road, PresentationOptions opt
     // On the plug-in's queue, right after the delegate's reply: nothing more may wait here.
     road->mayWait = false;
     road->presentation = options;
-    if (options.badge && road->content.badge) {
-        road->badge = road->content.badge;
+    if (options.badge && road->notification.content->badge) {
+        road->badge = road->notification.content->badge;
         center().setBadgeCountFromNotification(*road->badge);
     }
     road->shown = options.list || options.banner;
     road->listed = options.list;
-    {
+    if (road->shown) {
         const std::lock_guard lock(mutex_);
         if (options.list) {
             listLocked(road->notification, road->order);
@@ -339,16 +356,20 @@ void Phone::respond(const std::shared_ptr<Road>& road) {
     road->listed = false;
     if (road->app == ApplicationState::notRunning) {
         // The tap launches the application, whose launch options carry the notification.
-        road->callbacks.push_back(RemoteNotificationCallback::didFinishLaunching);
+        road->ran(RemoteNotificationCallback::didFinishLaunching);
         application_.didFinishLaunching(*road->notification.payload);
     }
-    road->callbacks.push_back(RemoteNotificationCallback::didReceiveResponse);
+    road->ran(RemoteNotificationCallback::didReceiveResponse);
     application_.didReceiveResponse(
-        road->content, *road->tap, [this, road] { finish(road); }, road->mayWait);
+        *road->notification.content, *road->tap,
+        [this, running = road.get()] { finish(running->shared_from_this()); }, road->mayWait);
 }
 
 void Phone::finish(const std::shared_ptr<Road>& road) {
-    std::string line = "{\"system\":{\"apnsId\":";
+    std::string line;
+    // Room for the whole line at once (a tap's action may still make it grow).
+    line.reserve(256 + road->notification.apnsId.size() + (road->tap ? road->tap->size() : 0));
+    line.append("{\"system\":{\"apnsId\":");
     platform::appendJSONString(line, road->notification.apnsId);
     line.append(",\"app\":");
     platform::appendJSONString(line, platform::applicationStateName(road->app));
@@ -364,7 +385,7 @@ void Phone::finish(const std::shared_ptr<Road>& road) {
     line.append(",\"tap\":");
     appendTextOrNull(line, road->tap);
     line.append(",\"callbacks\":[");
-    for (std::size_t index = 0; index < road->callbacks.size(); ++index) {
+    for (std::size_t index = 0; index < road->callbackCount; ++index) {
         if (index > 0) {
             line.push_back(',');
         }
@@ -377,16 +398,17 @@ void Phone::finish(const std::shared_ptr<Road>& road) {
     const std::lock_guard lock(mutex_);
     road->line = std::move(line);
     road->finished = true;
-    while (!running_.empty() && running_.begin()->second->finished) {
-        output_.writeLine(running_.begin()->second->line);
-        running_.erase(running_.begin());
+    while (!running_.empty() && running_.front()->finished) {
+        output_.writeLine(running_.front()->line);
+        running_.pop_front();
     }
     changed_.notify_all();
 }
 
 void Phone::waitFinished(const std::shared_ptr<Road>& road) {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return !running_.contains(road->order); });
+    // Roads leave oldest first: this one has left once the oldest still running is younger.
+    changed_.wait(lock, [&] { return running_.empty() || running_.front()->order > road->order; });
 }
 
 void Phone::listLocked(const PushNotification& notification, std::uint64_t order) {
@@ -474,14 +496,19 @@ platform::RemoteNotificationReceiver::Taken Phone::take(
 void Phone::present(platform::IncomingRemoteNotification&& notification) {
     // The payload is delivered as the provider API accepted it. Its road goes on without this
     // thread: the next notification can start while the plug-in still handles this one.
-    PushNotification push{
-        std::move(notification.identifier), std::move(notification.collapseIdentifier),
-        std::make_shared<const platform::Dictionary>(std::move(notification.payload))};
+    // The content takes the payload over, and the payload is its user info: made once, for the
+    // system and the application alike.
+    auto content = std::make_shared<const platform::UNNotificationContent>(
+        platform::remoteNotificationContent(std::move(notification.payload)));
+    std::shared_ptr<const platform::Dictionary> payload(content, &content->userInfo);
+    PushNotification push{std::move(notification.identifier),
+                          std::move(notification.collapseIdentifier), std::move(payload),
+                          std::move(content)};
     start(std::move(push), std::nullopt, std::nullopt, false, false);
 }
 
 void Phone::requestHandled(const provider::ProviderRecord& record) {
-    output_.writeLine(providerLine(record));
+    output_.writeBuiltLine([&](std::string& line) { appendProviderLine(line, record); });
 }
 
 void Phone::keptNotificationDelivered(std::string_view apnsId, provider::ProviderOutcome outcome) {

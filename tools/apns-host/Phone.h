@@ -33,7 +33,6 @@
 #include <cstdint>
 #include <deque>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -56,6 +55,9 @@ struct PushNotification {
     std::string apnsId;
     std::optional<std::string> collapseId;
     std::shared_ptr<const platform::Dictionary> payload;
+    // The content the system made of the payload, once made (a road makes it when there is none);
+    // its user info is then the very payload above.
+    std::shared_ptr<const platform::UNNotificationContent> content;
 };
 
 // What the bundle's provisioning profile says.
@@ -169,8 +171,9 @@ class Phone final : public platform::RemoteNotificationReceiver, public provider
     std::deque<Listed> listed_;
     std::optional<Listed> banner_;
     provider::ProviderService* service_ = nullptr;
-    // Roads by start order, until their system line is written in that order.
-    std::map<std::uint64_t, std::shared_ptr<Road>> running_;
+    // Roads in start order (their orders increase), until their system line is written in that
+    // order: only the oldest ever leaves.
+    std::deque<std::shared_ptr<Road>> running_;
     std::uint64_t nextOrder_ = 1;
     std::uint64_t apnsIdsIssued_ = 0;
     bool exclusive_ = false;

@@ -17,6 +17,18 @@ Value textOrNull(const std::optional<std::string_view>& text) {
     return text ? Value(platform::validUTF8(*text)) : Value(nullptr);
 }
 
+// Text from clients, made valid UTF-8 (copied only when it is not), as a JSON string; null when
+// there is none.
+void appendTextOrNull(std::string& out, const std::optional<std::string_view>& text) {
+    if (!text) {
+        out.append("null");
+    } else if (platform::isValidUTF8(*text)) {
+        platform::appendJSONString(out, *text);
+    } else {
+        platform::appendJSONString(out, platform::validUTF8(*text));
+    }
+}
+
 std::string line(std::string_view name, Value value) {
     Dictionary object;
     object.set(name, std::move(value));
@@ -41,28 +53,50 @@ std::string providerStartLine(const ProviderApiStart& start) {
     return line("providerApi", std::move(fields));
 }
 
-std::string providerLine(const provider::ProviderRecord& record) {
-    Dictionary fields;
-    fields.set("apnsId",
-               record.apnsId.empty() ? Value(nullptr) : Value(platform::validUTF8(record.apnsId)));
-    fields.set("status", record.status != 0 ? Value(record.status) : Value(nullptr));
-    fields.set("reason", textOrNull(record.reason));
-    fields.set("topic",
-               record.topic.empty() ? Value(nullptr) : Value(platform::validUTF8(record.topic)));
-    fields.set("pushType",
-               record.pushType ? Value(provider::pushTypeName(*record.pushType)) : Value(nullptr));
-    fields.set("priority", record.priority ? Value(*record.priority) : Value(nullptr));
-    fields.set("outcome", provider::providerOutcomeName(record.outcome));
-    fields.set("explanation",
-               record.detail.empty() ? Value(nullptr) : Value(platform::validUTF8(record.detail)));
-    return line("provider", std::move(fields));
+void appendProviderLine(std::string& text, const provider::ProviderRecord& record) {
+    // Written member by member, in the order above: one line per request, on the push's road.
+    text.reserve(text.size() + 256 + record.detail.size());
+    text.append("{\"provider\":{\"apnsId\":");
+    appendTextOrNull(text, record.apnsId.empty() ? std::nullopt
+                                                 : std::optional<std::string_view>(record.apnsId));
+    text.append(",\"status\":");
+    if (record.status != 0) {
+        platform::appendJSONNumber(text, static_cast<std::int64_t>(record.status));
+    } else {
+        text.append("null");
+    }
+    text.append(",\"reason\":");
+    appendTextOrNull(text, record.reason);
+    text.append(",\"topic\":");
+    appendTextOrNull(
+        text, record.topic.empty() ? std::nullopt : std::optional<std::string_view>(record.topic));
+    text.append(",\"pushType\":");
+    if (record.pushType) {
+        platform::appendJSONString(text, provider::pushTypeName(*record.pushType));
+    } else {
+        text.append("null");
+    }
+    text.append(",\"priority\":");
+    if (record.priority) {
+        platform::appendJSONNumber(text, static_cast<std::int64_t>(*record.priority));
+    } else {
+        text.append("null");
+    }
+    text.append(",\"outcome\":");
+    platform::appendJSONString(text, provider::providerOutcomeName(record.outcome));
+    text.append(",\"explanation\":");
+    appendTextOrNull(text, record.detail.empty() ? std::nullopt
+                                                 : std::optional<std::string_view>(record.detail));
+    text.append("}}");
 }
 
 std::string providerDeliveryLine(std::string_view apnsId, provider::ProviderOutcome outcome) {
-    Dictionary fields;
-    fields.set("apnsId", platform::validUTF8(apnsId));
-    fields.set("outcome", provider::providerOutcomeName(outcome));
-    return line("providerDelivery", std::move(fields));
+    std::string text = "{\"providerDelivery\":{\"apnsId\":";
+    appendTextOrNull(text, apnsId);
+    text.append(",\"outcome\":");
+    platform::appendJSONString(text, provider::providerOutcomeName(outcome));
+    text.append("}}");
+    return text;
 }
 
 }  // namespace nimborra::host

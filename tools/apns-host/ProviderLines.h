@@ -31,8 +31,8 @@ std::string providerStartLine(const ProviderApiStart& start);
 // {"provider":{"apnsId":ID|null,"status":N|null,"reason":TEXT|null,"topic":TEXT|null,
 // "pushType":TEXT|null,"priority":N|null,"outcome":TEXT,"explanation":TEXT|null}}: one per
 // request. The status is null for a stream the transport reset instead of answering; the
-// explanation says, for people, why a request was refused or reset.
-std::string providerLine(const provider::ProviderRecord& record);
+// explanation says, for people, why a request was refused or reset. Appended to `text`.
+void appendProviderLine(std::string& text, const provider::ProviderRecord& record);
 
 // {"providerDelivery":{"apnsId":ID,"outcome":TEXT}}: what became of a notification kept while
 // the device was offline, once it came back online ("delivered", "replaced" or "discarded").

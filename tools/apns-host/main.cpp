@@ -188,7 +188,8 @@ int runHost(const host::HostOptions& options, host::NetworkSandbox* sandbox) {
     ProcessWiring wiring;
     wiring.subscription =
         wiring.dispatcher.subscribe([&output](const std::string& name, const std::string& payload) {
-            output.writeLine(host::eventLine(name, payload));
+            output.writeBuiltLine(
+                [&](std::string& line) { host::appendEventLine(line, name, payload); });
         });
     apns::Nimb_Orra_ApnsService_Register();
     auto plugin = wiring.dispatcher.plugin(apns::ApnsServicePlugin::name);

@@ -49,6 +49,8 @@ NIMBORRA_PLATFORM_EXPORT std::optional<std::size_t> compactPayloadSize(const Val
 // The content the system builds from an accepted payload's "aps" dictionary; the user info is
 // the whole payload.
 NIMBORRA_PLATFORM_EXPORT UNNotificationContent remoteNotificationContent(const Dictionary& payload);
+// The same, with the payload moved into the user info rather than copied.
+NIMBORRA_PLATFORM_EXPORT UNNotificationContent remoteNotificationContent(Dictionary&& payload);
 
 // A localisation key used as its own format, as the system does when the application has no
 // translation for it: "%@" takes the next argument, "%n$@" the n-th (from 1), "%%" is "%". A

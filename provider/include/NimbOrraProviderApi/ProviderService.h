@@ -4,25 +4,27 @@
 // recent notification that may still expire later; to an unregistered one not at all (410).
 //
 // Threads: handle() and refused() run on the server's thread. Accepted notifications go through
-// one serial dispatch queue of the service's, which hands them to the device in the order they
-// were accepted, answers each request 200 once the device has taken it (not once the
-// application has seen it), and then asks the device to present it. The service never waits for
-// one notification's trip through the application before handing over the next: that trip is
-// the device's, and a device whose present() returns at once lets the notifications flow through
-// the application side by side. The queue holds at most the server's limit of unanswered
-// requests, plus what present() keeps it from. The device controls (setDeviceRegistered,
-// setDeviceOnline) and the token may be used from any thread. The observer is called on the
-// server's thread (refusals, answers that need no device), on the queue's thread (the rest) and
-// on the thread that brings the device online (the kept notification), possibly at once: it
-// guards what it shares. Nothing here throws except std::bad_alloc.
+// one serial dispatch queue of the service's, in batches (whatever has been accepted by the time
+// the queue comes to them), which hands them to the device in the order they were accepted, answers
+// each request 200 once the device has taken it (not once the application has seen it), and then
+// asks the device to present it. The service never waits for one notification's trip through the
+// application before handing over the next: that trip is the device's, and a device whose present()
+// returns at once lets the notifications flow through the application side by side. The queue holds
+// at most the server's limit of unanswered requests, plus what present() keeps it from. The device
+// controls (setDeviceRegistered, setDeviceOnline) and the token may be used from any thread. The
+// observer is called on the server's thread (refusals, answers that need no device), on the queue's
+// thread (the rest) and on the thread that brings the device online (the kept notification),
+// possibly at once: it guards what it shares. Nothing here throws except std::bad_alloc.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "NimbOrraPlatform/DispatchQueue.h"
 #include "NimbOrraPlatform/RemoteNotificationReceiver.h"
@@ -54,20 +56,21 @@ enum class ProviderOutcome {
 // "refused", "reset".
 std::string_view providerOutcomeName(ProviderOutcome outcome);
 
-// One request: how it was answered and what became of it, for the host's output.
+// One request: how it was answered and what became of it, for the host's output. The texts are
+// views of the request's own, valid for the observer's call only.
 struct ProviderRecord {
     // As the request sent it, or the one made for the answer; empty when there is none (a reset
     // stream whose apns-id was not read).
-    std::string apnsId;
+    std::string_view apnsId;
     // The answer's status; 0 for a stream that was reset instead of answered.
     int status = 200;
     std::optional<std::string_view> reason;
-    std::string topic;
+    std::string_view topic;
     std::optional<PushType> pushType;
     std::optional<int> priority;
     ProviderOutcome outcome = ProviderOutcome::delivered;
     // Why a request was refused or reset, in words for people; empty when it was accepted.
-    std::string detail;
+    std::string_view detail;
 };
 
 class ProviderObserver {
@@ -117,6 +120,14 @@ class ProviderService final : public ProviderRequestHandler {
     void stop();
 
   private:
+    // An accepted notification and its answer, on their way to the device.
+    struct Delivery {
+        PushNotificationRequest request;
+        ProviderResponder respond;
+    };
+
+    // On the queue: hands what the inbox holds to the device, in order.
+    void deliverInbox();
     void deliver(PushNotificationRequest& request, ProviderResponder& respond);
     void present(const PushNotificationRequest& request, ProviderOutcome outcome);
     void record(const ProviderRefusal& refusal);
@@ -133,9 +144,14 @@ class ProviderService final : public ProviderRequestHandler {
     mutable std::mutex mutex_;
     platform::Data token_;
     std::optional<std::int64_t> unregisteredAt_;
-    bool online_ = true;
+    // Written under mutex_; read without it by a delivery while the device is online, so that
+    // the queue and the server's thread do not meet at the lock for every notification.
+    std::atomic<bool> online_{true};
     std::optional<PushNotificationRequest> kept_;
     std::shared_ptr<const ProviderDestination> destination_;
+    // Accepted notifications the queue has not taken yet; a work item to take them is queued
+    // whenever it is not empty.
+    std::vector<Delivery> inbox_;
     // Null once stopped.
     std::unique_ptr<platform::DispatchQueue> queue_;
 };
