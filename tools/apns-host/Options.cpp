@@ -18,11 +18,11 @@ constexpr std::string_view kHelp = R"(Usage: apns-host [OPTIONS]
 Plays a phone: an application that loads the "ApnsService" push-notification plug-in, the
 simulated system underneath it, and the far side of the bridge. Commands are read as JSON
 Lines, one JSON object per line, from standard input (or --script FILE); everything the host
-reports is written to standard output as JSON Lines, one object per line, each flushed as soon
-as it is complete (lines that come together are written together). Blank lines and lines
-whose first non-blank character is "#" are skipped. A line longer than 1048576 bytes is
-refused unread. At most 1024 calls (holding at most 4 MiB of payload) wait
-for their reply at a time; reading pauses until earlier calls are answered, so the host's
+reports is written to standard output as JSON Lines, one object per line, each within a
+millisecond of being complete (lines that come together are written together). Blank lines
+and lines whose first non-blank character is "#" are skipped. A line longer than 1048576
+bytes is refused unread. At most 1024 calls (holding at most 4 MiB of payload) wait for
+their reply at a time; reading pauses until earlier calls are answered, so the host's
 memory stays bounded however long the input and however slowly the output is read.
 
 Ids belong to the far side. Any command may carry "id": a string or an integer. A command
