@@ -14,7 +14,7 @@ case $mode in
     ;;
   thread)
     sanitizers=thread
-    export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+    export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/scripts/tsan.supp
     ;;
   *)
     echo "unknown mode: $mode" >&2
