@@ -165,19 +165,36 @@ struct Context {
         return std::nullopt;
     }
 
-    // The payload parsed once, for push-type inference and the payload rows; `parseError` says
-    // why it is not JSON.
-    const std::optional<platform::Value>& parsedBody() {
-        if (!parsed) {
-            parsed.emplace(
-                request.body.empty() || request.bodyTooLarge
-                    ? std::nullopt
-                    : platform::JSONSerialization::jsonObject(request.body, {}, &parseError));
+    // What the checks need of the payload, read once (push-type inference, the payload rows).
+    // The payload is only read here, through views of the parsed text: the Value tree the device
+    // takes is built from the text on the push service's queue, off the server's thread.
+    struct BodyReading {
+        bool json = false;
+        bool object = false;
+        // "aps" holds content-available 1 and no alert, badge or sound.
+        bool contentAvailableOnly = false;
+        // Why the payload is not JSON.
+        std::string error;
+    };
+    const BodyReading& readBody() {
+        if (!reading) {
+            BodyReading& r = reading.emplace();
+            if (!request.body.empty() && !request.bodyTooLarge) {
+                r.json = platform::visitJSON(
+                    request.body, false, &r.error, [&r](const platform::JSONElement& root) {
+                        r.object = root.kind() == platform::Value::Kind::dictionary;
+                        const auto aps = root.member("aps");
+                        const auto available =
+                            aps ? aps->member("content-available") : std::nullopt;
+                        r.contentAvailableOnly =
+                            available && available->toValue() == platform::Value(1) &&
+                            !aps->member("alert") && !aps->member("badge") && !aps->member("sound");
+                    });
+            }
         }
-        return *parsed;
+        return *reading;
     }
-    std::optional<std::optional<platform::Value>> parsed;
-    std::string parseError;
+    std::optional<BodyReading> reading;
 
     bool fail(std::string text) {
         detail = std::move(text);
@@ -284,14 +301,7 @@ PushType inferredPushType(Context& c) {
             return type.type;
         }
     }
-    const auto& body = c.parsedBody();
-    const platform::Value* aps = body ? body->find("aps") : nullptr;
-    const platform::Value* available = aps ? aps->find("content-available") : nullptr;
-    if (available != nullptr && *available == platform::Value(1) && !aps->find("alert") &&
-        !aps->find("badge") && !aps->find("sound")) {
-        return PushType::background;
-    }
-    return PushType::alert;
+    return c.readBody().contentAvailableOnly ? PushType::background : PushType::alert;
 }
 
 bool hasKnownPushType(Context& c) {
@@ -395,16 +405,15 @@ bool hasPayload(Context& c) {
 }
 
 bool isJsonObjectPayload(Context& c) {
-    const auto& body = c.parsedBody();
-    if (!body) {
+    const auto& body = c.readBody();
+    if (!body.json) {
         return c.fail("the payload is not JSON" +
-                      (c.parseError.empty() ? std::string() : ": " + c.parseError));
+                      (body.error.empty() ? std::string() : ": " + body.error));
     }
-    if (!body->dictionary()) {
+    if (!body.object) {
         return c.fail("the payload is JSON but not an object ({...})");
     }
-    // Moved out: the parsed body is not looked at again.
-    c.accepted.payload = std::move(*c.parsed->value().dictionary());
+    c.accepted.payload = c.request.body;
     return true;
 }
 

@@ -311,6 +311,20 @@ TEST(ProviderRequest, AcceptsAndInfersWhatHeadersLeaveOut) {
          PushType::background, 5, kBundle},
         {"content-available and an alert",
          {.body = R"({"aps":{"content-available":1,"alert":"a"}})"}, PushType::alert, 10, kBundle},
+        {"content-available 1.0", {.body = R"({"aps":{"content-available":1.0}})"},
+         PushType::background, 5, kBundle},
+        {"content-available \"1\"", {.body = R"({"aps":{"content-available":"1"}})"},
+         PushType::alert, 10, kBundle},
+        {"content-available 2", {.body = R"({"aps":{"content-available":2}})"},
+         PushType::alert, 10, kBundle},
+        {"content-available and a badge",
+         {.body = R"({"aps":{"content-available":1,"badge":0}})"}, PushType::alert, 10, kBundle},
+        {"content-available and a sound",
+         {.body = R"({"aps":{"sound":"s","content-available":1}})"}, PushType::alert, 10, kBundle},
+        {"the last of two aps", {.body = R"({"aps":{"alert":"a"},"aps":{"content-available":1}})"},
+         PushType::background, 5, kBundle},
+        {"content-available outside aps", {.body = R"({"content-available":1,"aps":[1]})"},
+         PushType::alert, 10, kBundle},
         {"complication topic", {{{"apns-topic", kBundle + ".complication"}}},
          PushType::complication, 10, kBundle + ".complication"},
         {"certificate, no topic",
@@ -344,7 +358,7 @@ TEST(ProviderRequest, AcceptsAndInfersWhatHeadersLeaveOut) {
     EXPECT_EQ(accepted.expiration, 1700003600);
     EXPECT_EQ(accepted.collapseId, std::string(64, 'c'));
     EXPECT_EQ(accepted.deviceToken, kDevice);
-    EXPECT_EQ(*accepted.payload.find("aps")->find("alert")->text(), "hi");
+    EXPECT_EQ(accepted.payload, kAlert);
 }
 
 }  // namespace

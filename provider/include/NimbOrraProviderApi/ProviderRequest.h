@@ -110,7 +110,10 @@ struct PushNotificationRequest {
     std::int64_t expiration = 0;
     std::optional<std::string> collapseId;
     std::string deviceToken;
-    platform::Dictionary payload;
+    // The payload as it came: JSON text checked to hold an object, which
+    // platform::JSONSerialization::jsonObject reads into its Dictionary. The server's thread
+    // only checks it; whoever hands the notification on builds the tree, on its own thread.
+    std::string payload;
 };
 
 // A refused request: APNs's status and reason (the {"reason": ...} body).
