@@ -413,7 +413,6 @@ bool isJsonObjectPayload(Context& c) {
     if (!body.object) {
         return c.fail("the payload is JSON but not an object ({...})");
     }
-    c.accepted.payload = c.request.body;
     return true;
 }
 
@@ -586,10 +585,14 @@ std::optional<ApnsEnvironment> apnsEnvironmentOfAuthority(std::string_view autho
     return std::nullopt;
 }
 
-ProviderVerdict checkProviderRequest(const ProviderRequest& request,
-                                     const ProviderDestination& destination,
-                                     const ConnectionAuthentication& authentication,
-                                     std::int64_t nowSeconds, std::string (*makeApnsId)()) {
+namespace {
+
+// Both checkProviderRequest: an accepted request's payload is taken from `body` when there is
+// one (the request's own body, which its caller gives up), else copied from the request.
+ProviderVerdict checkRequest(const ProviderRequest& request, std::string* body,
+                             const ProviderDestination& destination,
+                             const ConnectionAuthentication& authentication,
+                             std::int64_t nowSeconds, std::string (*makeApnsId)()) {
     Context context(request, destination, authentication, nowSeconds);
     std::string apnsId;
     if (const auto id = context.header("apns-id"); id && platform::isUuidText(*id)) {
@@ -606,7 +609,25 @@ ProviderVerdict checkProviderRequest(const ProviderRequest& request,
     PushNotificationRequest accepted = std::move(context.accepted);
     accepted.apnsId = std::move(apnsId);
     accepted.deviceToken = platform::asciiLowercased(context.deviceToken);
+    accepted.payload = body != nullptr ? std::move(*body) : request.body;
     return accepted;
+}
+
+}  // namespace
+
+ProviderVerdict checkProviderRequest(const ProviderRequest& request,
+                                     const ProviderDestination& destination,
+                                     const ConnectionAuthentication& authentication,
+                                     std::int64_t nowSeconds, std::string (*makeApnsId)()) {
+    return checkRequest(request, nullptr, destination, authentication, nowSeconds, makeApnsId);
+}
+
+ProviderVerdict checkProviderRequest(ProviderRequest&& request,
+                                     const ProviderDestination& destination,
+                                     const ConnectionAuthentication& authentication,
+                                     std::int64_t nowSeconds, std::string (*makeApnsId)()) {
+    return checkRequest(request, &request.body, destination, authentication, nowSeconds,
+                        makeApnsId);
 }
 
 std::string refusalBody(const ProviderRefusal& refusal) {

@@ -207,7 +207,8 @@ void ProviderService::record(const ProviderRefusal& refusal) {
 void ProviderService::handle(ProviderRequest request,
                              const ConnectionAuthentication& authentication,
                              ProviderResponder respond) {
-    auto verdict = checkProviderRequest(request, *destination(), authentication, nowSeconds());
+    auto verdict =
+        checkProviderRequest(std::move(request), *destination(), authentication, nowSeconds());
     if (auto* refusal = std::get_if<ProviderRefusal>(&verdict)) {
         record(*refusal);
         respond({refusal->status, refusal->apnsId, refusalBody(*refusal)});

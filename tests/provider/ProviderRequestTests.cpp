@@ -204,8 +204,27 @@ ProviderVerdict run(const RequestCase& c) {
     if (c.unregistered) {
         destination.unregisteredAt = 1'650'000'000'000;
     }
-    return checkProviderRequest(request, destination, authentication, kNow,
-                                [] { return std::string("00000000-0000-4000-8000-000000000000"); });
+    const auto makeId = [] { return std::string("00000000-0000-4000-8000-000000000000"); };
+    auto verdict = checkProviderRequest(request, destination, authentication, kNow, makeId);
+    // A request given up (moved in) is judged alike; only an accepted one loses its body, to
+    // the payload.
+    ProviderTokenSession other(verifier());
+    if (!c.certificate) {
+        authentication.tokens = &other;
+    }
+    auto given = request;
+    const auto taken =
+        checkProviderRequest(std::move(given), destination, authentication, kNow, makeId);
+    EXPECT_EQ(taken.index(), verdict.index());
+    if (const auto* accepted = std::get_if<PushNotificationRequest>(&taken)) {
+        EXPECT_EQ(accepted->payload, request.body);
+        EXPECT_EQ(accepted->payload, std::get<PushNotificationRequest>(verdict).payload);
+        EXPECT_TRUE(given.body.empty());
+    } else if (const auto* refused = std::get_if<ProviderRefusal>(&taken)) {
+        EXPECT_EQ(refused->reason, std::get<ProviderRefusal>(verdict).reason);
+        EXPECT_EQ(given.body, request.body);
+    }
+    return verdict;
 }
 
 TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {

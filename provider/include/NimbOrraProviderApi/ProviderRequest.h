@@ -141,6 +141,13 @@ ProviderVerdict checkProviderRequest(const ProviderRequest& request,
                                      const ConnectionAuthentication& authentication,
                                      std::int64_t nowSeconds,
                                      std::string (*makeApnsId)() = nullptr);
+// The same for a request its caller is done with: an accepted request's payload is taken over
+// from `request.body` (left empty) rather than copied. A refused request is left as it came.
+ProviderVerdict checkProviderRequest(ProviderRequest&& request,
+                                     const ProviderDestination& destination,
+                                     const ConnectionAuthentication& authentication,
+                                     std::int64_t nowSeconds,
+                                     std::string (*makeApnsId)() = nullptr);
 
 // The body of a refusal: {"reason":"..."} or {"reason":"...","timestamp":N}.
 std::string refusalBody(const ProviderRefusal& refusal);
