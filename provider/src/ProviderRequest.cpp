@@ -136,6 +136,16 @@ std::string pushTypeNames() {
     return names;
 }
 
+// What the checks need of the payload, read once (push-type inference, the payload rows).
+struct BodyReading {
+    bool json = false;
+    bool object = false;
+    // "aps" holds content-available 1 and no alert, badge or sound.
+    bool contentAvailableOnly = false;
+    // Why the payload is not JSON.
+    std::string error;
+};
+
 // What the checks read from the request and settle as they pass, in table order.
 struct Context {
     Context(const ProviderRequest& request, const ProviderDestination& destination,
@@ -148,8 +158,8 @@ struct Context {
     std::int64_t now;
 
     std::string_view deviceToken;
-    // The notification as the rows read it: topic, push type, priority, expiration, collapse id
-    // and payload; its apns-id and device token are set once every row has passed.
+    // The notification as the rows read it: topic, push type, priority, expiration and collapse
+    // id; its apns-id, device token and payload are set once every row has passed.
     PushNotificationRequest accepted;
     // Set by a check whose status and reason vary (the authentication row).
     std::optional<TokenRefusal> refusal;
@@ -165,17 +175,8 @@ struct Context {
         return std::nullopt;
     }
 
-    // What the checks need of the payload, read once (push-type inference, the payload rows).
-    // The payload is only read here, through views of the parsed text: the Value tree the device
-    // takes is built from the text on the push service's queue, off the server's thread.
-    struct BodyReading {
-        bool json = false;
-        bool object = false;
-        // "aps" holds content-available 1 and no alert, badge or sound.
-        bool contentAvailableOnly = false;
-        // Why the payload is not JSON.
-        std::string error;
-    };
+    // The payload read once, through views of the parsed text: the Value tree the device takes
+    // is built from the text on the push service's queue, off the server's thread.
     const BodyReading& readBody() {
         if (!reading) {
             BodyReading& r = reading.emplace();
