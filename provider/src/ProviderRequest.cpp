@@ -610,7 +610,11 @@ ProviderVerdict checkRequest(const ProviderRequest& request, std::string* body,
     PushNotificationRequest accepted = std::move(context.accepted);
     accepted.apnsId = std::move(apnsId);
     accepted.deviceToken = platform::asciiLowercased(context.deviceToken);
-    accepted.payload = body != nullptr ? std::move(*body) : request.body;
+    if (body != nullptr) {
+        accepted.payload = std::move(*body);
+    } else {
+        accepted.payload = request.body;
+    }
     return accepted;
 }
 
