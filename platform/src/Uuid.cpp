@@ -43,14 +43,15 @@ std::string makeUuid() {
     }
     bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4 (random)
     bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);  // the RFC 4122 variant
-    std::string uuid;
-    uuid.reserve(36);
+    // Written in place: this runs for every provider request that brings no apns-id.
+    std::string uuid(36, '-');
+    std::size_t at = 0;
     for (const std::uint8_t byte : bytes) {
-        if (isDashAt(uuid.size())) {
-            uuid += '-';
+        if (isDashAt(at)) {
+            ++at;
         }
-        uuid += hexDigit(byte >> 4);
-        uuid += hexDigit(byte);
+        uuid[at++] = hexDigit(byte >> 4);
+        uuid[at++] = hexDigit(byte);
     }
     return uuid;
 }

@@ -136,6 +136,16 @@ std::string pushTypeNames() {
     return names;
 }
 
+// What the checks need of the payload, read once (push-type inference, the payload rows).
+struct BodyReading {
+    bool json = false;
+    bool object = false;
+    // "aps" holds content-available 1 and no alert, badge or sound.
+    bool contentAvailableOnly = false;
+    // Why the payload is not JSON.
+    std::string error;
+};
+
 // What the checks read from the request and settle as they pass, in table order.
 struct Context {
     Context(const ProviderRequest& request, const ProviderDestination& destination,
@@ -148,8 +158,8 @@ struct Context {
     std::int64_t now;
 
     std::string_view deviceToken;
-    // The notification as the rows read it: topic, push type, priority, expiration, collapse id
-    // and payload; its apns-id and device token are set once every row has passed.
+    // The notification as the rows read it: topic, push type, priority, expiration and collapse
+    // id; its apns-id, device token and payload are set once every row has passed.
     PushNotificationRequest accepted;
     // Set by a check whose status and reason vary (the authentication row).
     std::optional<TokenRefusal> refusal;
@@ -165,19 +175,27 @@ struct Context {
         return std::nullopt;
     }
 
-    // The payload parsed once, for push-type inference and the payload rows; `parseError` says
-    // why it is not JSON.
-    const std::optional<platform::Value>& parsedBody() {
-        if (!parsed) {
-            parsed.emplace(
-                request.body.empty() || request.bodyTooLarge
-                    ? std::nullopt
-                    : platform::JSONSerialization::jsonObject(request.body, {}, &parseError));
+    // The payload read once, through views of the parsed text: the Value tree the device takes
+    // is built from the text on the push service's queue, off the server's thread.
+    const BodyReading& readBody() {
+        if (!reading) {
+            BodyReading& r = reading.emplace();
+            if (!request.body.empty() && !request.bodyTooLarge) {
+                r.json = platform::visitJSON(
+                    request.body, false, &r.error, [&r](const platform::JSONElement& root) {
+                        r.object = root.kind() == platform::Value::Kind::dictionary;
+                        const auto aps = root.member("aps");
+                        const auto available =
+                            aps ? aps->member("content-available") : std::nullopt;
+                        r.contentAvailableOnly =
+                            available && available->toValue() == platform::Value(1) &&
+                            !aps->member("alert") && !aps->member("badge") && !aps->member("sound");
+                    });
+            }
         }
-        return *parsed;
+        return *reading;
     }
-    std::optional<std::optional<platform::Value>> parsed;
-    std::string parseError;
+    std::optional<BodyReading> reading;
 
     bool fail(std::string text) {
         detail = std::move(text);
@@ -284,14 +302,7 @@ PushType inferredPushType(Context& c) {
             return type.type;
         }
     }
-    const auto& body = c.parsedBody();
-    const platform::Value* aps = body ? body->find("aps") : nullptr;
-    const platform::Value* available = aps ? aps->find("content-available") : nullptr;
-    if (available != nullptr && *available == platform::Value(1) && !aps->find("alert") &&
-        !aps->find("badge") && !aps->find("sound")) {
-        return PushType::background;
-    }
-    return PushType::alert;
+    return c.readBody().contentAvailableOnly ? PushType::background : PushType::alert;
 }
 
 bool hasKnownPushType(Context& c) {
@@ -395,16 +406,14 @@ bool hasPayload(Context& c) {
 }
 
 bool isJsonObjectPayload(Context& c) {
-    const auto& body = c.parsedBody();
-    if (!body) {
+    const auto& body = c.readBody();
+    if (!body.json) {
         return c.fail("the payload is not JSON" +
-                      (c.parseError.empty() ? std::string() : ": " + c.parseError));
+                      (body.error.empty() ? std::string() : ": " + body.error));
     }
-    if (!body->dictionary()) {
+    if (!body.object) {
         return c.fail("the payload is JSON but not an object ({...})");
     }
-    // Moved out: the parsed body is not looked at again.
-    c.accepted.payload = std::move(*c.parsed->value().dictionary());
     return true;
 }
 
@@ -577,10 +586,14 @@ std::optional<ApnsEnvironment> apnsEnvironmentOfAuthority(std::string_view autho
     return std::nullopt;
 }
 
-ProviderVerdict checkProviderRequest(const ProviderRequest& request,
-                                     const ProviderDestination& destination,
-                                     const ConnectionAuthentication& authentication,
-                                     std::int64_t nowSeconds, std::string (*makeApnsId)()) {
+namespace {
+
+// Both checkProviderRequest: an accepted request's payload is taken from `body` when there is
+// one (the request's own body, which its caller gives up), else copied from the request.
+ProviderVerdict checkRequest(const ProviderRequest& request, std::string* body,
+                             const ProviderDestination& destination,
+                             const ConnectionAuthentication& authentication,
+                             std::int64_t nowSeconds, std::string (*makeApnsId)()) {
     Context context(request, destination, authentication, nowSeconds);
     std::string apnsId;
     if (const auto id = context.header("apns-id"); id && platform::isUuidText(*id)) {
@@ -597,7 +610,29 @@ ProviderVerdict checkProviderRequest(const ProviderRequest& request,
     PushNotificationRequest accepted = std::move(context.accepted);
     accepted.apnsId = std::move(apnsId);
     accepted.deviceToken = platform::asciiLowercased(context.deviceToken);
+    if (body != nullptr) {
+        accepted.payload = std::move(*body);
+    } else {
+        accepted.payload = request.body;
+    }
     return accepted;
+}
+
+}  // namespace
+
+ProviderVerdict checkProviderRequest(const ProviderRequest& request,
+                                     const ProviderDestination& destination,
+                                     const ConnectionAuthentication& authentication,
+                                     std::int64_t nowSeconds, std::string (*makeApnsId)()) {
+    return checkRequest(request, nullptr, destination, authentication, nowSeconds, makeApnsId);
+}
+
+ProviderVerdict checkProviderRequest(ProviderRequest&& request,
+                                     const ProviderDestination& destination,
+                                     const ConnectionAuthentication& authentication,
+                                     std::int64_t nowSeconds, std::string (*makeApnsId)()) {
+    return checkRequest(request, &request.body, destination, authentication, nowSeconds,
+                        makeApnsId);
 }
 
 std::string refusalBody(const ProviderRefusal& refusal) {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "NimbOrraPlatform/Hex.h"
+#include "NimbOrraPlatform/JSONSerialization.h"
 #include "NimbOrraPlatform/Logger.h"
 #include "RepeatedLine.h"
 
@@ -56,10 +57,13 @@ ProviderRecord recordFor(const PushNotificationRequest& request, ProviderOutcome
     return record;
 }
 
-// The notification the device takes; the payload moves out of `request` (a copy for a kept one).
-platform::IncomingRemoteNotification incomingFor(PushNotificationRequest& request) {
+// The notification the device takes, its payload read from the request's text here (on the
+// queue's thread, not the server's). The rules have checked that the text holds a JSON object.
+platform::IncomingRemoteNotification incomingFor(const PushNotificationRequest& request) {
+    auto parsed = platform::JSONSerialization::jsonObject(request.payload);
+    auto* object = parsed ? parsed->dictionary() : nullptr;
     return {request.apnsId, request.collapseId, std::string(pushTypeName(request.pushType)),
-            std::move(request.payload)};
+            object != nullptr ? std::move(*object) : platform::Dictionary()};
 }
 
 // A refusal of the service's own (not the rules'), for an accepted request it cannot deliver.
@@ -203,7 +207,8 @@ void ProviderService::record(const ProviderRefusal& refusal) {
 void ProviderService::handle(ProviderRequest request,
                              const ConnectionAuthentication& authentication,
                              ProviderResponder respond) {
-    auto verdict = checkProviderRequest(request, *destination(), authentication, nowSeconds());
+    auto verdict =
+        checkProviderRequest(std::move(request), *destination(), authentication, nowSeconds());
     if (auto* refusal = std::get_if<ProviderRefusal>(&verdict)) {
         record(*refusal);
         respond({refusal->status, refusal->apnsId, refusalBody(*refusal)});

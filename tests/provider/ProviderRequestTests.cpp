@@ -204,8 +204,27 @@ ProviderVerdict run(const RequestCase& c) {
     if (c.unregistered) {
         destination.unregisteredAt = 1'650'000'000'000;
     }
-    return checkProviderRequest(request, destination, authentication, kNow,
-                                [] { return std::string("00000000-0000-4000-8000-000000000000"); });
+    const auto makeId = [] { return std::string("00000000-0000-4000-8000-000000000000"); };
+    auto verdict = checkProviderRequest(request, destination, authentication, kNow, makeId);
+    // A request given up (moved in) is judged alike; only an accepted one loses its body, to
+    // the payload.
+    ProviderTokenSession other(verifier());
+    if (!c.certificate) {
+        authentication.tokens = &other;
+    }
+    auto given = request;
+    const auto taken =
+        checkProviderRequest(std::move(given), destination, authentication, kNow, makeId);
+    EXPECT_EQ(taken.index(), verdict.index());
+    if (const auto* accepted = std::get_if<PushNotificationRequest>(&taken)) {
+        EXPECT_EQ(accepted->payload, request.body);
+        EXPECT_EQ(accepted->payload, std::get<PushNotificationRequest>(verdict).payload);
+        EXPECT_TRUE(given.body.empty());
+    } else if (const auto* refused = std::get_if<ProviderRefusal>(&taken)) {
+        EXPECT_EQ(refused->reason, std::get<ProviderRefusal>(verdict).reason);
+        EXPECT_EQ(given.body, request.body);
+    }
+    return verdict;
 }
 
 TEST(ProviderRequest, RefusesWithApnsStatusAndReason) {
@@ -311,6 +330,20 @@ TEST(ProviderRequest, AcceptsAndInfersWhatHeadersLeaveOut) {
          PushType::background, 5, kBundle},
         {"content-available and an alert",
          {.body = R"({"aps":{"content-available":1,"alert":"a"}})"}, PushType::alert, 10, kBundle},
+        {"content-available 1.0", {.body = R"({"aps":{"content-available":1.0}})"},
+         PushType::background, 5, kBundle},
+        {"content-available \"1\"", {.body = R"({"aps":{"content-available":"1"}})"},
+         PushType::alert, 10, kBundle},
+        {"content-available 2", {.body = R"({"aps":{"content-available":2}})"},
+         PushType::alert, 10, kBundle},
+        {"content-available and a badge",
+         {.body = R"({"aps":{"content-available":1,"badge":0}})"}, PushType::alert, 10, kBundle},
+        {"content-available and a sound",
+         {.body = R"({"aps":{"sound":"s","content-available":1}})"}, PushType::alert, 10, kBundle},
+        {"the last of two aps", {.body = R"({"aps":{"alert":"a"},"aps":{"content-available":1}})"},
+         PushType::background, 5, kBundle},
+        {"content-available outside aps", {.body = R"({"content-available":1,"aps":[1]})"},
+         PushType::alert, 10, kBundle},
         {"complication topic", {{{"apns-topic", kBundle + ".complication"}}},
          PushType::complication, 10, kBundle + ".complication"},
         {"certificate, no topic",
@@ -344,7 +377,7 @@ TEST(ProviderRequest, AcceptsAndInfersWhatHeadersLeaveOut) {
     EXPECT_EQ(accepted.expiration, 1700003600);
     EXPECT_EQ(accepted.collapseId, std::string(64, 'c'));
     EXPECT_EQ(accepted.deviceToken, kDevice);
-    EXPECT_EQ(*accepted.payload.find("aps")->find("alert")->text(), "hi");
+    EXPECT_EQ(accepted.payload, kAlert);
 }
 
 }  // namespace

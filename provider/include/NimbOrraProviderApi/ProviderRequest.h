@@ -110,7 +110,10 @@ struct PushNotificationRequest {
     std::int64_t expiration = 0;
     std::optional<std::string> collapseId;
     std::string deviceToken;
-    platform::Dictionary payload;
+    // The payload as it came: JSON text checked to hold an object, which
+    // platform::JSONSerialization::jsonObject reads into its Dictionary. The server's thread
+    // only checks it; whoever hands the notification on builds the tree, on its own thread.
+    std::string payload;
 };
 
 // A refused request: APNs's status and reason (the {"reason": ...} body).
@@ -134,6 +137,13 @@ using ProviderVerdict = std::variant<PushNotificationRequest, ProviderRefusal>;
 // Checks one request at `nowSeconds`. `makeApnsId` supplies a new canonical UUID when the request
 // has none (platform::makeUuid when null).
 ProviderVerdict checkProviderRequest(const ProviderRequest& request,
+                                     const ProviderDestination& destination,
+                                     const ConnectionAuthentication& authentication,
+                                     std::int64_t nowSeconds,
+                                     std::string (*makeApnsId)() = nullptr);
+// The same for a request its caller is done with: an accepted request's payload is taken over
+// from `request.body` (left empty) rather than copied. A refused request is left as it came.
+ProviderVerdict checkProviderRequest(ProviderRequest&& request,
                                      const ProviderDestination& destination,
                                      const ConnectionAuthentication& authentication,
                                      std::int64_t nowSeconds,
