@@ -109,6 +109,9 @@ TEST_F(ApnsServicePluginTest, RepliesForEveryKindOfResult) {
          R"({"outcome":{"code":"C","data":null}})"},
         {ApnsServiceGetTokenResult::unknown("C", R"({"k":[1,"\/"]})"),
          R"({"outcome":{"code":"C","data":{"k":[1,"\/"]}}})"},
+        // A number that no 64-bit integer holds is still JSON.
+        {ApnsServiceGetTokenResult::unknown("C", "123456789012345678901234567890"),
+         R"({"outcome":{"code":"C","data":1.2345678901234568e+29}})"},
         {ApnsServiceGetTokenResult::unknown("C", ""), notJSON},
         {ApnsServiceGetTokenResult::unknown("C", "{"), notJSON},
         {ApnsServiceGetTokenResult::failure(problem),

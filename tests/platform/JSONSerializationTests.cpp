@@ -38,18 +38,15 @@ TEST(JSONWriter, WritesNumbersInThePlatformForm) {
     const std::pair<const char*, const char*> cases[] = {
         {"0", "0"},
         {"-0", "-0"},
-        {"1", "1"},
         {"0.1", "0.1"},
         {"0.0001", "0.0001"},
         {"0.00001", "1e-05"},
         {"1e15", "1000000000000000"},
         {"1e20", "1e+20"},
         {"123456789012345678", "1.2345678901234568e+17"},
-        {"-2.5", "-2.5"},
         {"9007199254740992", "9007199254740992"},
         {"9007199254740994", "9.007199254740994e+15"},
         {"1.5e-300", "1.5e-300"},
-        {"123.456", "123.456"},
         {"1.7976931348623157e308", "1.7976931348623157e+308"}};
     for (const auto& [number, text] : cases) {
         EXPECT_EQ(write(Value(std::strtod(number, nullptr))), text);
@@ -72,28 +69,13 @@ TEST(JSONWriter, EscapesLikeThePlatform) {
 // sparse, with and without control characters beside them, come out as a byte-by-byte escaper
 // writes them.
 TEST(JSONWriter, EscapesAtEveryPlaceOfABlock) {
-    const auto escapedByByte = [](std::string_view text) {
+    const std::map<char, std::string> escapes = {
+        {'"', "\\\""}, {'\\', "\\\\"}, {'/', "\\/"}, {'\n', "\\n"}, {'\x01', "\\u0001"}};
+    const auto escapedByByte = [&](std::string_view text) {
         std::string out = "\"";
         for (const char c : text) {
-            switch (c) {
-                case '"':
-                    out += "\\\"";
-                    break;
-                case '\\':
-                    out += "\\\\";
-                    break;
-                case '/':
-                    out += "\\/";
-                    break;
-                case '\n':
-                    out += "\\n";
-                    break;
-                case '\x01':
-                    out += "\\u0001";
-                    break;
-                default:
-                    out += c;
-            }
+            const auto escape = escapes.find(c);
+            out += escape == escapes.end() ? std::string(1, c) : escape->second;
         }
         return out + '"';
     };
@@ -116,15 +98,6 @@ TEST(JSONWriter, EscapesAtEveryPlaceOfABlock) {
                   "[\"k\"," + escapedByByte(input) + "]")
             << at;
     }
-}
-
-// A run that needs escaping throughout spans many blocks.
-TEST(JSONWriter, EscapesLongRuns) {
-    // Built by appending: GCC 12 at -O3 reports a false -Wrestrict for "..." + std::string.
-    std::string expected = "\"";
-    expected += testing::repeated("\\n", 5000);
-    expected += '"';
-    EXPECT_EQ(write(Value(std::string(5000, '\n'))), expected);
 }
 
 TEST(JSONWriter, KeepsInsertionOrderOrSortsByKeyBytesAtEveryLevel) {
@@ -164,27 +137,29 @@ TEST(JSONWriter, RefusesWhatJSONCannotExpress) {
     EXPECT_EQ(JSONSerialization::data(Value(1), {.fragmentsAllowed = true}), "1");
 }
 
-TEST(JSONReader, ReadsValuesOfEveryKind) {
-    auto value = JSONSerialization::jsonObject(
-        "\xEF\xBB\xBF "
-        "{\"i\":-5,\"u\":18446744073709551615,\"d\":2.5,\"e\":1e2,\"s\":\"\\u00e9\\/\","
-        "\"b\":false,\"n\":null,\"a\":[1,{}],\"i\":7}");
+// A leading byte order mark is skipped; a repeated member keeps its first place and its last value.
+TEST(JSONReader, ReadsObjectsInOrderTheLastDuplicateWinning) {
+    auto value =
+        JSONSerialization::jsonObject("\xEF\xBB\xBF {\"i\":-5,\"b\":false,\"a\":[1,{}],\"i\":7}");
     ASSERT_TRUE(value.has_value());
     const Dictionary& object = *value->dictionary();
-    EXPECT_EQ(object.size(), 8u);
+    EXPECT_EQ(object.size(), 3u);
     EXPECT_EQ(*object.find("i")->integer(), 7) << "the last duplicate wins";
-    EXPECT_EQ(*object.find("u")->unsignedInteger(), std::numeric_limits<std::uint64_t>::max());
-    EXPECT_EQ(*object.find("d")->real(), 2.5);
-    EXPECT_EQ(*object.find("e"), Value(100));
-    EXPECT_EQ(*object.find("s")->text(), "\xC3\xA9/");
-    EXPECT_TRUE(object.find("n")->isNull());
     EXPECT_EQ(object.entries()[0].first, Key("i")) << "insertion order is kept";
 }
 
 // The edges of the grammar where a reader is easily wrong: what each text reads as (kind and
-// value, a real's sign included), or that it is refused.
+// value, a real's sign included), or that it is refused with a reason. An integer that no 64-bit
+// integer holds is still a number, read as the nearest double; nesting stops where the writer's
+// does.
 TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
     const auto real = [](double d) { return std::optional<Value>(Value(d)); };
+    const auto deep = [](std::size_t depth) {
+        return std::string(depth, '[') + std::string(depth, ']');
+    };
+    const std::size_t limit = JSONSerialization::maximumDepth;
+    const std::string big = "123456789012345678901234567890";
+    const double bigAsDouble = 123456789012345678901234567890.0;
     const std::pair<std::string, std::optional<Value>> cases[] = {
         {"-0", Value(0)},
         {"-0.0", real(-0.0)},
@@ -198,6 +173,19 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
         {"9223372036854775807", Value(std::numeric_limits<std::int64_t>::max())},
         {"9223372036854775808", Value(std::uint64_t{1} << 63)},
         {"-9223372036854775808", Value(std::numeric_limits<std::int64_t>::min())},
+        {"18446744073709551615", Value(std::numeric_limits<std::uint64_t>::max())},
+        {"18446744073709551616", real(18446744073709551616.0)},
+        {"-9223372036854775809", real(-9223372036854775809.0)},
+        {big, real(bigAsDouble)},
+        {"-" + big, real(-bigAsDouble)},
+        {"[" + big + ",1e5]", Value(Array{Value(bigAsDouble), Value(100000.0)})},
+        {R"(["\"", )" + big + R"(, "\\", ")" + big + "\"]",
+         Value(Array{Value("\""), Value(bigAsDouble), Value("\\"), Value(big)})},
+        {"[0" + big + "]", std::nullopt},
+        {"[" + big + "x]", std::nullopt},
+        {"[" + big + ".]", std::nullopt},
+        {"[\"" + big + "]", std::nullopt},
+        {"[" + big, std::nullopt},
         {"1e400", std::nullopt},
         {"-1e99999999999999999999", std::nullopt},
         {"1.", std::nullopt},
@@ -230,30 +218,41 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
         {"[]]", std::nullopt},
         {"[[]", std::nullopt},
         {"{\"a\":1,}", std::nullopt},
+        {"", std::nullopt},
+        {"{", std::nullopt},
+        {"[1,]", std::nullopt},
+        {"\xFF", std::nullopt},
+        {"[\"\xC0\xAF\"]", std::nullopt},
+        {"NaN", std::nullopt},
+        {"{'a':1}", std::nullopt},
+        {"[1] x", std::nullopt},
+        {deep(limit), nested(limit)},
+        {deep(limit + 1), std::nullopt},
+        {deep(100000), std::nullopt},
     };
     for (const auto& [text, expected] : cases) {
         std::string error;
         const auto read = JSONSerialization::jsonObject(text, {.fragmentsAllowed = true}, &error);
-        ASSERT_EQ(read.has_value(), expected.has_value()) << text << ": " << error;
+        ASSERT_EQ(read.has_value(), expected.has_value()) << text.substr(0, 40) << ": " << error;
         if (expected) {
-            EXPECT_EQ(read->kind(), expected->kind()) << text;
-            EXPECT_EQ(*read, *expected) << text;
+            EXPECT_EQ(read->kind(), expected->kind()) << text.substr(0, 40);
+            EXPECT_EQ(*read, *expected) << text.substr(0, 40);
             if (const double* d = expected->real()) {
-                EXPECT_EQ(std::signbit(*read->real()), std::signbit(*d)) << text;
+                EXPECT_EQ(std::signbit(*read->real()), std::signbit(*d)) << text.substr(0, 40);
             }
         } else {
-            EXPECT_FALSE(error.empty()) << text;
+            EXPECT_FALSE(error.empty()) << text.substr(0, 40);
         }
     }
     // A refused text is blamed for its own fault, not for an integer beyond 64 bits before it
     // (which the reader takes, as the nearest double).
-    for (const std::string big :
+    for (const std::string huge :
          {"18446744073709551616", "-9223372036854775809", "90000000000000000000"}) {
         std::string bigFirst;
         std::string smallFirst;
-        EXPECT_FALSE(JSONSerialization::jsonObject("[" + big + ",tru]", {}, &bigFirst));
+        EXPECT_FALSE(JSONSerialization::jsonObject("[" + huge + ",tru]", {}, &bigFirst));
         EXPECT_FALSE(JSONSerialization::jsonObject("[1,tru]", {}, &smallFirst));
-        EXPECT_EQ(bigFirst, smallFirst) << big;
+        EXPECT_EQ(bigFirst, smallFirst) << huge;
     }
 }
 
@@ -278,14 +277,6 @@ TEST(JSONReader, ViewsSeeWhatTheTreeHolds) {
         EXPECT_EQ(kinds,
                   (std::vector{Value::Kind::integer, Value::Kind::integer, Value::Kind::real,
                                Value::Kind::text, Value::Kind::array, Value::Kind::dictionary}));
-        auto item = a->begin();
-        EXPECT_EQ((*item).integer(), 1);
-        ++item;
-        EXPECT_EQ((*item).integer(), -2);
-        ++item;
-        EXPECT_EQ((*item).real(), 3.5);
-        ++item;
-        EXPECT_EQ((*item).text(), "x\"y");
         // Parsing again from inside the visit does not disturb this document.
         EXPECT_EQ(JSONSerialization::jsonObject("[\"other\",[[2]]]"),
                   Value(Array{Value("other"), Value(Array{Value(Array{Value(2)})})}));
@@ -296,7 +287,6 @@ TEST(JSONReader, ViewsSeeWhatTheTreeHolds) {
         EXPECT_TRUE(root.member("a2")->isNull());
         EXPECT_FALSE(root.member("z").has_value());
         EXPECT_FALSE(a->member("a").has_value());
-        EXPECT_EQ(a->begin(), a->begin());
         EXPECT_EQ(root.begin(), root.end()) << "an object has no elements to iterate";
         EXPECT_EQ(root.toValue(), *JSONSerialization::jsonObject(text));
         EXPECT_EQ(a->toValue(), *JSONSerialization::jsonObject(text)->find("a"));
@@ -323,28 +313,6 @@ TEST(JSONReader, AcceptsFragmentsOnlyWhenAsked) {
         EXPECT_TRUE(JSONSerialization::jsonObject(fragment, {.fragmentsAllowed = true}))
             << fragment;
     }
-}
-
-TEST(JSONReader, RejectsInvalidInputWithAReason) {
-    for (const char* text : {"", "{", "[1,]", "{\"a\":1,}", "\xFF", "[\"\xC0\xAF\"]", "NaN", "[01]",
-                             "{'a':1}", "[1] x"}) {
-        std::string error;
-        EXPECT_FALSE(JSONSerialization::jsonObject(text, {.fragmentsAllowed = true}, &error))
-            << text;
-        EXPECT_FALSE(error.empty()) << text;
-    }
-}
-
-TEST(JSONReader, NestingLimitMatchesTheWriter) {
-    const std::size_t limit = JSONSerialization::maximumDepth;
-    const auto deep = [](std::size_t depth) {
-        return std::string(depth, '[') + std::string(depth, ']');
-    };
-    auto accepted = JSONSerialization::jsonObject(deep(limit));
-    ASSERT_TRUE(accepted.has_value());
-    EXPECT_EQ(*accepted, nested(limit));
-    EXPECT_FALSE(JSONSerialization::jsonObject(deep(limit + 1)).has_value());
-    EXPECT_FALSE(JSONSerialization::jsonObject(deep(100000)).has_value());
 }
 
 // The public JSON parsing test suite: y_ files must be accepted, n_ files refused, and other i_
