@@ -382,6 +382,7 @@ const struct {
 // launch notification captured before the plug-in was registered is drained afterwards, once.
 TEST_F(ApnsServiceEndToEnd, ConcurrentCallersLoseAndDuplicateNothing) {
     plugin_.reset();
+    core::OrraBridgeDispatcher::shared().resetForTesting();  // no plug-in exists
     ApnsColdStartBuffer::shared()->capture(
         platform::Dictionary{{"aps", platform::Value(platform::Dictionary{{"alert", "launch"}})}});
     registerPlugin();
