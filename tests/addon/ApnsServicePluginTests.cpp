@@ -16,10 +16,12 @@
 
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
 #include "NimbOrraPlatform/Logger.h"
+#include "NimbOrraPlatform/UserNotificationCenter.h"
 #include "NimbOrraPushAddonApns/ApnsBridgeEventEmitter.h"
 #include "NimbOrraPushAddonApns/ApnsCompletionBox.h"
 #include "NimbOrraPushAddonApns/ApnsOutcomeEnvelope.h"
 #include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
+#include "NimbOrraPushAddonApns/SystemNotificationCenter.h"
 
 namespace nimborra::apns {
 namespace {
@@ -109,6 +111,9 @@ TEST_F(ApnsServicePluginTest, RepliesForEveryKindOfResult) {
          R"({"outcome":{"code":"C","data":null}})"},
         {ApnsServiceGetTokenResult::unknown("C", R"({"k":[1,"\/"]})"),
          R"({"outcome":{"code":"C","data":{"k":[1,"\/"]}}})"},
+        // A number that no 64-bit integer holds is still JSON.
+        {ApnsServiceGetTokenResult::unknown("C", "123456789012345678901234567890"),
+         R"({"outcome":{"code":"C","data":1.2345678901234568e+29}})"},
         {ApnsServiceGetTokenResult::unknown("C", ""), notJSON},
         {ApnsServiceGetTokenResult::unknown("C", "{"), notJSON},
         {ApnsServiceGetTokenResult::failure(problem),
@@ -154,6 +159,29 @@ TEST_F(ApnsServicePluginTest, ThrowingCompletionsAndUnownedPluginsStillAnswer) {
     std::string reply;
     unowned.callAsync("GetToken", "{}", [&](std::string text) { reply = std::move(text); });
     EXPECT_EQ(reply, ApnsOutcomeEnvelope::serialisationFallback);
+}
+
+// Every call is answered exactly once, also when the plug-in's queue cannot take it; a plug-in
+// without an adapter answers with an error and is never registered.
+TEST_F(ApnsServicePluginTest, RefusedWorkIsAnsweredOnce) {
+    platform::LogCapture capture;
+    for (auto queue : {platform::DispatchQueue::makeRefusingForTesting("test.refusing"),
+                       std::shared_ptr<platform::DispatchQueue>()}) {
+        plugin = std::make_shared<ApnsServicePlugin>(adapter, queue);
+        EXPECT_EQ(call("SetBadgeCount", R"({"count":1})"),
+                  ApnsOutcomeEnvelope::serialisationFallback);
+    }
+    plugin = std::make_shared<ApnsServicePlugin>(
+        nullptr, std::make_shared<platform::DispatchQueue>("test.working"));
+    EXPECT_EQ(call("SetBadgeCount", R"({"count":1})"),
+              R"({"error":{"code":"INTERNAL","message":"ApnsService has no adapter"}})");
+
+    auto& dispatcher = core::OrraBridgeDispatcher::shared();
+    dispatcher.resetForTesting();
+    capture.clear();
+    ApnsServicePlugin::registerPlugin(nullptr);
+    EXPECT_EQ(dispatcher.plugin(ApnsServicePlugin::name), nullptr);
+    EXPECT_EQ(capture.records().size(), 1u);
 }
 
 // Cancel reaches the adapter at once, on the caller's thread, whatever the identifier.
@@ -279,6 +307,45 @@ TEST(ApnsEventEmission, NegativeZeroRelevanceIsWrittenAsZero) {
     ASSERT_TRUE(payload.has_value());
     EXPECT_NE(payload->find("\"relevanceScore\":0,"), std::string::npos) << *payload;
     EXPECT_EQ(payload->find("-0"), std::string::npos) << *payload;
+}
+
+// The system center hands each service to the platform's current center and passes the
+// platform's answer on, once, from the platform's delivery thread.
+TEST(SystemNotificationCenterTest, ForwardsEachServiceAndPassesTheAnswerOn) {
+    auto& platformCenter = platform::UNUserNotificationCenter::currentNotificationCenter();
+    platformCenter.reset();
+    platformCenter.setAuthorizationAnswer(false, platform::NSError{"UNErrorDomain", 1});
+    platformCenter.setBadgeError(platform::NSError{"X", 7});
+    SystemNotificationCenter center;
+    std::atomic<int> answers{0};
+    std::promise<std::string> authorization, status, badge;
+    center.requestAuthorization(5, [&](bool granted, std::optional<platform::NSError> error) {
+        ++answers;
+        authorization.set_value(std::to_string(granted) + " " + (error ? error->domain : "-"));
+    });
+    center.getAuthorizationStatus([&](std::int64_t raw) {
+        ++answers;
+        status.set_value(std::to_string(raw));
+    });
+    center.setBadgeCount(4, [&](std::optional<platform::NSError> error) {
+        ++answers;
+        badge.set_value(error ? error->domain + std::to_string(error->code) : "-");
+    });
+    // Nobody waits for these answers: they are dropped.
+    center.requestAuthorization(1, nullptr);
+    center.setBadgeCount(9, nullptr);
+
+    EXPECT_EQ(authorization.get_future().get(), "0 UNErrorDomain");
+    // The refused request left the status not determined.
+    EXPECT_EQ(status.get_future().get(), "0");
+    EXPECT_EQ(badge.get_future().get(), "X7");
+    EXPECT_EQ(platformCenter.authorizationRequestCount(), 2u);
+    EXPECT_EQ(platformCenter.lastAuthorizationOptions(), 1u);
+    EXPECT_EQ(platformCenter.settingsRequestCount(), 1u);
+    EXPECT_EQ(platformCenter.badgeRequestCount(), 2u);
+    EXPECT_EQ(platformCenter.lastBadgeCount(), 9);
+    platformCenter.reset();  // delivers what is left
+    EXPECT_EQ(answers.load(), 3);
 }
 
 }  // namespace
