@@ -110,20 +110,22 @@ TEST(JSONWriter, KeepsInsertionOrderOrSortsByKeyBytesAtEveryLevel) {
 }
 
 TEST(JSONWriter, RefusesWhatJSONCannotExpress) {
-    const Value invalid[] = {
-        Value(Dictionary{{"x", std::nan("")}}),
-        Value(Array{std::numeric_limits<double>::infinity()}),
-        Value(Array{Data{{1, 2}}}),
-        Value(Dictionary{{"when", Date{0}}}),
-        Value(Dictionary{{Key(1), "number key"}}),
-        nested(JSONSerialization::maximumDepth + 1),
-        nested(JSONSerialization::maximumDepth + 1, Dictionary{}),
+    const std::string tooDeep = "nesting too deep in JSON write";
+    const std::pair<Value, std::string> invalid[] = {
+        {Value(Dictionary{{"x", std::nan("")}}), "invalid number (NaN or infinity) in JSON write"},
+        {Value(Array{std::numeric_limits<double>::infinity()}),
+         "invalid number (NaN or infinity) in JSON write"},
+        {Value(Array{Data{{1, 2}}}), "invalid type (byte data) in JSON write"},
+        {Value(Dictionary{{"when", Date{0}}}), "invalid type (date) in JSON write"},
+        {Value(Dictionary{{Key(1), "number key"}}), "invalid key (not a string) in JSON write"},
+        {nested(JSONSerialization::maximumDepth + 1), tooDeep},
+        {nested(JSONSerialization::maximumDepth + 1, Dictionary{}), tooDeep},
     };
-    for (const auto& value : invalid) {
+    for (const auto& [value, reason] : invalid) {
         EXPECT_FALSE(JSONSerialization::isValidJSONObject(value));
         std::string error;
         EXPECT_FALSE(JSONSerialization::data(value, {}, &error).has_value());
-        EXPECT_FALSE(error.empty());
+        EXPECT_EQ(error, reason);
     }
     // The deepest nesting JSON may hold is checked and written alike.
     for (const auto& deepest : {nested(JSONSerialization::maximumDepth),

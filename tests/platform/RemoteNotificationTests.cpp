@@ -9,6 +9,19 @@
 namespace nimborra::platform {
 namespace {
 
+// Each state has one name, which reads back as that state; no other text (the empty one, another
+// case) names a state.
+TEST(ApplicationStateNames, RoundTripAndNothingElse) {
+    for (const auto state : {ApplicationState::foreground, ApplicationState::background,
+                             ApplicationState::notRunning}) {
+        EXPECT_EQ(applicationStateNamed(applicationStateName(state)), state);
+    }
+    EXPECT_EQ(applicationStateName(ApplicationState::notRunning), "notRunning");
+    for (const std::string_view other : {"", "Foreground", "not running", "background "}) {
+        EXPECT_EQ(applicationStateNamed(other), std::nullopt) << other;
+    }
+}
+
 // Only the four documented names set the interruption level; anything else, the empty text
 // included, leaves the default (active).
 TEST(RemoteNotificationContent, InterruptionLevelsByNameOnly) {
