@@ -171,6 +171,17 @@ TEST_F(ApnsServicePluginTest, RefusedWorkIsAnsweredOnce) {
         EXPECT_EQ(call("SetBadgeCount", R"({"count":1})"),
                   ApnsOutcomeEnvelope::serialisationFallback);
     }
+    // Two calls through each refusing plug-in (the one above and the helper's second), each
+    // answered with the fall-back and logged.
+    std::size_t refusals = 0;
+    for (const auto& record : capture.records()) {
+        if (record.category == "apns") {
+            ++refusals;
+            EXPECT_EQ(record.message,
+                      "ApnsService: the queue refused a call; answered with the fall-back");
+        }
+    }
+    EXPECT_EQ(refusals, 4u);
     plugin = std::make_shared<ApnsServicePlugin>(
         nullptr, std::make_shared<platform::DispatchQueue>("test.working"));
     EXPECT_EQ(call("SetBadgeCount", R"({"count":1})"),
@@ -344,8 +355,13 @@ TEST(SystemNotificationCenterTest, ForwardsEachServiceAndPassesTheAnswerOn) {
     EXPECT_EQ(platformCenter.settingsRequestCount(), 1u);
     EXPECT_EQ(platformCenter.badgeRequestCount(), 2u);
     EXPECT_EQ(platformCenter.lastBadgeCount(), 9);
-    platformCenter.reset();  // delivers what is left
+    platformCenter.reset();  // delivers what is left, and forgets what was asked
     EXPECT_EQ(answers.load(), 3);
+    EXPECT_EQ(platformCenter.lastAuthorizationOptions(), std::nullopt);
+    EXPECT_EQ(platformCenter.lastBadgeCount(), std::nullopt);
+    EXPECT_EQ(platformCenter.authorizationRequestCount() + platformCenter.badgeRequestCount() +
+                  platformCenter.settingsRequestCount(),
+              0u);
 }
 
 }  // namespace

@@ -196,6 +196,7 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
         {"-", std::nullopt},
         {"00", std::nullopt},
         {"\"\\uD83D\\uDE00\\u0000\\u00e9\"", Value(std::string("\xF0\x9F\x98\x80\0\xC3\xA9", 7))},
+        {"\"\\ud83d\\ude00\"", Value("\xF0\x9F\x98\x80")},  // a pair at the very end
         {"\"\\b\\f\\n\\r\\t\\\"\\\\\\/\"", Value("\b\f\n\r\t\"\\/")},
         {"\"\x7F\"", Value("\x7F")},
         {"\"\\uD800\"", std::nullopt},

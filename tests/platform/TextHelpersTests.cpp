@@ -9,6 +9,7 @@
 #include "NimbOrraPlatform/Base64.h"
 #include "NimbOrraPlatform/Hex.h"
 #include "NimbOrraPlatform/JSONSerialization.h"
+#include "NimbOrraPlatform/Logger.h"
 #include "NimbOrraPlatform/Text.h"
 #include "NimbOrraPlatform/Uuid.h"
 
@@ -20,16 +21,24 @@ std::vector<std::uint8_t> bytes(std::string_view text) {
 }
 
 TEST(Hex, EncodesBothCasesWithSeparatorsAndDecodesOnlyWholePairs) {
-    const std::vector<std::uint8_t> data{0x00, 0x9f, 0xa0, 0xff};
-    EXPECT_EQ(hexEncodedString(data), "009fa0ff");
-    EXPECT_EQ(hexEncodedString(data, HexCase::upper, ':'), "00:9F:A0:FF");
-    EXPECT_EQ(hexDecodedData("009FA0ff"), data);
+    const std::vector<std::uint8_t> data{0x7e, 0x00, 0xa0, 0xff};
+    EXPECT_EQ(hexEncodedString(data), "7e00a0ff");
+    EXPECT_EQ(hexEncodedString(data, HexCase::upper, ':'), "7E:00:A0:FF");
+    EXPECT_EQ(hexDecodedData("7E00a0FF"), data);
     EXPECT_EQ(hexDecodedData(""), std::vector<std::uint8_t>{});
     for (const char* bad : {"0", "0g", "0x00", " 00", "-1"}) {
         EXPECT_FALSE(hexDecodedData(bad)) << bad;
     }
     EXPECT_TRUE(isHexText("09afAF"));
     EXPECT_FALSE(isHexText("09afAG"));
+}
+
+// The names the log levels go by (and --log-level takes).
+TEST(Logger, LevelNames) {
+    EXPECT_EQ(logLevelName(LogLevel::debug), "debug");
+    EXPECT_EQ(logLevelName(LogLevel::info), "info");
+    EXPECT_EQ(logLevelName(LogLevel::error), "error");
+    EXPECT_EQ(logLevelName(LogLevel::off), "off");
 }
 
 TEST(Uuid, RecognisesTheTextFormAndMakesVersionFourInLowerCase) {
