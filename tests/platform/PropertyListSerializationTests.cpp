@@ -81,6 +81,7 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
         {"<date>2100-12-31T23:59:60Z</date>", Value(Date{4133980800})},
         {"<data>AAECAw==</data>", Value(bytes({0, 1, 2, 3}))},
         {"<data>+/8=</data>", Value(bytes({0xfb, 0xff}))},
+        {"<data>0123456789+/</data>", Value(bytes({211, 93, 183, 227, 158, 187, 243, 223, 191}))},
         {"<date>\n 2001-01-01T00:00:00Z </date>", Value(Date{978307200})},
         {"<data>\n\tAA!E@C\n\tAwQF\n</data>", Value(bytes({0, 1, 2, 3, 4, 5}))},
         {"<data>AAECA</data>", Value(bytes({0, 1, 2}))},  // an incomplete group is ignored
