@@ -167,6 +167,8 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
         {"123e-10000000", real(0.0)},
         {"25.5e-400", real(0.0)},
         {"0.000e-99999999999999999999", real(0.0)},
+        // Its written exponent is large, but its zeros make it tiny.
+        {"0." + std::string(500, '0') + "1e100", real(0.0)},
         {"2.5e-324", real(4.9406564584124654e-324)},
         {"1E+2", real(100.0)},
         {"9223372036854775807", Value(std::numeric_limits<std::int64_t>::max())},
