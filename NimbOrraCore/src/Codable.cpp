@@ -89,22 +89,18 @@ void DecodingContext::mismatch(std::string_view expected, const platform::JSONEl
     }
 }
 
-// Reads an integral number of type Int into `out`: integers in range, and reals that are
+// What the inline integer reads leave over, for type Int: an integer that does not fit (those
+// that fit were read inline), an unsigned one beyond 64 bits, and reals, which are read when
 // integral and in range (3.0, 1e2). Anything else numeric is dataCorrupted; anything else a
 // mismatch.
 template <class Int>
 bool DecodingContext::readInteger(const platform::JSONElement& value, Int& out,
                                   std::string_view typeName) {
     constexpr auto lowest = std::numeric_limits<Int>::min();
-    constexpr auto highest = std::numeric_limits<Int>::max();
     if (const auto i = value.integer()) {
-        if (*i < lowest || *i > highest) {
-            fail(CodingErrorKind::dataCorrupted,
-                 "the number " + std::to_string(*i) + " does not fit in " + std::string(typeName));
-            return false;
-        }
-        out = static_cast<Int>(*i);
-        return true;
+        fail(CodingErrorKind::dataCorrupted,
+             "the number " + std::to_string(*i) + " does not fit in " + std::string(typeName));
+        return false;
     }
     if (const auto u = value.unsignedInteger()) {
         fail(CodingErrorKind::dataCorrupted,
