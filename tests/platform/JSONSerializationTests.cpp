@@ -199,6 +199,7 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
         {"00", std::nullopt},
         {"\"\\uD83D\\uDE00\\u0000\\u00e9\"", Value(std::string("\xF0\x9F\x98\x80\0\xC3\xA9", 7))},
         {"\"\\ud83d\\ude00\"", Value("\xF0\x9F\x98\x80")},  // a pair at the very end
+        {"\"\\ud83dxude00\"", std::nullopt},                // a high surrogate, then no escape
         {"\"\\b\\f\\n\\r\\t\\\"\\\\\\/\"", Value("\b\f\n\r\t\"\\/")},
         {"\"\x7F\"", Value("\x7F")},
         {"\"\\uD800\"", std::nullopt},
