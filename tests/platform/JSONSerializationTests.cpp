@@ -375,6 +375,13 @@ TEST(ValueTest, EqualityComparesContentsAndNumbersByValue) {
     EXPECT_EQ(Value(std::uint64_t{1} << 63), Value(9223372036854775808.0));
     EXPECT_NE(Value(std::uint64_t{1} << 63), Value(1.0));
     EXPECT_NE(Value(-1), Value(-2.0));
+    // Keys equal by value hash alike, at the ends of the 64-bit range too.
+    for (const auto& [integer, real] :
+         {std::pair{Key(1), Key(1.0)},
+          std::pair{Key(std::numeric_limits<std::int64_t>::min()), Key(-9223372036854775808.0)}}) {
+        EXPECT_EQ(integer, real);
+        EXPECT_EQ(integer.hash(), real.hash());
+    }
 }
 
 // Every length of the last group: none, one and two bytes left over.
