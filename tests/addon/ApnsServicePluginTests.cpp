@@ -159,6 +159,8 @@ TEST_F(ApnsServicePluginTest, ThrowingCompletionsAndUnownedPluginsStillAnswer) {
     std::string reply;
     unowned.callAsync("GetToken", "{}", [&](std::string text) { reply = std::move(text); });
     EXPECT_EQ(reply, ApnsOutcomeEnvelope::serialisationFallback);
+    EXPECT_EQ(capture.records().back().message,
+              "ApnsService: could not prepare a call; answered with the fall-back");
 }
 
 // Every call is answered exactly once, also when the plug-in's queue cannot take it; a plug-in

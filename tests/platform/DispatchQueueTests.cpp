@@ -1,6 +1,7 @@
 #include "NimbOrraPlatform/DispatchQueue.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
@@ -63,13 +64,18 @@ TEST(DispatchQueueTest, RunsItemsFromManySubmittersOneAtATimeInSubmissionOrder) 
 
 // Items submitted while an item blocks, and items that items submit while the queue closes,
 // all run before destruction returns. Items that throw are reported and the queue carries on.
+// The worker thread is named after the queue.
 TEST(DispatchQueueTest, DestructionRunsEverySubmittedItemFirst) {
     LogCapture capture;
     std::atomic<int> count{0};
     std::binary_semaphore gate(0);
     auto queue = std::make_unique<DispatchQueue>("com.example.draining");
     DispatchQueue* const closing = queue.get();
+    std::string workerName;
     ASSERT_TRUE(queue->async([&] {
+        char name[16] = {};
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        workerName = name;
         gate.acquire();
         ++count;
     }));
@@ -88,6 +94,8 @@ TEST(DispatchQueueTest, DestructionRunsEverySubmittedItemFirst) {
     gate.release();
     queue.reset();
     EXPECT_EQ(count.load(), 102);
+    // Thread names hold 15 bytes: the worker's is the telling end of the label.
+    EXPECT_EQ(workerName, "xample.draining");
     const auto records = capture.records();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[0].subsystem, "com.nimborra.platform");

@@ -133,6 +133,11 @@ TEST(JSONWriter, RefusesWhatJSONCannotExpress) {
         EXPECT_TRUE(JSONSerialization::isValidJSONObject(deepest));
         EXPECT_TRUE(JSONSerialization::data(deepest, {}).has_value());
     }
+    // A dictionary written as such is at the depth of a top-level dictionary value.
+    EXPECT_TRUE(JSONSerialization::data(
+        Dictionary{{"k", nested(JSONSerialization::maximumDepth - 1)}}, {}));
+    EXPECT_FALSE(
+        JSONSerialization::data(Dictionary{{"k", nested(JSONSerialization::maximumDepth)}}, {}));
 }
 
 // A leading byte order mark is skipped; a repeated member keeps its first place and its last value.
@@ -372,6 +377,7 @@ TEST(ValueTest, EqualityComparesContentsAndNumbersByValue) {
     EXPECT_EQ(Value(Dictionary{{"a", 1}, {"b", 2}}), Value(Dictionary{{"b", 2}, {"a", 1.0}}));
     EXPECT_NE(Value(Dictionary{{"a", 1}, {"b", 2}}), Value(Dictionary{{"a", 1}, {"b", 3}}));
     EXPECT_NE(Value(Dictionary{{"a", 1}}), Value(Dictionary{{"b", 1}}));
+    EXPECT_NE(Value(Dictionary{{"a", 1}}), Value(Dictionary{{"a", 1}, {"b", 2}}));
     EXPECT_EQ(Value(std::uint64_t{1} << 63), Value(9223372036854775808.0));
     EXPECT_NE(Value(std::uint64_t{1} << 63), Value(1.0));
     EXPECT_NE(Value(-1), Value(-2.0));
@@ -381,6 +387,16 @@ TEST(ValueTest, EqualityComparesContentsAndNumbersByValue) {
           std::pair{Key(std::numeric_limits<std::int64_t>::min()), Key(-9223372036854775808.0)}}) {
         EXPECT_EQ(integer, real);
         EXPECT_EQ(integer.hash(), real.hash());
+    }
+    // The names that decoding failures use for what they found.
+    using Kind = Value::Kind;
+    for (const auto& [kind, name] :
+         {std::pair{Kind::null, "null"}, std::pair{Kind::boolean, "a boolean"},
+          std::pair{Kind::integer, "an integer"}, std::pair{Kind::unsignedInteger, "an integer"},
+          std::pair{Kind::real, "a number"}, std::pair{Kind::text, "a string"},
+          std::pair{Kind::data, "byte data"}, std::pair{Kind::date, "a date"},
+          std::pair{Kind::array, "an array"}, std::pair{Kind::dictionary, "an object"}}) {
+        EXPECT_EQ(describeKind(kind), name);
     }
 }
 

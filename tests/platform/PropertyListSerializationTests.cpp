@@ -94,6 +94,15 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
         EXPECT_EQ(value->kind(), expected.kind()) << body;
         EXPECT_EQ(*value, expected) << body;
     }
+    // What stands before the root (processing instructions, a DOCTYPE with an internal subset)
+    // is stepped over, and what follows it is still read as the platform reads it.
+    for (const std::string prologue :
+         {"<?x?>",
+          "<?"
+          "?>",
+          "<!DOCTYPE plist [ <!ENTITY e \"]\"> ]>", "<!DOCTYPE plist>"}) {
+        EXPECT_EQ(parse(prologue + plist("<integer>010</integer>")), Value(10)) << prologue;
+    }
     const auto nan = parse(plist("<real>nan</real>"));
     EXPECT_EQ(uselocale(nullptr), locale);
     ASSERT_TRUE(nan.has_value() && nan->real() != nullptr);

@@ -11,6 +11,7 @@ namespace {
 
 TEST(RefusedDelivery, CenterAnswersOnTheRequestingThread) {
     auto& center = UNUserNotificationCenter::currentNotificationCenter();
+    EXPECT_FALSE(center.holdsAnswers()) << "a centre holds answers only when told to";
     center.reset();
     center.setDeliveryQueueForTesting(DispatchQueue::makeRefusingForTesting("test.refusing"));
     LogCapture quiet;
