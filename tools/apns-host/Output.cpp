@@ -29,6 +29,22 @@ void lockBriefly(std::unique_lock<std::mutex>& lock) {
     lock.lock();
 }
 
+// Appends the line {"<firstKey>":<first>,"<secondKey>":<second>}: `second` is JSON text already;
+// `first` is too, unless `quoteFirst` asks for it to be written as a JSON string.
+void appendTwoMemberLine(std::string& out, std::string_view firstKey, std::string_view first,
+                         bool quoteFirst, std::string_view secondKey, std::string_view second) {
+    out.reserve(out.size() + firstKey.size() + first.size() + secondKey.size() + second.size() +
+                16);
+    out.append("{\"").append(firstKey).append("\":");
+    if (quoteFirst) {
+        platform::appendJSONString(out, first);
+    } else {
+        out.append(first);
+    }
+    out.append(",\"").append(secondKey).append("\":").append(second);
+    out.push_back('}');
+}
+
 }  // namespace
 
 OutputWriter::OutputWriter(std::FILE* stream) : stream_(stream) {
@@ -194,21 +210,11 @@ void OutputWriter::drain() noexcept {
 }
 
 void appendReplyLine(std::string& out, std::string_view id, std::string_view reply) {
-    out.reserve(out.size() + id.size() + reply.size() + 16);
-    out.append("{\"id\":");
-    out.append(id);
-    out.append(",\"reply\":");
-    out.append(reply);
-    out.push_back('}');
+    appendTwoMemberLine(out, "id", id, false, "reply", reply);
 }
 
 void appendAppReplyLine(std::string& out, std::string_view method, std::string_view reply) {
-    out.reserve(out.size() + method.size() + reply.size() + 24);
-    out.append("{\"app\":");
-    platform::appendJSONString(out, method);
-    out.append(",\"reply\":");
-    out.append(reply);
-    out.push_back('}');
+    appendTwoMemberLine(out, "app", method, true, "reply", reply);
 }
 
 std::string doneLine(std::string_view id, std::string_view name) {
@@ -232,12 +238,7 @@ std::string withId(std::string line, std::string_view id) {
 }
 
 void appendEventLine(std::string& out, std::string_view name, std::string_view payload) {
-    out.reserve(out.size() + name.size() + payload.size() + 32);
-    out.append("{\"event\":");
-    platform::appendJSONString(out, name);
-    out.append(",\"payload\":");
-    out.append(payload);
-    out.push_back('}');
+    appendTwoMemberLine(out, "event", name, true, "payload", payload);
 }
 
 std::string refusalLine(std::string_view reason, std::size_t lineNumber) {
