@@ -1,10 +1,19 @@
 #include "NimbOrraPlatform/DispatchQueue.h"
 
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <iterator>
 #include <memory>
 #include <semaphore>
 #include <stdexcept>
@@ -104,6 +113,49 @@ TEST(DispatchQueueTest, DestructionRunsEverySubmittedItemFirst) {
               "Work item on queue \"com.example.draining\" threw: disk on fire");
     EXPECT_NE(records[1].message.find("com.example.draining"), std::string::npos)
         << records[1].message;
+}
+
+// A queue whose worker thread cannot start (here the kernel refuses every new thread, in a child
+// process) refuses its work and says why, instead of keeping work that nobody would run.
+TEST(DispatchQueueTest, WithoutItsThreadAQueueRefusesWorkAndSaysWhy) {
+#if defined(__x86_64__)
+    const pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        sock_filter filter[] = {
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone, 2, 0),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone3, 1, 0),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN),
+        };
+        sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
+        if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+            _exit(3);
+        }
+        LogCapture capture;
+        DispatchQueue queue("com.example.threadless");
+        const bool refused = !queue.async([] {});
+        const auto records = capture.records();
+        _exit(refused && records.size() == 2 &&
+                      records[0].message.starts_with("Could not start the worker thread of queue "
+                                                     "\"com.example.threadless\": ") &&
+                      records[1].message ==
+                          "Queue \"com.example.threadless\" could not take a work item"
+                  ? 0
+                  : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 3) {
+        GTEST_SKIP() << "this system does not let a process filter its own system calls";
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+#else
+    GTEST_SKIP() << "the thread-refusing filter is written for x86-64";
+#endif
 }
 
 // Only the initial thread is main, and only it runs the main queue's items, when it drains them:
