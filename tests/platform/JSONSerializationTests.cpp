@@ -233,6 +233,7 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
         {"[1,]", std::nullopt},
         {"\xFF", std::nullopt},
         {"[\"\xC0\xAF\"]", std::nullopt},
+        {"[\"\xFF\", \"more than a block of text after it\"]", std::nullopt},
         {"NaN", std::nullopt},
         {"{'a':1}", std::nullopt},
         {"[1] x", std::nullopt},
