@@ -31,9 +31,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Records what it is handed; answers with the request's apns-id as the rules would for the
-// body's size (200, or 413 past the limit), or holds the answer for answerHeld(), or leaves the
-// answer to `answer` (a handler's bugs, late answers).
+// Records what it is handed; answers as the rules would for the body's size (200, or 413 past
+// the limit), or holds the answer for answerHeld(), or leaves the answer to `answer` (a
+// handler's bugs, late answers).
 class Recorder : public ProviderRequestHandler {
   public:
     using Answer = std::function<void(ProviderResponder&)>;
@@ -45,13 +45,9 @@ class Recorder : public ProviderRequestHandler {
     };
     void handle(ProviderRequest request, const ConnectionAuthentication& authentication,
                 ProviderResponder respond) override {
-        std::string id;
-        for (const auto& [name, value] : request.headers) {
-            id = name == "apns-id" ? value : id;
-        }
         const ProviderResponse ok =
-            request.bodyTooLarge ? ProviderResponse{413, id, R"({"reason":"PayloadTooLarge"})"}
-                                 : ProviderResponse{200, id, {}};
+            request.bodyTooLarge ? ProviderResponse{413, {}, R"({"reason":"PayloadTooLarge"})"}
+                                 : ProviderResponse{200, {}, {}};
         std::unique_lock lock(mutex);
         seen.push_back(
             {std::move(request), authentication.tokens, authentication.certificateTopic});
