@@ -134,6 +134,18 @@ std::optional<std::string> HostProcess::readLine() {
     return line;
 }
 
+std::vector<std::string> HostProcess::readLinesThrough(
+    const std::function<bool(const std::string&)>& last) {
+    std::vector<std::string> lines;
+    while (auto line = readLine()) {
+        lines.push_back(*line);
+        if (last(*line)) {
+            break;
+        }
+    }
+    return lines;
+}
+
 int HostProcess::finish() {
     if (child_ <= 0) {
         return -1;

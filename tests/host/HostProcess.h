@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,6 +40,8 @@ class HostProcess {
     // The next line of standard output without its line break; nothing at the end of the
     // output or when none arrives within the limit.
     std::optional<std::string> readLine();
+    // Lines up to and including the first that `last` accepts, or to the end of the output.
+    std::vector<std::string> readLinesThrough(const std::function<bool(const std::string&)>& last);
 
     // Closes the input, reads everything up to the end of the output and waits for the host to
     // exit. Returns its exit status (128 + the signal when it was killed, -1 on failure). The

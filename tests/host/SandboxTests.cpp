@@ -81,9 +81,7 @@ class Sandbox : public ::testing::Test {
         arguments.insert(arguments.end(), command.begin(), command.end());
         HostProcess host(arguments);
         SandboxRun result;
-        while (auto line = host.readLine()) {
-            result.commandLines.push_back(*line);
-        }
+        result.commandLines = host.readLinesThrough([](const auto&) { return false; });
         result.status = host.finish();
         result.standardError = host.standardError();
         result.hostLines = linesOf(readFile(output));
@@ -157,14 +155,6 @@ TEST_F(Sandbox, UnchangedClientsReachTheFarSideAtApnsAddresses) {
     }
 }
 
-// The certificates in a PEM file; -1 when there is no such file.
-int certificatesIn(const fs::path& path) {
-    std::error_code error;
-    return fs::exists(path, error)
-               ? static_cast<int>(countContaining(linesOf(readFile(path)), {"BEGIN CERTIFICATE"}))
-               : -1;
-}
-
 TEST_F(Sandbox, CommandSeesLoopbackApnsNamesAtHomeTheCertificateTrustedAndItsOwnIdentity) {
     // One "name value" line per fact.
     const std::string facts =
@@ -181,9 +171,12 @@ TEST_F(Sandbox, CommandSeesLoopbackApnsNamesAtHomeTheCertificateTrustedAndItsOwn
         "  echo certificates $(grep -c 'BEGIN CERTIFICATE' \"$file\" 2>/dev/null || echo none); "
         "done";
     // The system's bundle as seen inside: the same plus the host's certificate.
-    const int system = certificatesIn("/etc/ssl/certs/ca-certificates.crt");
-    const auto inside = system < 0 ? std::string("none") : std::to_string(system + 1);
-    const auto bundle = system < 0 ? std::string("1") : inside;
+    const fs::path system = "/etc/ssl/certs/ca-certificates.crt";
+    const auto inside =
+        fs::exists(system)
+            ? std::to_string(countContaining(linesOf(readFile(system)), {"BEGIN CERTIFICATE"}) + 1)
+            : "none";
+    const auto bundle = fs::exists(system) ? inside : "1";
     const auto script = temporaryFile("script.jsonl");
     std::ofstream(script) << "# a session with no commands\n";
     const struct {
@@ -267,15 +260,9 @@ TEST_F(Sandbox, SigtermReachesTheCommandWhichEndsTheHost) {
     };
     for (const auto& row : rows) {
         HostProcess host({"--bundle", kSampleBundle, "--", "sh", "-c", row.command});
-        std::vector<std::string> lines;
-        while (auto line = host.readLine()) {
-            lines.push_back(*line);
-            if (*line == "ready") {
-                break;
-            }
-        }
-        ASSERT_FALSE(lines.empty()) << row.what << "\n" << host.standardError();
-        ASSERT_EQ(lines.back(), "ready") << row.what << "\n" << host.standardError();
+        const auto lines = host.readLinesThrough([](const auto& line) { return line == "ready"; });
+        ASSERT_EQ(lines.empty() ? "" : lines.back(), "ready") << row.what << "\n"
+                                                              << host.standardError();
         host.signal(SIGTERM);
         EXPECT_EQ(host.finish(), row.status) << row.what << "\n" << host.standardError();
         EXPECT_EQ(countContaining(host.remainingLines(), {"terminated"}), row.saidSo) << row.what;

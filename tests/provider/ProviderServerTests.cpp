@@ -16,7 +16,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <mutex>
 #include <set>
@@ -31,9 +30,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Records what it is handed; answers with the request's apns-id as the rules would for the
-// body's size (200, or 413 past the limit), or holds the answer for answerHeld(), or leaves the
-// answer to `answer` (a handler's bugs, late answers).
+// Records what it is handed; answers as the rules would for the body's size (200, or 413 past
+// the limit), or holds the answer for answerHeld(), or leaves the answer to `answer` (a
+// handler's bugs, late answers).
 class Recorder : public ProviderRequestHandler {
   public:
     using Answer = std::function<void(ProviderResponder&)>;
@@ -45,13 +44,9 @@ class Recorder : public ProviderRequestHandler {
     };
     void handle(ProviderRequest request, const ConnectionAuthentication& authentication,
                 ProviderResponder respond) override {
-        std::string id;
-        for (const auto& [name, value] : request.headers) {
-            id = name == "apns-id" ? value : id;
-        }
         const ProviderResponse ok =
-            request.bodyTooLarge ? ProviderResponse{413, id, R"({"reason":"PayloadTooLarge"})"}
-                                 : ProviderResponse{200, id, {}};
+            request.bodyTooLarge ? ProviderResponse{413, {}, R"({"reason":"PayloadTooLarge"})"}
+                                 : ProviderResponse{200, {}, {}};
         std::unique_lock lock(mutex);
         seen.push_back(
             {std::move(request), authentication.tokens, authentication.certificateTopic});
@@ -135,12 +130,25 @@ struct Frame {
 enum : int { kData = 0, kHeaders = 1, kReset = 3, kSettings = 4, kPing = 6, kGoaway = 7 };
 enum : int { kEndStream = 0x1, kEndHeaders = 0x4 };
 
+// Frame headers and error codes are big-endian integers of 3 or 4 bytes.
+std::string bigEndian(std::uint32_t value, int size) {
+    std::string bytes;
+    for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) {
+        bytes += char(value >> shift);
+    }
+    return bytes;
+}
+std::uint32_t bigEndian(std::string_view bytes) {
+    std::uint32_t value = 0;
+    for (const char c : bytes) {
+        value = value << 8 | std::uint8_t(c);
+    }
+    return value;
+}
+
 std::string frame(int type, int flags, std::uint32_t stream, const std::string& payload) {
-    const std::size_t n = payload.size();
-    std::string bytes{char(n >> 16),      char(n >> 8),      char(n),
-                      char(type),         char(flags),       char(stream >> 24),
-                      char(stream >> 16), char(stream >> 8), char(stream)};
-    return bytes + payload;
+    return bigEndian(std::uint32_t(payload.size()), 3) + char(type) + char(flags) +
+           bigEndian(stream, 4) + payload;
 }
 
 // An HPACK string literal, not Huffman-coded: its length as a 7-bit-prefix integer, then itself.
@@ -176,16 +184,9 @@ std::string request(std::uint32_t stream, bool ended = true, const std::string& 
     return frame(kHeaders, kEndHeaders | (ended ? kEndStream : 0), stream, postFields(more));
 }
 
-std::string resetFrame(std::uint32_t stream, std::uint32_t code) {
-    return frame(kReset, 0, stream,
-                 {char(code >> 24), char(code >> 16), char(code >> 8), char(code)});
-}
-
 // The error code of a RST_STREAM or GOAWAY frame.
 std::uint32_t errorCode(const Frame& f) {
-    const std::string code = f.payload.substr(f.type == kGoaway ? 4 : 0, 4);
-    return std::uint32_t(std::uint8_t(code[0])) << 24 | std::uint32_t(std::uint8_t(code[1])) << 16 |
-           std::uint32_t(std::uint8_t(code[2])) << 8 | std::uint8_t(code[3]);
+    return bigEndian(std::string_view(f.payload).substr(f.type == kGoaway ? 4 : 0, 4));
 }
 
 const std::string kPreface = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + frame(kSettings, 0, 0, {});
@@ -248,11 +249,9 @@ class RawClient {
             closed_ = n <= 0;
             buffer_.append(chunk, n > 0 ? std::size_t(n) : 0);
         }
-        Frame f{buffer_[3], static_cast<unsigned char>(buffer_[4]), 0,
+        Frame f{buffer_[3], static_cast<unsigned char>(buffer_[4]),
+                bigEndian(std::string_view(buffer_).substr(5, 4)) & 0x7fffffff,
                 buffer_.substr(9, frameLength())};
-        f.stream = (std::uint32_t(std::uint8_t(buffer_[5]) & 0x7f) << 24) |
-                   (std::uint32_t(std::uint8_t(buffer_[6])) << 16) |
-                   (std::uint32_t(std::uint8_t(buffer_[7])) << 8) | std::uint8_t(buffer_[8]);
         buffer_.erase(0, 9 + frameLength());
         return f;
     }
@@ -281,10 +280,7 @@ class RawClient {
     std::uint16_t port() const { return port_; }
 
   private:
-    std::size_t frameLength() const {
-        return (std::size_t(std::uint8_t(buffer_[0])) << 16) |
-               (std::size_t(std::uint8_t(buffer_[1])) << 8) | std::uint8_t(buffer_[2]);
-    }
+    std::size_t frameLength() const { return bigEndian(std::string_view(buffer_).substr(0, 3)); }
     std::uint16_t port_;
     int fd_;
     SSL_CTX* context_ = nullptr;
@@ -524,7 +520,8 @@ TEST(ProviderServer, AttacksGetTheirAnswerAndOthersAreStillServed) {
          [](RawClient& c, Recorder&) {
              std::string flood = kPreface;
              for (std::uint32_t stream = 1; stream < 2 * 1500; stream += 2) {
-                 flood += request(stream, false) + resetFrame(stream, 8);  // CANCEL
+                 flood +=
+                     request(stream, false) + frame(kReset, 0, stream, bigEndian(8, 4));  // CANCEL
              }
              c.send(flood + kPingFrame);
              const auto frames = c.until(kPing, 1, 5s);
@@ -542,12 +539,6 @@ TEST(ProviderServer, AttacksGetTheirAnswerAndOthersAreStillServed) {
              EXPECT_TRUE(second.closedWithin(3s));
              EXPECT_TRUE(third.closedWithin(3s));
          }},
-        {"a TLS client that never finishes its handshake is closed",
-         [](auto& o) {
-             o.tls = tlsContext();
-             o.handshakeTimeout = 300ms;
-         },
-         [](RawClient& c, Recorder&) { EXPECT_TRUE(c.closedWithin(3s)); }},
         {"unfinished requests past the memory budget are refused, the oldest reclaimed",
          [](auto& o) { o.memoryBudget = 32 * 1024; },
          [](RawClient& c, Recorder&) {
@@ -578,11 +569,10 @@ TEST(ProviderServer, AttacksGetTheirAnswerAndOthersAreStillServed) {
         Recorder handler;
         ProviderServerOptions options;
         attack.configure(options);
-        const bool tls = options.tls != nullptr;
         auto server = startServer(handler, options);
         RawClient attacker(server->port());
         attack.attack(attacker, handler);
-        EXPECT_TRUE(served(server->port(), tls));
+        EXPECT_TRUE(served(server->port(), false));
     }
 }
 
@@ -616,21 +606,18 @@ TEST(ProviderServerCleartext, EveryRequestIsAnsweredOnceWhateverTheHandlerDoes) 
     }
 }
 
-// Each closes with one log line saying which error; ordinary clients go on.
+// It closes with one log line saying which error; ordinary clients go on.
 TEST(ProviderServerCleartext, NonHttp2ConnectionsCloseWhileOthersGoOn) {
-    for (const std::string bytes : {"\x16\x03\x01garbage, not a preface at all",
-                                    "POST /3/device/abcd HTTP/1.1\r\nHost: x\r\n\r\n"}) {
-        Recorder handler;
-        platform::LogCapture log;
-        auto server = startServer(handler, with([](auto& o) { o.maximumConnections = 2; }));
-        RawClient bad(server->port());
-        bad.send(bytes);
-        EXPECT_EQ(curlPost(*server, "{}").status, 200);
-        EXPECT_TRUE(bad.closedWithin(3s));
-        EXPECT_EQ(handler.count(), 1u);
-        EXPECT_EQ(loggedLines(log, "protocol error"), 1u);
-        EXPECT_EQ(loggedLines(log, "bad client magic"), 1u);
-    }
+    Recorder handler;
+    platform::LogCapture log;
+    auto server = startServer(handler, with([](auto& o) { o.maximumConnections = 2; }));
+    RawClient bad(server->port());
+    bad.send("POST /3/device/abcd HTTP/1.1\r\nHost: x\r\n\r\n");
+    EXPECT_EQ(curlPost(*server, "{}").status, 200);
+    EXPECT_TRUE(bad.closedWithin(3s));
+    EXPECT_EQ(handler.count(), 1u);
+    EXPECT_EQ(loggedLines(log, "protocol error"), 1u);
+    EXPECT_EQ(loggedLines(log, "bad client magic"), 1u);
 }
 
 TEST(ProviderServerCleartext, ConnectionsBeyondTheLimitAndIdleOnesAreClosed) {

@@ -78,20 +78,8 @@ test("every method resolves with its response record or rejects with the reply's
   assert.deepEqual(drained.notification, emptyNotification);
   assert.equal(userInfo(drained.notification), undefined);
 
-  await assert.rejects(service.getToken(), (error: unknown) => {
-    assert.ok(error instanceof ApnsServiceError);
-    assert.deepEqual(
-      { method: error.method, code: error.code, message: error.message, externalCode: error.externalCode, outcome: error.outcome },
-      {
-        method: "GetToken",
-        code: "UNAVAILABLE",
-        message: "APNs device tokens are not issued on the simulator.",
-        externalCode: "SIMULATOR_NO_APNS",
-        outcome: false,
-      },
-    );
-    return true;
-  });
+  // Every field of an error reply is read in the failure tests; here the real host's, by method.
+  await assert.rejects(service.getToken(), { name: "ApnsServiceError", method: "GetToken", externalCode: "SIMULATOR_NO_APNS" });
   // A request the plug-in cannot decode is its error too, not the host's.
   await assert.rejects(service.setBadgeCount({} as never), { name: "ApnsServiceError", code: "INTERNAL" });
 
@@ -107,21 +95,9 @@ test("every method resolves with its response record or rejects with the reply's
 
 test("a push in each application state reaches the far side as the phone delivers it", async (t) => {
   const cases = [
-    {
-      app: "foreground",
-      tap: undefined,
-      callbacks: ["willPresent"],
-      events: ["APNSService.OnNotificationPresented"],
-      listed: false,
-    },
+    { app: "foreground", tap: undefined, callbacks: ["willPresent"], events: ["APNSService.OnNotificationPresented"], listed: false },
     { app: "background", tap: undefined, callbacks: [], events: [], listed: true },
-    {
-      app: "notRunning",
-      tap: true,
-      callbacks: ["didFinishLaunching", "didReceiveResponse"],
-      events: ["APNSService.OnNotificationOpened"],
-      listed: false,
-    },
+    { app: "notRunning", tap: true, callbacks: ["didFinishLaunching", "didReceiveResponse"], events: ["APNSService.OnNotificationOpened"], listed: false },
   ] as const;
   for (const expected of cases) {
     await t.test(expected.app, async () => {
@@ -129,16 +105,10 @@ test("a push in each application state reaches the far side as the phone deliver
       const events = recordEvents(host);
       const system = await host.push(shipped, { app: expected.app, ...(expected.tap ? { tap: expected.tap } : {}) });
       // Everything the push caused has been seen by the time it resolves.
-      assert.deepEqual(
-        events.map(([name]) => name),
-        expected.events,
-      );
+      assert.deepEqual(events.map(([name]) => name), expected.events);
       assert.deepEqual([system.app, system.callbacks, system.listed], [expected.app, expected.callbacks, expected.listed]);
       const listed = await host.inspect("notificationCenter");
-      assert.deepEqual(
-        listed.map((shown) => shown.apnsId),
-        expected.listed ? [system.apnsId] : [],
-      );
+      assert.deepEqual(listed.map((shown) => shown.apnsId), expected.listed ? [system.apnsId] : []);
       if (expected.app === "notRunning") {
         const [, opened] = events[0] as [string, { actionIdentifier: string; notification: ApnsNotification }];
         assert.equal(opened.actionIdentifier, "com.apple.UNNotificationDefaultActionIdentifier");
