@@ -622,18 +622,16 @@ void appendJSONNumber(std::string& out, std::uint64_t number) {
     out.append(buffer, end);
 }
 
-std::optional<std::string> JSONSerialization::data(const Value& value, JSONWritingOptions options,
-                                                   std::string* error) {
+namespace {
+
+// Runs one write into a fresh text: the text, or nothing with the writer's reason (or the
+// exception's, when memory runs out) in `error`.
+template <class Write>
+std::optional<std::string> writeText(JSONWritingOptions options, std::string* error, Write write) {
     try {
-        if (!options.fragmentsAllowed && !isContainer(value)) {
-            if (error != nullptr) {
-                *error = "invalid top-level type in JSON write";
-            }
-            return std::nullopt;
-        }
         std::string out;
         Writer writer{out, options.sortedKeys, {}};
-        if (!writer.write(value, 0)) {
+        if (!write(writer)) {
             if (error != nullptr) {
                 *error = std::move(writer.error);
             }
@@ -648,25 +646,24 @@ std::optional<std::string> JSONSerialization::data(const Value& value, JSONWriti
     }
 }
 
+}  // namespace
+
+std::optional<std::string> JSONSerialization::data(const Value& value, JSONWritingOptions options,
+                                                   std::string* error) {
+    return writeText(options, error, [&](Writer& writer) {
+        if (!options.fragmentsAllowed && !isContainer(value)) {
+            writer.error = "invalid top-level type in JSON write";
+            return false;
+        }
+        return writer.write(value, 0);
+    });
+}
+
 std::optional<std::string> JSONSerialization::data(const Dictionary& object,
                                                    JSONWritingOptions options, std::string* error) {
-    try {
-        std::string out;
-        Writer writer{out, options.sortedKeys, {}};
-        // At the depth that data(Value) gives a top-level dictionary.
-        if (!writer.writeDictionary(object, 1)) {
-            if (error != nullptr) {
-                *error = std::move(writer.error);
-            }
-            return std::nullopt;
-        }
-        return out;
-    } catch (const std::exception& e) {
-        if (error != nullptr) {
-            *error = e.what();
-        }
-        return std::nullopt;
-    }
+    // At the depth that data(Value) gives a top-level dictionary.
+    return writeText(options, error,
+                     [&](Writer& writer) { return writer.writeDictionary(object, 1); });
 }
 
 bool JSONSerialization::isValidJSONObject(const Value& value) {

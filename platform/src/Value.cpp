@@ -130,31 +130,34 @@ Dictionary& Dictionary::operator=(Dictionary&& other) noexcept = default;
 
 Dictionary::~Dictionary() = default;
 
-std::ptrdiff_t Dictionary::indexOf(const Key& key) const {
-    if (index_) {
-        auto found = index_->positions.find(key);
-        return found == index_->positions.end() ? -1 : static_cast<std::ptrdiff_t>(found->second);
+namespace {
+
+// The position of `key` (a Key or a text) among `entries`, or -1: looked up in the index when
+// there is one, else by a walk, with the same equality either way.
+template <class Positions, class K>
+std::ptrdiff_t positionOf(const std::vector<Dictionary::Entry>& entries, const Positions* positions,
+                          const K& key) {
+    if (positions != nullptr) {
+        auto found = positions->find(key);
+        return found == positions->end() ? -1 : static_cast<std::ptrdiff_t>(found->second);
     }
-    for (std::size_t i = 0; i < entries_.size(); ++i) {
-        if (entries_[i].first == key) {
+    const typename Positions::key_equal equal;
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        if (equal(entries[i].first, key)) {
             return static_cast<std::ptrdiff_t>(i);
         }
     }
     return -1;
 }
 
+}  // namespace
+
+std::ptrdiff_t Dictionary::indexOf(const Key& key) const {
+    return positionOf(entries_, index_ ? &index_->positions : nullptr, key);
+}
+
 std::ptrdiff_t Dictionary::indexOf(std::string_view key) const {
-    if (index_) {
-        auto found = index_->positions.find(key);
-        return found == index_->positions.end() ? -1 : static_cast<std::ptrdiff_t>(found->second);
-    }
-    for (std::size_t i = 0; i < entries_.size(); ++i) {
-        const std::string* text = entries_[i].first.text();
-        if (text != nullptr && *text == key) {
-            return static_cast<std::ptrdiff_t>(i);
-        }
-    }
-    return -1;
+    return positionOf(entries_, index_ ? &index_->positions : nullptr, key);
 }
 
 const Value* Dictionary::find(std::string_view key) const {
@@ -236,18 +239,9 @@ bool operator==(const Value& a, const Value& b) {
     if (a.storage_.index() == b.storage_.index()) {
         return a.storage_ == b.storage_;
     }
-    using Kind = Value::Kind;
-    const Kind ka = a.kind();
-    const Kind kb = b.kind();
-    auto numeric = [](Kind k) {
-        return k == Kind::integer || k == Kind::unsignedInteger || k == Kind::real;
-    };
-    if (!numeric(ka) || !numeric(kb)) {
-        return false;
-    }
-    // Different numeric representations: an int64 and a uint64 can only be equal when both are
-    // non-negative and in range, which the constructors rule out (uint64 holds only values
-    // beyond int64), so only the comparisons against reals remain.
+    // Different kinds are equal only as the same number in two representations. An int64 and a
+    // uint64 never are (the constructors keep uint64 for values beyond int64), so only a real
+    // against an integer of either kind remains; every other pair of kinds is unequal.
     if (const auto* ar = a.real()) {
         if (const auto* bi = b.integer())
             return sameNumber(*bi, *ar);
