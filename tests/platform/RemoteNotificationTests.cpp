@@ -61,10 +61,12 @@ TEST(RemoteNotificationContent, SoundIsTheTextOrTheCriticalSoundsName) {
 TEST(LocalizedFormat, PlaceholdersStayWithinTheFormat) {
     const Array arguments{Value("a"), Value("b")};
     EXPECT_EQ(localizedFormat("%2$@ %1$@ %@ %3$@ 100%%", &arguments), "b a a  100%");
-    // Every digit counts in a position, 9 and 0 included.
-    const Array nine{Value("1"), Value("2"), Value("3"), Value("4"), Value("5"),
-                     Value("6"), Value("7"), Value("8"), Value("9")};
-    EXPECT_EQ(localizedFormat("%9$@ %09$@", &nine), "9 9");
+    // Every digit counts in a position, 9 and 0 included, each worth ten times the next.
+    Array twelve;
+    for (int i = 1; i <= 12; ++i) {
+        twelve.emplace_back(std::to_string(i));
+    }
+    EXPECT_EQ(localizedFormat("%9$@ %09$@ %12$@", &twelve), "9 9 12");
     const std::string_view longer = "%12$@";
     EXPECT_EQ(localizedFormat(longer.substr(0, 2), &arguments), "%1");
     EXPECT_EQ(localizedFormat(longer.substr(0, 3), &arguments), "%12");
