@@ -1,10 +1,13 @@
 #include "CommandRunner.h"
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +18,7 @@
 #include <cstdint>
 #include <string_view>
 #include <system_error>
+#include <variant>
 
 extern char** environ;
 
@@ -41,6 +45,90 @@ int childDescriptor(pid_t child) {
     (void)child;
     return -1;
 #endif
+}
+
+// The file `program` names: itself when it holds a '/', else the first executable regular file
+// of that name in the host's PATH (as a shell finds it); or ENOENT, or EACCES when only files that
+// cannot be run were found. Looked up before the fork, where allocating is allowed.
+std::variant<std::string, int> programPath(const std::string& program) {
+    if (program.empty()) {
+        return ENOENT;
+    }
+    if (program.find('/') != std::string::npos) {
+        return program;
+    }
+    const char* variable = ::getenv("PATH");
+    const std::string_view search = variable != nullptr ? variable : "/bin:/usr/bin";
+    int error = ENOENT;
+    for (std::size_t start = 0; start <= search.size();) {
+        std::size_t end = search.find(':', start);
+        end = end == std::string_view::npos ? search.size() : end;
+        const std::string_view directory = search.substr(start, end - start);
+        std::string candidate = directory.empty() ? "." : std::string(directory);
+        candidate += '/';
+        candidate += program;
+        struct stat info {};
+        if (::stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+            if (::access(candidate.c_str(), X_OK) == 0) {
+                return candidate;
+            }
+            error = EACCES;
+        }
+        start = end + 1;
+    }
+    return error;
+}
+
+// The child's side of start(), between fork and exec: async-signal-safe calls only. Standard
+// input from /dev/null unless inherited, no descriptor beyond standard error, default signal
+// dispositions, an empty mask, and SIGKILL when the host dies (so that a host killed outright
+// leaves no command running in its network); then the program, or its errno on `report`.
+[[noreturn]] void runChild(const char* path, char* const* argv, char* const* envp, pid_t host,
+                           int report, bool inheritStandardInput) {
+    int error = 0;
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
+        error = errno;
+    } else if (::getppid() != host) {
+        ::_exit(kNotRunnable);  // the host died before the death signal was set
+    }
+    if (error == 0 && !inheritStandardInput) {
+        const int input = ::open("/dev/null", O_RDONLY);
+        if (input < 0 || ::dup2(input, STDIN_FILENO) < 0) {
+            error = errno;
+        } else if (input != STDIN_FILENO) {
+            ::close(input);
+        }
+    }
+    // Whatever the host has open (sockets, files) is none of the command's business: every
+    // descriptor beyond standard error closes on exec (the report pipe with them).
+    if (error == 0 &&
+        ::syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
+        rlimit limit{};
+        const int last = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < 65536
+                             ? static_cast<int>(limit.rlim_cur)
+                             : 65536;
+        for (int fd = STDERR_FILENO + 1; fd < last; ++fd) {
+            if (fd != report) {
+                ::close(fd);
+            }
+        }
+    }
+    if (error == 0) {
+        // The host ignores SIGPIPE, and ignored signals would stay ignored across exec.
+        struct sigaction standard {};
+        standard.sa_handler = SIG_DFL;
+        for (const int signal : {SIGPIPE, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGCHLD}) {
+            ::sigaction(signal, &standard, nullptr);
+        }
+        sigset_t none;
+        sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        ::execve(path, argv, envp);
+        error = errno;
+    }
+    while (::write(report, &error, sizeof error) < 0 && errno == EINTR) {
+    }
+    ::_exit(error == ENOENT ? kNotFound : kNotRunnable);
 }
 
 }  // namespace
@@ -85,36 +173,45 @@ std::optional<std::string> CommandRunner::start() {
     }
     argv.push_back(nullptr);
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (!setup_.inheritStandardInput) {
-        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    }
-#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
-    // Whatever the host has open (sockets, files) is none of the command's business.
-    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-#endif
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    // The host ignores SIGPIPE, and ignored signals would stay ignored across exec.
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    for (const int signal : {SIGPIPE, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGCHLD}) {
-        sigaddset(&defaults, signal);
-    }
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-
+    // Everything the child needs is made before the fork: between fork and exec it may only make
+    // async-signal-safe calls, as other threads of the host may hold locks (the allocator's).
+    const pid_t host = ::getpid();
+    const auto found = programPath(setup_.arguments.empty() ? std::string() : setup_.arguments[0]);
+    const std::string path =
+        std::holds_alternative<std::string>(found) ? std::get<std::string>(found) : std::string();
+    int error = std::holds_alternative<int>(found) ? std::get<int>(found) : 0;
     pid_t child = -1;
-    const int error =
-        setup_.arguments.empty()
-            ? ENOENT
-            : ::posix_spawnp(&child, argv[0], &actions, &attributes, argv.data(), envp.data());
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
+    // The child reports a failed exec through this pipe; a successful one closes it unwritten.
+    int report[2] = {-1, -1};
+    if (error == 0 && ::pipe2(report, O_CLOEXEC) != 0) {
+        error = errno;
+    }
+    if (error == 0) {
+        child = ::fork();
+        if (child == 0) {
+            runChild(path.c_str(), argv.data(), envp.data(), host, report[1],
+                     setup_.inheritStandardInput);
+        }
+        if (child < 0) {
+            error = errno;
+        }
+        ::close(report[1]);
+        if (child > 0) {
+            int childError = 0;
+            ssize_t got = 0;
+            while ((got = ::read(report[0], &childError, sizeof childError)) < 0 &&
+                   errno == EINTR) {
+            }
+            if (got == static_cast<ssize_t>(sizeof childError)) {
+                error = childError;
+                int status = 0;
+                while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+                }
+                child = -1;
+            }
+        }
+        ::close(report[0]);
+    }
 
     std::optional<std::string> failure;
     const std::lock_guard lock(mutex_);

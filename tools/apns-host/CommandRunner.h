@@ -5,9 +5,11 @@
 // The child gets the host's environment with the given variables added or replaced, the host's
 // standard output and error, and either the host's standard input or /dev/null; no other file
 // descriptor; default signal dispositions and an empty signal mask. It stays in the host's process
-// group, so a terminal's Ctrl-C reaches it directly.
+// group, so a terminal's Ctrl-C reaches it directly. The kernel kills it (SIGKILL) when the host
+// dies, however the host dies, so that it never outlives the network the host made for it.
 //
-// Threads: start() once, from any thread; waitForExit() once, from the one thread that takes
+// Threads: start() once, from a thread that lives until the child has ended (the kernel's
+// parent-death signal follows the thread that started the child); waitForExit() once, from the one thread that takes
 // SIGINT and SIGTERM for the process. Both signals must be blocked in every thread of the process
 // (waitForExit() reads them through a signalfd). exitStatus() after waitForExit() has returned.
 //
