@@ -121,7 +121,8 @@ Running a push server (-- COMMAND):
   from standard input or --script FILE; COMMAND's standard input is /dev/null, or the host's
   standard input with --script. Use --output FILE to keep the host's lines apart from
   COMMAND's output. SIGINT and SIGTERM sent to the host are passed on to COMMAND (a
-  terminal's Ctrl-C reaches both at once); COMMAND still running 10 s later is killed. When
+  terminal's Ctrl-C reaches both at once); COMMAND still running 10 s later is killed, and
+  it is killed at once if the host itself dies (SIGKILL, a crash). When
   COMMAND ends, the host stops as on SIGTERM and exits with COMMAND's status (see "Exit
   status"). The generated files live in a private temporary directory, removed at exit.
 
