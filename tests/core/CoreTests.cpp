@@ -275,6 +275,16 @@ TEST(OrraBridgeDispatcherTest, BacklogGoesOnlyToTheFirstSubscriberInOrder) {
     calls.clear();
     dispatcher.subscribe(recordInto(calls, "next:"));
     EXPECT_EQ(calls, (Names{"next:e"}));
+
+    // A reset forgets kept events with their emitters: this thread's next event has none to
+    // wait for.
+    dispatcher.resetForTesting();
+    dispatcher.emitEvent("f", "");
+    dispatcher.resetForTesting();
+    calls.clear();
+    dispatcher.subscribe(recordInto(calls, "reset:"));
+    dispatcher.emitEvent("g", "");
+    EXPECT_EQ(calls, (Names{"reset:g"}));
 }
 
 // A listener that leaves while a kept event is handed to it is released outside the

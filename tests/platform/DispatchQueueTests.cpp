@@ -179,6 +179,7 @@ TEST(MainQueueTest, RunsItemsOnlyOnTheMainThreadWhenDrained) {
                 DispatchQueue::main().async([&, i] { order.push_back(isMainThread() ? i : -1); }));
         }
         EXPECT_EQ(DispatchQueue::drainMain(), 0u) << "drained off the main thread";
+        EXPECT_FALSE(DispatchQueue::runMainUntil([] { return true; }, std::chrono::seconds(1)));
         reportMainActorIsolationViolation("NimbOrraExample/Widget", 370);
     }).join();
     ASSERT_EQ(capture.records().size(), 1u);
