@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <fstream>
 #include <initializer_list>
 #include <set>
@@ -17,6 +16,8 @@
 #include <utility>
 
 #include <gtest/gtest.h>
+
+#include "support/TestSupport.h"
 
 extern char** environ;
 
@@ -171,18 +172,7 @@ std::vector<std::string> HostProcess::remainingLines() const {
 }
 
 std::string HostProcess::standardError() const {
-    std::string text;
-    char buffer[4096];
-    ssize_t got;
-    while (errors_ >= 0 &&
-           (got = pread(errors_, buffer, sizeof buffer, static_cast<off_t>(text.size()))) != 0) {
-        if (got > 0) {
-            text.append(buffer, static_cast<std::size_t>(got));
-        } else if (errno != EINTR) {
-            break;
-        }
-    }
-    return text;
+    return errors_ >= 0 ? readFile("/proc/self/fd/" + std::to_string(errors_)) : "";
 }
 
 HostRun runHost(std::string_view input, const std::vector<std::string>& arguments) {
@@ -239,12 +229,6 @@ std::string providerToken(std::int64_t issuedAt, const provider::AuthKey& key) {
 std::vector<std::string> providerHostArguments() {
     return {"--bundle",         kSampleBundle, "--status", "2",         "--auth-key",
             keyFile().string(), "--key-id",    kKeyId,     "--team-id", kTeamId};
-}
-
-bool hasAioapns() {
-    static const bool installed =
-        std::system("/usr/bin/python3 -c 'import aioapns' 2>/dev/null") == 0;
-    return installed;
 }
 
 std::vector<std::string> linesOf(const std::string& text) {

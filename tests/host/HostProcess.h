@@ -91,8 +91,6 @@ std::string providerToken(std::int64_t issuedAt = secondsNow(),
 // The host's arguments for the sample application, notifications authorized, provider tokens
 // checked against testKey().
 std::vector<std::string> providerHostArguments();
-// Whether Debian's asyncio APNs client is installed for the system's python3.
-bool hasAioapns();
 
 std::vector<std::string> linesOf(const std::string& text);
 // The text of member `name` in a flat JSON line ("..." or a number), or "".

@@ -124,7 +124,7 @@ TEST_F(Sandbox, UnchangedClientsReachTheFarSideAtApnsAddresses) {
          {"200", "200", "200"},
          "Hello from 2197"},
         {"aioapns with its defaults",
-         hasAioapns(),
+         std::system("/usr/bin/python3 -c 'import aioapns' 2>/dev/null") == 0,
          "/usr/bin/python3 " + (kSource / "tests/host/aioapns-send.py").string() + " " +
              keyFile().string() + " " + kKeyId + " " + kTeamId + " " + kTopic +
              " $APNS_HOST_DEVICE_TOKEN",
