@@ -11,7 +11,6 @@
 #include <csignal>
 #include <fstream>
 #include <initializer_list>
-#include <set>
 #include <sstream>
 #include <utility>
 
@@ -187,19 +186,16 @@ HostRun runHost(std::string_view input, const std::vector<std::string>& argument
 }
 
 std::filesystem::path temporaryFile(const std::string& name) {
-    static struct Files {
-        std::set<std::filesystem::path> made;
-        ~Files() {
-            for (const auto& path : made) {
-                std::error_code ignored;
-                std::filesystem::remove(path, ignored);
-            }
+    static const struct Directory {
+        std::filesystem::path path =
+            std::filesystem::temp_directory_path() / ("apns-host-test-" + std::to_string(getpid()));
+        Directory() { std::filesystem::create_directories(path); }
+        ~Directory() {
+            std::error_code ignored;
+            std::filesystem::remove_all(path, ignored);
         }
-    } files;
-    const auto path = std::filesystem::temp_directory_path() /
-                      ("apns-host-test-" + std::to_string(getpid()) + "-" + name);
-    files.made.insert(path);
-    return path;
+    } directory;
+    return directory.path / name;
 }
 
 const provider::AuthKey& testKey() {

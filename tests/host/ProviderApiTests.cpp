@@ -65,7 +65,8 @@ class ProviderApi : public ::testing::Test {
         return host_->readLinesThrough([&](const auto& line) { return line.starts_with(prefix); });
     }
     // Runs session commands (lines without the last line break) and returns what they wrote,
-    // once they have all run.
+    // once they have all run. The input stays open: a host that held its replies and events
+    // until the end of its input would fail here (and in SetUp).
     std::vector<std::string> command(const std::string& lines) {
         host_->write(lines + "\n{\"inspect\":\"platform\"}\n");
         auto written = linesThrough("{\"platform\":");

@@ -270,9 +270,11 @@ TEST_F(Sandbox, SigtermReachesTheCommandWhichEndsTheHost) {
 }
 
 TEST(SandboxHostsFile, KeepsTheSystemsLinesButApnsNamesAndPointsThoseAtTheHost) {
-    const std::string apns =
-        "# apns-host: APNs's provider API\n"
-        "127.0.0.1\tapi.push.apple.com api.sandbox.push.apple.com api.development.push.apple.com\n";
+    const auto apnsAt = [](const std::string& address) {
+        return "# apns-host: APNs's provider API\n" + address +
+               "\tapi.push.apple.com api.sandbox.push.apple.com api.development.push.apple.com\n";
+    };
+    const std::string apns = apnsAt("127.0.0.1");
     const std::string localhost = "127.0.0.1\tlocalhost\n::1\tlocalhost\n";
     const struct {
         const char* what;
@@ -301,9 +303,7 @@ TEST(SandboxHostsFile, KeepsTheSystemsLinesButApnsNamesAndPointsThoseAtTheHost) 
         {"empty", "", "127.0.0.1", localhost + apns},
         {"only a name where the address goes", "localhost\n", "127.0.0.1",
          "localhost\n" + localhost + apns},
-        {"IPv6", "::1 localhost\n", "::1",
-         "::1 localhost\n# apns-host: APNs's provider API\n::1\tapi.push.apple.com "
-         "api.sandbox.push.apple.com api.development.push.apple.com\n"},
+        {"IPv6", "::1 localhost\n", "::1", "::1 localhost\n" + apnsAt("::1")},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(host::NetworkSandbox::hostsFile(row.system, row.address), row.expected)

@@ -8,7 +8,6 @@ import {
   ProviderEnvironment,
   UNAuthorizationOption,
   UNAuthorizationStatus,
-  UNNotificationInterruptionLevel,
   userInfo,
   type ApnsHost,
   type ApnsNotification,
@@ -29,28 +28,16 @@ function recordEvents(host: ApnsHost): Array<[string, unknown]> {
   return seen;
 }
 
-const emptyNotification: ApnsNotification = {
-  title: "",
-  subtitle: "",
-  body: "",
-  badge: 0,
-  sound: "",
-  categoryIdentifier: "",
-  threadIdentifier: "",
-  launchImageName: "",
-  targetContentIdentifier: "",
-  interruptionLevel: UNNotificationInterruptionLevel.unspecified,
-  relevanceScore: 0,
-  userInfoJson: "",
-};
-
 const shipped = { aps: { alert: { title: "Order", body: "A-1042 has shipped" }, badge: 3 }, order: "A-1042" };
 
 test("every method resolves with its response record or rejects with the reply's error", async () => {
   const host = await startHost({ status: "notDetermined" });
   const events = recordEvents(host);
   const service = host.apnsService;
-  const note: ApnsNotification = { ...emptyNotification, body: "Hi", userInfoJson: '{"aps":{"alert":"Hi"}}' };
+  // Launched without a notification: every field empty (the plug-in decodes the note built on it).
+  const { notification: empty } = await service.getColdStartNotification();
+  assert.deepEqual(Object.values(empty).filter(Boolean), []);
+  const note: ApnsNotification = { ...empty, body: "Hi", userInfoJson: '{"aps":{"alert":"Hi"}}' };
 
   const steps: Array<[string, () => Promise<unknown>, unknown]> = [
     ["environment", () => service.getProviderEnvironment(), { environment: ProviderEnvironment.apnsSandbox }],
@@ -74,7 +61,7 @@ test("every method resolves with its response record or rejects with the reply's
   assert.deepEqual([notification.title, notification.body, notification.badge], ["Order", "A-1042 has shipped", 3]);
   assert.equal(userInfo(notification)?.["order"], "A-1042");
   const drained = await service.getColdStartNotification({});
-  assert.deepEqual(drained.notification, emptyNotification);
+  assert.deepEqual(drained.notification, empty);
   assert.equal(userInfo(drained.notification), undefined);
 
   // Every field of an error reply is read in the failure tests; here the real host's, by method.
