@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <fstream>
 #include <initializer_list>
 #include <sstream>
@@ -212,14 +213,9 @@ const std::filesystem::path& keyFile() {
     return file;
 }
 
-std::int64_t secondsNow() {
-    return std::chrono::duration_cast<std::chrono::seconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
-std::string providerToken(std::int64_t issuedAt, const provider::AuthKey& key) {
-    return provider::makeProviderToken(key, kKeyId, kTeamId, issuedAt).value_or("<unsigned>");
+std::string providerToken(std::int64_t age, const provider::AuthKey& key) {
+    return provider::makeProviderToken(key, kKeyId, kTeamId, std::time(nullptr) - age)
+        .value_or("<unsigned>");
 }
 
 std::vector<std::string> providerHostArguments() {
