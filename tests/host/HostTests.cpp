@@ -60,8 +60,12 @@ TEST_P(HostScript, WritesExactlyTheExpectedOutput) {
     std::vector<std::string> arguments;
     std::vector<std::string> stderrNeedles;
     int expectedStatus = 0;
+    std::string fed;
     std::istringstream lines(input);
     for (std::string line; std::getline(lines, line);) {
+        // Comment lines are fed as written, so that an echoed header does not depend on where
+        // the source tree is.
+        fed += (line.starts_with("#") ? line : withSource(line)) + "\n";
         if (line.starts_with("# args:")) {
             std::istringstream words(withSource(line.substr(7)));
             for (std::string word; words >> word;) {
@@ -72,14 +76,6 @@ TEST_P(HostScript, WritesExactlyTheExpectedOutput) {
         } else if (line.starts_with("# stderr: ")) {
             stderrNeedles.push_back(withSource(line.substr(10)));
         }
-    }
-
-    // Comment lines stay as written, so that an echoed header does not depend on where the
-    // source tree is.
-    std::string fed;
-    std::istringstream original(input);
-    for (std::string line; std::getline(original, line);) {
-        fed += (line.starts_with("#") ? line : withSource(line)) + "\n";
     }
     const HostRun result = runHost(fed, arguments);
     std::string output;

@@ -145,8 +145,7 @@ TEST_F(Sandbox, UnchangedClientsReachTheFarSideAtApnsAddresses) {
         EXPECT_TRUE(result.hostLines[0].starts_with("{\"providerApi\":")) << row.what;
         EXPECT_NE(result.hostLines[1].find("APNSService.OnTokenRefreshed"), std::string::npos)
             << row.what;
-        const auto accepted = static_cast<std::size_t>(std::count_if(
-            row.answers.begin(), row.answers.end(), [](auto& a) { return a.starts_with("200"); }));
+        const auto accepted = countContaining(row.answers, {"200"});
         EXPECT_EQ(countContaining(result.hostLines, {"\"outcome\":\"delivered\""}), accepted)
             << row.what;
         const auto presented = "APNSService.OnNotificationPresented";
