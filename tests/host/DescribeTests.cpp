@@ -36,19 +36,14 @@ class Description {
 
     const Value& operator[](std::string_view key) const { return *root_.find(key); }
 
-    const Dictionary* record(const std::string& name) const {
-        const Value* value = root_.find("records")->dictionary()->find(name);
-        return value ? value->dictionary() : nullptr;
-    }
-
     // The record described as `name` has R's fields in R's order, and so on for every record
     // and enumeration its fields reach.
     template <class R>
     void expectRecord(const std::string& name) const {
         SCOPED_TRACE(name);
-        const Dictionary* described = record(name);
+        const Value* described = root_.find("records")->dictionary()->find(name);
         ASSERT_NE(described, nullptr) << "no record " << name;
-        const platform::Array& fields = *described->find("fields")->array();
+        const platform::Array& fields = *described->dictionary()->find("fields")->array();
         std::size_t index = 0;
         std::apply(
             [&](const auto&... field) {

@@ -9,14 +9,15 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <initializer_list>
-#include <set>
 #include <sstream>
 #include <utility>
 
 #include <gtest/gtest.h>
+
+#include "support/TestSupport.h"
 
 extern char** environ;
 
@@ -171,18 +172,7 @@ std::vector<std::string> HostProcess::remainingLines() const {
 }
 
 std::string HostProcess::standardError() const {
-    std::string text;
-    char buffer[4096];
-    ssize_t got;
-    while (errors_ >= 0 &&
-           (got = pread(errors_, buffer, sizeof buffer, static_cast<off_t>(text.size()))) != 0) {
-        if (got > 0) {
-            text.append(buffer, static_cast<std::size_t>(got));
-        } else if (errno != EINTR) {
-            break;
-        }
-    }
-    return text;
+    return errors_ >= 0 ? readFile("/proc/self/fd/" + std::to_string(errors_)) : "";
 }
 
 HostRun runHost(std::string_view input, const std::vector<std::string>& arguments) {
@@ -197,19 +187,16 @@ HostRun runHost(std::string_view input, const std::vector<std::string>& argument
 }
 
 std::filesystem::path temporaryFile(const std::string& name) {
-    static struct Files {
-        std::set<std::filesystem::path> made;
-        ~Files() {
-            for (const auto& path : made) {
-                std::error_code ignored;
-                std::filesystem::remove(path, ignored);
-            }
+    static const struct Directory {
+        std::filesystem::path path =
+            std::filesystem::temp_directory_path() / ("apns-host-test-" + std::to_string(getpid()));
+        Directory() { std::filesystem::create_directories(path); }
+        ~Directory() {
+            std::error_code ignored;
+            std::filesystem::remove_all(path, ignored);
         }
-    } files;
-    const auto path = std::filesystem::temp_directory_path() /
-                      ("apns-host-test-" + std::to_string(getpid()) + "-" + name);
-    files.made.insert(path);
-    return path;
+    } directory;
+    return directory.path / name;
 }
 
 const provider::AuthKey& testKey() {
@@ -226,25 +213,14 @@ const std::filesystem::path& keyFile() {
     return file;
 }
 
-std::int64_t secondsNow() {
-    return std::chrono::duration_cast<std::chrono::seconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
-std::string providerToken(std::int64_t issuedAt, const provider::AuthKey& key) {
-    return provider::makeProviderToken(key, kKeyId, kTeamId, issuedAt).value_or("<unsigned>");
+std::string providerToken(std::int64_t age, const provider::AuthKey& key) {
+    return provider::makeProviderToken(key, kKeyId, kTeamId, std::time(nullptr) - age)
+        .value_or("<unsigned>");
 }
 
 std::vector<std::string> providerHostArguments() {
     return {"--bundle",         kSampleBundle, "--status", "2",         "--auth-key",
             keyFile().string(), "--key-id",    kKeyId,     "--team-id", kTeamId};
-}
-
-bool hasAioapns() {
-    static const bool installed =
-        std::system("/usr/bin/python3 -c 'import aioapns' 2>/dev/null") == 0;
-    return installed;
 }
 
 std::vector<std::string> linesOf(const std::string& text) {

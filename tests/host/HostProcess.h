@@ -84,15 +84,11 @@ std::filesystem::path temporaryFile(const std::string& name);
 // The push server's signing key, made once per process, and the file that holds it.
 const provider::AuthKey& testKey();
 const std::filesystem::path& keyFile();
-std::int64_t secondsNow();
-// A provider token from `key` for kKeyId and kTeamId, issued at `issuedAt`.
-std::string providerToken(std::int64_t issuedAt = secondsNow(),
-                          const provider::AuthKey& key = testKey());
+// A provider token from `key` for kKeyId and kTeamId, issued `age` seconds ago.
+std::string providerToken(std::int64_t age = 0, const provider::AuthKey& key = testKey());
 // The host's arguments for the sample application, notifications authorized, provider tokens
 // checked against testKey().
 std::vector<std::string> providerHostArguments();
-// Whether Debian's asyncio APNs client is installed for the system's python3.
-bool hasAioapns();
 
 std::vector<std::string> linesOf(const std::string& text);
 // The text of member `name` in a flat JSON line ("..." or a number), or "".
