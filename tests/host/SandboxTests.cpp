@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,7 @@
 #include <initializer_list>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "HostProcess.h"
@@ -266,6 +268,31 @@ TEST_F(Sandbox, SigtermReachesTheCommandWhichEndsTheHost) {
         EXPECT_EQ(host.finish(), row.status) << row.what << "\n" << host.standardError();
         EXPECT_EQ(countContaining(host.remainingLines(), {"terminated"}), row.saidSo) << row.what;
     }
+}
+
+// A host that dies outright (no signal it could pass on) takes the command with it, so that
+// nothing is left running in a network that nobody serves.
+TEST_F(Sandbox, AHostKilledOutrightTakesTheCommandWithIt) {
+    HostProcess host({"--bundle", kSampleBundle, "--", "sh", "-c", "echo pid $$; exec sleep 60"});
+    const auto lines =
+        host.readLinesThrough([](const auto& line) { return line.starts_with("pid "); });
+    ASSERT_FALSE(lines.empty()) << host.standardError();
+    const std::string pid = lines.back().substr(4);
+    host.signal(SIGKILL);
+    // Gone, or dead and waiting for init to reap it.
+    const auto running = [&] {
+        const std::string fields = readFile("/proc/" + pid + "/stat");
+        const auto end = fields.rfind(')');
+        return end != std::string::npos && fields.substr(end + 2, 1) != "Z";
+    };
+    for (int i = 0; i < 500 && running(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (running()) {
+        ADD_FAILURE() << "the command outlived the host";
+        ::kill(std::stoi(pid), SIGKILL);  // it holds the host's output open
+    }
+    EXPECT_EQ(host.finish(), 128 + SIGKILL);
 }
 
 TEST(SandboxHostsFile, KeepsTheSystemsLinesButApnsNamesAndPointsThoseAtTheHost) {
