@@ -380,6 +380,21 @@ TEST(OrraBridgeDispatcherTest, ListenersMayReenterTheDispatcher) {
     dispatcher.emitEvent("after", "");
     EXPECT_EQ(std::vector(calls.begin() + 6, calls.end()),
               (Names{"A:leave", "B:leave", "B:after"}));
+
+    // The last listener leaves, another thread emits (kept: nobody listens) and the listener
+    // subscribes another, inside its delivery: the newcomer hears the kept event as part of it.
+    OrraBridgeDispatcher alone;
+    Names heard;
+    OrraBridgeDispatcher::SubscriptionId only = 0;
+    only = alone.subscribe([&](const std::string& name, const std::string&) {
+        if (name == "go") {
+            alone.unsubscribe(only);
+            std::thread([&] { alone.emitEvent("kept", ""); }).join();
+            alone.subscribe(recordInto(heard, "next:"));
+        }
+    });
+    alone.emitEvent("go", "");
+    EXPECT_EQ(heard, (Names{"next:kept"}));
 }
 
 TEST(OrraBridgeDispatcherTest, ConcurrentEmittersLoseNothingAndKeepTheirOwnOrder) {
