@@ -223,6 +223,9 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
          Value(Array{Value(1), Value(Dictionary{{"a", Value()}})})},
         {"[1]\f", std::nullopt},
         {"[1 2]", std::nullopt},
+        {"[trUe]", std::nullopt},  // a literal is read whole, not by its first byte and length
+        {"[falsE]", std::nullopt},
+        {"[nuLl]", std::nullopt},
         {"{\"a\" 1}", std::nullopt},
         {"{1\":2}", std::nullopt},  // a key that is not a text, a quote after it
         {"[]]", std::nullopt},
