@@ -33,11 +33,24 @@ TEST(Hex, EncodesBothCasesWithSeparatorsAndDecodesOnlyWholePairs) {
     EXPECT_FALSE(isHexText("09afAG"));
 }
 
-// The names the log levels go by (and --log-level takes).
-TEST(Logger, LevelNames) {
-    EXPECT_EQ(logLevelName(LogLevel::debug), "debug");
-    EXPECT_EQ(logLevelName(LogLevel::info), "info");
-    EXPECT_EQ(logLevelName(LogLevel::error), "error");
+// Without a sink of the host's, each record at or above the level is one line on standard error,
+// named by its level as --log-level names it.
+TEST(Logger, TheDefaultSinkWritesALinePerRecordAtOrAboveTheLevel) {
+    setLogSink({});
+    const Logger logger("com.example", "unit");
+    ::testing::internal::CaptureStderr();
+    setLogLevel(LogLevel::debug);
+    logger.debug("d");
+    logger.info("i");
+    logger.error("e");
+    setLogLevel(LogLevel::error);
+    logger.info("below the level");
+    setLogLevel(LogLevel::off);
+    logger.error("nothing is written");
+    setLogLevel(LogLevel::info);
+    EXPECT_EQ(
+        ::testing::internal::GetCapturedStderr(),
+        "debug [com.example:unit] d\ninfo [com.example:unit] i\nerror [com.example:unit] e\n");
     EXPECT_EQ(logLevelName(LogLevel::off), "off");
 }
 
