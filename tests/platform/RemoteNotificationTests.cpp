@@ -56,6 +56,18 @@ TEST(RemoteNotificationContent, SoundIsTheTextOrTheCriticalSoundsName) {
     }
 }
 
+// A notification shows itself when its aps carries an alert, a badge or a sound, each alone;
+// content-available alone, or keys outside aps, show nothing.
+TEST(RemoteNotificationContent, VisibleByAlertBadgeOrSound) {
+    for (const char* key : {"alert", "badge", "sound"}) {
+        EXPECT_TRUE(isVisibleRemoteNotification(Dictionary{{"aps", Dictionary{{key, 1}}}}))
+            << key;
+        EXPECT_FALSE(isVisibleRemoteNotification(
+            Dictionary{{key, 1}, {"aps", Dictionary{{"content-available", 1}}}}))
+            << key;
+    }
+}
+
 // A positional placeholder is read within the format alone, even when the text around the view
 // goes on with more digits.
 TEST(LocalizedFormat, PlaceholdersStayWithinTheFormat) {
