@@ -106,14 +106,16 @@ ProviderService::ProviderService(std::string bundleIdentifier,
                                  std::optional<platform::Data> deviceToken,
                                  std::optional<ApnsEnvironment> environment,
                                  platform::RemoteNotificationReceiver& receiver,
-                                 ProviderObserver& observer)
+                                 ProviderObserver& observer,
+                                 std::shared_ptr<platform::DispatchQueue> queue)
     : bundleIdentifier_(std::move(bundleIdentifier)),
       environment_(environment),
       receiver_(receiver),
       observer_(observer),
       token_(deviceToken ? std::move(*deviceToken) : randomToken()),
-      queue_(std::make_unique<platform::DispatchQueue>("com.nimborra.provider.delivery",
-                                                       platform::DispatchQoS::userInitiated)) {
+      queue_(queue ? std::move(queue)
+                   : std::make_shared<platform::DispatchQueue>(
+                         "com.nimborra.provider.delivery", platform::DispatchQoS::userInitiated)) {
     updateDestination();
 }
 
@@ -226,11 +228,16 @@ void ProviderService::handle(ProviderRequest request,
     bool stopped = false;
     {
         const std::lock_guard lock(mutex_);
-        stopped = !queue_;
+        stopped = stopped_;
         if (!stopped) {
             const bool first = inbox_.empty();
             inbox_.push_back(Delivery{std::move(accepted), std::move(respond)});
-            if (!first || queue_->async([this] { deliverInbox(); })) {
+            if (!first) {
+                return;
+            }
+            // Counted under the lock the work item takes first, so it cannot finish uncounted.
+            if (queue_->async([this] { deliverInbox(); })) {
+                ++deliveriesQueued_;
                 return;
             }
             // The queue did not take the work item: the notification is refused here.
@@ -264,6 +271,11 @@ void ProviderService::deliverInbox() {
                 [&] { return std::string("a delivery failed: ") + error.what(); });
         }
     }
+    // The batch's responders go before stop() may return: one not called answers as it goes.
+    batch.clear();
+    const std::lock_guard lock(mutex_);
+    --deliveriesQueued_;
+    delivered_.notify_all();
 }
 
 void ProviderService::refused(const TransportRefusal& refusal) {
@@ -312,13 +324,13 @@ void ProviderService::deliver(PushNotificationRequest& request, ProviderResponde
 }
 
 void ProviderService::stop() {
-    std::unique_ptr<platform::DispatchQueue> queue;
-    {
-        const std::lock_guard lock(mutex_);
-        queue = std::move(queue_);
+    std::unique_lock lock(mutex_);
+    stopped_ = true;
+    // A delivery that stops the service cannot wait for itself; the rest of the queue's batches
+    // still run after it.
+    if (!queue_->isCurrent()) {
+        delivered_.wait(lock, [this] { return deliveriesQueued_ == 0; });
     }
-    // Destroying the queue runs what it holds, then joins its thread.
-    queue.reset();
 }
 
 }  // namespace nimborra::provider

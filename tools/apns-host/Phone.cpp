@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <functional>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -87,6 +88,11 @@ platform::UNUserNotificationCenter& center() {
 Phone::Phone(OutputWriter& output, Application& application)
     : output_(output), application_(application) {}
 
+Phone::~Phone() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return resumesQueued_ == 0; });
+}
+
 std::optional<std::string> Phone::openBundle(const std::optional<std::filesystem::path>& bundle) {
     if (bundle) {
         const std::filesystem::path& directory = *bundle;
@@ -159,17 +165,32 @@ provider::ProviderService* Phone::providerService() const {
 
 Phone::Exclusive::Exclusive(Phone& phone) : phone_(phone) {
     std::unique_lock lock(phone_.mutex_);
-    phone_.changed_.wait(lock, [this] { return !phone_.exclusive_; });
+    // Notifications kept while the phone was held start before the next holder takes it.
+    phone_.changed_.wait(lock, [this] { return !phone_.exclusive_ && phone_.deferred_.empty(); });
     phone_.exclusive_ = true;
     phone_.exclusiveOwner_ = std::this_thread::get_id();
     phone_.changed_.wait(lock, [this] { return phone_.running_.empty(); });
 }
 
 Phone::Exclusive::~Exclusive() {
-    const std::lock_guard lock(phone_.mutex_);
-    phone_.exclusive_ = false;
-    phone_.exclusiveOwner_ = {};
-    phone_.changed_.notify_all();
+    std::shared_ptr<platform::DispatchQueue> queue;
+    {
+        const std::lock_guard lock(phone_.mutex_);
+        phone_.exclusive_ = false;
+        phone_.exclusiveOwner_ = {};
+        phone_.changed_.notify_all();
+        if (phone_.deferred_.empty() || phone_.service_ == nullptr) {
+            return;
+        }
+        queue = phone_.service_->queue();
+        ++phone_.resumesQueued_;
+    }
+    // The kept notifications start on the push service's queue, as they would have. Should the
+    // queue not take the work item, they start here.
+    std::function<void()> resume = [phone = &phone_] { phone->startDeferred(); };
+    if (!queue->async(std::move(resume))) {
+        phone_.startDeferred();
+    }
 }
 
 void Phone::waitForRoads() {
@@ -179,7 +200,7 @@ void Phone::waitForRoads() {
 
 void Phone::push(PushNotification notification, std::optional<ApplicationState> app,
                  const std::optional<std::string>& tap) {
-    const auto road = start(std::move(notification), app, tap, false, true);
+    const auto road = start(std::move(notification), app, tap, false);
     waitFinished(road);
 }
 
@@ -222,33 +243,65 @@ bool Phone::tap(std::string_view identifier, const std::string& action) {
         found = *best;
         removeLocked(found->notification.apnsId);
     }
-    const auto road = start(std::move(found->notification), std::nullopt, action, true, true);
+    const auto road = start(std::move(found->notification), std::nullopt, action, true);
     waitFinished(road);
     return true;
 }
 
 std::shared_ptr<Phone::Road> Phone::start(PushNotification notification,
                                           std::optional<ApplicationState> app,
-                                          std::optional<std::string> tap, bool tapOnly,
-                                          bool holdsExclusive) {
+                                          std::optional<std::string> tap, bool tapOnly) {
+    std::shared_ptr<Road> road;
+    {
+        const std::lock_guard lock(mutex_);
+        road = admitLocked(std::move(notification), app, std::move(tap), tapOnly);
+    }
+    run(road);
+    return road;
+}
+
+std::shared_ptr<Phone::Road> Phone::admitLocked(PushNotification notification,
+                                                std::optional<ApplicationState> app,
+                                                std::optional<std::string> tap, bool tapOnly) {
     auto road = std::make_shared<Road>();
     road->notification = std::move(notification);
     road->tap = std::move(tap);
     road->tapOnly = tapOnly;
-    {
-        std::unique_lock lock(mutex_);
-        if (!holdsExclusive) {
-            // A session command has the phone: this notification comes after it, unless the
-            // command itself brought it (a device coming online delivers what was kept).
-            const auto self = std::this_thread::get_id();
-            changed_.wait(lock, [this, self] { return !exclusive_ || exclusiveOwner_ == self; });
-        }
-        road->app = app.value_or(app_);
-        road->order = nextOrder_++;
-        running_.push_back(road);
-    }
-    run(road);
+    road->app = app.value_or(app_);
+    road->order = nextOrder_++;
+    running_.push_back(road);
     return road;
+}
+
+void Phone::startDeferred() {
+    // However this ends (a road may run out of memory), the work item is no longer queued.
+    struct Finished {
+        Phone& phone;
+        ~Finished() {
+            const std::lock_guard lock(phone.mutex_);
+            --phone.resumesQueued_;
+            phone.changed_.notify_all();
+        }
+    } finished{*this};
+    const auto self = std::this_thread::get_id();
+    for (;;) {
+        std::shared_ptr<Road> road;
+        {
+            const std::lock_guard lock(mutex_);
+            // Held again: the next release queues another start.
+            if (deferred_.empty() || (exclusive_ && exclusiveOwner_ != self)) {
+                return;
+            }
+            road = admitLocked(std::move(deferred_.front()), std::nullopt, std::nullopt, false);
+            deferred_.pop_front();
+            if (deferred_.empty()) {
+                changed_.notify_all();
+            }
+        }
+        // Started for the push service: its calls never wait for room on the bridge.
+        road->mayWait = false;
+        run(road);
+    }
 }
 
 void Phone::run(const std::shared_ptr<Road>& road) {
@@ -504,7 +557,32 @@ void Phone::present(platform::IncomingRemoteNotification&& notification) {
     PushNotification push{std::move(notification.identifier),
                           std::move(notification.collapseIdentifier), std::move(payload),
                           std::move(content)};
-    start(std::move(push), std::nullopt, std::nullopt, false, false);
+    std::vector<std::shared_ptr<Road>> earlier;
+    std::shared_ptr<Road> road;
+    {
+        const std::lock_guard lock(mutex_);
+        // While a session command has the phone, or earlier notifications wait for it, this one
+        // waits after them, without holding up the queue it came on. The holder itself (a device
+        // coming online delivers what was kept) starts the waiting ones first, then this one.
+        const bool holder = exclusive_ && exclusiveOwner_ == std::this_thread::get_id();
+        if (!holder && (exclusive_ || !deferred_.empty())) {
+            deferred_.push_back(std::move(push));
+            return;
+        }
+        for (auto& waiting : deferred_) {
+            earlier.push_back(admitLocked(std::move(waiting), std::nullopt, std::nullopt, false));
+        }
+        deferred_.clear();
+        road = admitLocked(std::move(push), std::nullopt, std::nullopt, false);
+    }
+    // On the plug-in's queue (or the thread bringing the device online): the roads' calls never
+    // wait for room on the bridge.
+    for (const auto& started : earlier) {
+        started->mayWait = false;
+        run(started);
+    }
+    road->mayWait = false;
+    run(road);
 }
 
 void Phone::requestHandled(const provider::ProviderRecord& record) {

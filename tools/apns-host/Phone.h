@@ -25,7 +25,11 @@
 // system lines are written in the order the roads started. exclusive() gives a session command
 // the phone to itself: no new road starts until it is released, and it waits for the running
 // ones to finish; roads the holding thread starts itself (a device coming online delivers what was
-// kept) do not wait. Nothing here throws except std::bad_alloc.
+// kept) do not wait. The push service hands notifications over on its queue, which is the
+// plug-in's: that thread never waits, neither for the phone nor for room on the bridge (the replies
+// that make room come on it). A notification delivered while a session command has the phone is
+// kept, in order, and its road starts on the push service's queue once the phone is released;
+// exclusive() waits for such roads to start first. Nothing here throws except std::bad_alloc.
 #pragma once
 
 #include <condition_variable>
@@ -74,6 +78,8 @@ class Phone final : public platform::RemoteNotificationReceiver, public provider
 
     // `output` and `application` must outlive the phone.
     Phone(OutputWriter& output, Application& application);
+    // Waits for the work it gave the push service's queue (kept notifications to start).
+    ~Phone() override;
     Phone(const Phone&) = delete;
     Phone& operator=(const Phone&) = delete;
 
@@ -146,11 +152,18 @@ class Phone final : public platform::RemoteNotificationReceiver, public provider
         std::uint64_t order = 0;
     };
 
-    // Starts a road, with the application in `app` (the phone's state when nothing);
-    // `holdsExclusive` says whether the caller holds the phone, else it waits for it.
+    // Starts a road for a session command that holds the phone, with the application in `app`
+    // (the phone's state when nothing).
     std::shared_ptr<Road> start(PushNotification notification,
                                 std::optional<platform::ApplicationState> app,
-                                std::optional<std::string> tap, bool tapOnly, bool holdsExclusive);
+                                std::optional<std::string> tap, bool tapOnly);
+    // With mutex_ held: a new road, in start order and among the running ones.
+    std::shared_ptr<Road> admitLocked(PushNotification notification,
+                                      std::optional<platform::ApplicationState> app,
+                                      std::optional<std::string> tap, bool tapOnly);
+    // On the push service's queue: starts the kept notifications while nobody else has the
+    // phone.
+    void startDeferred();
     void run(const std::shared_ptr<Road>& road);
     void presented(const std::shared_ptr<Road>& road, PresentationOptions options);
     void respond(const std::shared_ptr<Road>& road);
@@ -174,6 +187,10 @@ class Phone final : public platform::RemoteNotificationReceiver, public provider
     // Roads in start order (their orders increase), until their system line is written in that
     // order: only the oldest ever leaves.
     std::deque<std::shared_ptr<Road>> running_;
+    // Notifications the push service delivered while another thread had the phone, in order.
+    std::deque<PushNotification> deferred_;
+    // startDeferred() work items queued and not yet finished.
+    std::size_t resumesQueued_ = 0;
     std::uint64_t nextOrder_ = 1;
     std::uint64_t apnsIdsIssued_ = 0;
     bool exclusive_ = false;

@@ -26,8 +26,8 @@ ProviderApi::~ProviderApi() {
 }
 
 std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
-    const ProviderApiOptions& options, Phone& phone, Application& application,
-    OutputWriter& output) {
+    const ProviderApiOptions& options, Phone& phone, Application& application, OutputWriter& output,
+    std::shared_ptr<platform::DispatchQueue> queue) {
     const auto profile = phone.profile();
     const auto& bundleIdentifier = profile.bundleIdentifier;
     if (!bundleIdentifier) {
@@ -83,7 +83,7 @@ std::variant<std::unique_ptr<ProviderApi>, std::string> ProviderApi::start(
     api->service_ = std::make_unique<provider::ProviderService>(
         *bundleIdentifier, std::move(token),
         profile.environment ? provider::apnsEnvironmentNamed(*profile.environment) : std::nullopt,
-        phone, phone);
+        phone, phone, std::move(queue));
     phone.attachProviderService(*api->service_);
     auto& system = platform::UIApplication::sharedApplication();
     system.setDeviceTokenIssuer([service = api->service_.get()] { return service->deviceToken(); });

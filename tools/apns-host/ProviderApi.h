@@ -23,10 +23,12 @@ class ProviderApi {
   public:
     // Reads the certificate and keys, starts serving and writes the start line; the reason when
     // it cannot (the application's identifier unknown, a file unreadable, the port taken).
-    // `phone` and `application` must outlive the provider API.
+    // `phone` and `application` must outlive the provider API. `queue` is the plug-in's: the push
+    // service delivers on it, so that a notification's trip through the system and the plug-in
+    // stays on one thread.
     static std::variant<std::unique_ptr<ProviderApi>, std::string> start(
         const ProviderApiOptions& options, Phone& phone, Application& application,
-        OutputWriter& output);
+        OutputWriter& output, std::shared_ptr<platform::DispatchQueue> queue);
     ~ProviderApi();
     ProviderApi(const ProviderApi&) = delete;
     ProviderApi& operator=(const ProviderApi&) = delete;

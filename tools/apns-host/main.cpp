@@ -25,6 +25,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -191,7 +192,20 @@ int runHost(const host::HostOptions& options, host::NetworkSandbox* sandbox) {
             output.writeBuiltLine(
                 [&](std::string& line) { host::appendEventLine(line, name, payload); });
         });
-    apns::Nimb_Orra_ApnsService_Register();
+    // The plug-in, registered as the add-on's registration does it, but with a queue the host
+    // keeps: the provider API's push service delivers on it too, so that a notification goes from
+    // the system to the plug-in without a thread hop.
+    std::shared_ptr<platform::DispatchQueue> pluginQueue;
+    try {
+        pluginQueue = std::make_shared<platform::DispatchQueue>(
+            std::string(apns::ApnsServicePlugin::queueLabel), platform::DispatchQoS::userInitiated);
+        wiring.dispatcher.registerPlugin(
+            std::string(apns::ApnsServicePlugin::name),
+            std::make_shared<apns::ApnsServicePlugin>(
+                std::make_shared<apns::ApnsServiceNativeAdapterDefault>(), pluginQueue));
+    } catch (const std::bad_alloc&) {
+        return fail("the ApnsService plug-in could not be made: out of memory");
+    }
     auto plugin = wiring.dispatcher.plugin(apns::ApnsServicePlugin::name);
     if (!plugin) {
         return fail("the ApnsService plug-in did not register");
@@ -234,7 +248,8 @@ int runHost(const host::HostOptions& options, host::NetworkSandbox* sandbox) {
 
     std::unique_ptr<host::ProviderApi> providerApi;
     if (options.providerApi) {
-        auto started = host::ProviderApi::start(*options.providerApi, phone, application, output);
+        auto started =
+            host::ProviderApi::start(*options.providerApi, phone, application, output, pluginQueue);
         if (auto* reason = std::get_if<std::string>(&started)) {
             return fail(*reason);
         }

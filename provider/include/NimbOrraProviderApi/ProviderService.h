@@ -4,8 +4,10 @@
 // recent notification that may still expire later; to an unregistered one not at all (410).
 //
 // Threads: handle() and refused() run on the server's thread. Accepted notifications go through
-// one serial dispatch queue of the service's, in batches (whatever has been accepted by the time
-// the queue comes to them), which hands them to the device in the order they were accepted, answers
+// one serial dispatch queue (the service's own, or one it is given to share, such as the queue of
+// the plug-in the device hands notifications to), in batches (whatever has been accepted by the
+// time the queue comes to them), which hands them to the device in the order they were accepted,
+// answers
 // each request 200 once the device has taken it (not once the application has seen it), and then
 // asks the device to present it. The service never waits for one notification's trip through the
 // application before handing over the next: that trip is the device's, and a device whose present()
@@ -18,6 +20,8 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -88,13 +92,17 @@ class ProviderObserver {
 
 class ProviderService final : public ProviderRequestHandler {
   public:
+    // `queue`: the serial queue deliveries run on, shared with whoever else owns it (a device
+    // that presents on a queue of its own gives that one, and a notification then takes no thread
+    // hop between the service and the device); a queue of the service's own when null.
     // `deviceToken`: the device's token; nothing for 32 random bytes. `environment`: the one
     // the device's token belongs to (the profile's "aps-environment"); nothing when unknown,
     // and then a request reaches the device whatever host it names. The receiver and the
     // observer must outlive the service.
     ProviderService(std::string bundleIdentifier, std::optional<platform::Data> deviceToken,
                     std::optional<ApnsEnvironment> environment,
-                    platform::RemoteNotificationReceiver& receiver, ProviderObserver& observer);
+                    platform::RemoteNotificationReceiver& receiver, ProviderObserver& observer,
+                    std::shared_ptr<platform::DispatchQueue> queue = nullptr);
     ~ProviderService() override;
     ProviderService(const ProviderService&) = delete;
     ProviderService& operator=(const ProviderService&) = delete;
@@ -115,8 +123,12 @@ class ProviderService final : public ProviderRequestHandler {
     // calling thread before returning, so that what the caller does next comes after it.
     void setDeviceOnline(bool online);
 
-    // Hands what is queued to the device, then stops the queue; later requests are answered 503
-    // "Shutdown". Call once the server has stopped; the destructor calls it too.
+    // The queue deliveries run on (never null).
+    const std::shared_ptr<platform::DispatchQueue>& queue() const { return queue_; }
+
+    // Hands what is queued to the device (returning once it has, unless called on the queue
+    // itself); later requests are answered 503 "Shutdown". Call once the server has stopped; the
+    // destructor calls it too.
     void stop();
 
   private:
@@ -152,8 +164,11 @@ class ProviderService final : public ProviderRequestHandler {
     // Accepted notifications the queue has not taken yet; a work item to take them is queued
     // whenever it is not empty.
     std::vector<Delivery> inbox_;
-    // Null once stopped.
-    std::unique_ptr<platform::DispatchQueue> queue_;
+    // Work items that take the inbox, queued and not yet finished; stop() waits for them.
+    std::size_t deliveriesQueued_ = 0;
+    std::condition_variable delivered_;
+    bool stopped_ = false;
+    const std::shared_ptr<platform::DispatchQueue> queue_;
 };
 
 }  // namespace nimborra::provider
