@@ -418,7 +418,9 @@ bool isJsonObjectPayload(Context& c) {
 }
 
 bool isDevicesToken(Context& c) {
-    return platform::equalsIgnoringASCIICase(c.deviceToken, c.destination.deviceToken) ||
+    // Servers mostly send the token as it was issued (lower case): compared as is first.
+    return c.deviceToken == c.destination.deviceToken ||
+           platform::equalsIgnoringASCIICase(c.deviceToken, c.destination.deviceToken) ||
            c.fail("the device token is not this device's (" + c.destination.deviceToken + ")");
 }
 

@@ -419,9 +419,10 @@ void Phone::respond(const std::shared_ptr<Road>& road) {
 }
 
 void Phone::finish(const std::shared_ptr<Road>& road) {
-    std::string line;
-    // Room for the whole line at once (a tap's action may still make it grow).
-    line.reserve(256 + road->notification.apnsId.size() + (road->tap ? road->tap->size() : 0));
+    // Built in a text the thread keeps from line to line: a road that is the oldest running (the
+    // usual case) writes it from there, and only one that waits for older roads keeps a copy.
+    thread_local std::string line;
+    line.clear();
     line.append("{\"system\":{\"apnsId\":");
     platform::appendJSONString(line, road->notification.apnsId);
     line.append(",\"app\":");
@@ -449,8 +450,13 @@ void Phone::finish(const std::shared_ptr<Road>& road) {
 
     // The system lines come in the order the roads started, each after its own callbacks' lines.
     const std::lock_guard lock(mutex_);
-    road->line = std::move(line);
     road->finished = true;
+    if (running_.front() != road) {
+        road->line = line;
+        return;
+    }
+    output_.writeLine(line);
+    running_.pop_front();
     while (!running_.empty() && running_.front()->finished) {
         output_.writeLine(running_.front()->line);
         running_.pop_front();
