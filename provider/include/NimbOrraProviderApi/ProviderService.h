@@ -7,16 +7,17 @@
 // one serial dispatch queue (the service's own, or one it is given to share, such as the queue of
 // the plug-in the device hands notifications to), in batches (whatever has been accepted by the
 // time the queue comes to them), which hands them to the device in the order they were accepted,
-// answers
-// each request 200 once the device has taken it (not once the application has seen it), and then
-// asks the device to present it. The service never waits for one notification's trip through the
-// application before handing over the next: that trip is the device's, and a device whose present()
-// returns at once lets the notifications flow through the application side by side. The queue holds
-// at most the server's limit of unanswered requests, plus what present() keeps it from. The device
-// controls (setDeviceRegistered, setDeviceOnline) and the token may be used from any thread. The
-// observer is called on the server's thread (refusals, answers that need no device), on the queue's
-// thread (the rest) and on the thread that brings the device online (the kept notification),
-// possibly at once: it guards what it shares. Nothing here throws except std::bad_alloc.
+// answers each request 200 once the device has taken it (not once the application has seen it),
+// and then asks the device to present it. The service never waits for one notification's trip
+// through the application before handing over the next: that trip is the device's, and a device
+// whose present() returns at once lets the notifications flow through the application side by
+// side. The inbox holds at most the server's limit of unanswered requests, plus what present()
+// keeps the queue from; present() must not wait for work queued behind it on a shared queue. The
+// device controls (setDeviceRegistered, setDeviceOnline) and the token may be used from any
+// thread. The observer is called on the server's thread (refusals, answers that need no device),
+// on the queue's thread (the rest) and on the thread that brings the device online (the kept
+// notification), possibly at once: it guards what it shares. Nothing here throws except
+// std::bad_alloc.
 #pragma once
 
 #include <atomic>
