@@ -9,9 +9,11 @@
 // Memory: at most maximumUnansweredCalls calls, holding at most maximumUnansweredBytes of payload
 // between them, wait for their reply. A far-side call, or an application call made with
 // `mayWait`, beyond that blocks its caller until earlier calls are answered, so a fast input or a
-// stalled reader of the output cannot make the host grow. Application calls made from a
-// continuation (on the plug-in's queue) never wait, as waiting there would stop the very replies
-// that make room; there is at most one such call per notification in flight.
+// stalled reader of the output cannot make the host grow. Application calls made on the plug-in's
+// queue (a continuation, or a notification the push service delivers there) never wait, as waiting
+// there would stop the very replies that make room; there is at most one such call per
+// notification in flight, and the provider API's limit of unanswered requests bounds how many
+// notifications it delivers ahead of their calls.
 //
 // The bridge must outlive every call it started: waitForReplies() returns once all of them have
 // been answered and their continuations have run.
