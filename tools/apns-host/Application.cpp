@@ -14,12 +14,27 @@ namespace nimborra::host {
 
 namespace {
 
+// Room for a request's whole text at once, as a rule: the keys and numbers, and the
+// notification's texts, which escaping seldom doubles (the user info's quotes, mostly).
+std::size_t sizeHint(const apns::ApnsNotification& n) {
+    return 512 +
+           2 * (n.title.size() + n.subtitle.size() + n.body.size() + n.sound.size() +
+                n.categoryIdentifier.size() + n.threadIdentifier.size() + n.launchImageName.size() +
+                n.targetContentIdentifier.size() + n.userInfoJson.size());
+}
+
 template <class Request>
 std::string payloadFor(const Request& request) {
+    std::string payload;
+    if constexpr (requires { request.notification; }) {
+        payload.reserve(sizeHint(request.notification));
+    }
     // The records hold only text and numbers the mapper made finite, so encoding cannot fail;
     // should it, the plug-in answers the empty payload with its own error.
-    auto payload = core::OrraJSONCoding::makeEncoder().encode(request);
-    return payload ? std::move(payload).value() : std::string("{}");
+    if (core::OrraJSONCoding::makeEncoder().encodeAppending(request, payload)) {
+        return "{}";
+    }
+    return payload;
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -29,6 +30,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <variant>
@@ -57,6 +59,39 @@
 #include "Session.h"
 
 namespace {
+
+// glibc keeps seven freed blocks of each size per thread before it falls back to its shared and
+// slower lists. The provider API's threads allocate and free the pieces of hundreds of requests
+// at a time (every stream a connection has open), so with the default most of their mallocs and
+// frees take the slow road. A larger cache, asked for through glibc's tunables, takes about 5%
+// off the CPU time of a push. Tunables are read only when a process starts, so the host starts
+// itself once more with them set; the marker says it has. A user's own GLIBC_TUNABLES is left as
+// it is, and the ones the host set are taken out again before anything else runs, so that
+// COMMAND does not inherit them.
+constexpr const char* kTunedMarker = "APNS_HOST_ALLOCATOR_TUNED";
+
+void tuneAllocator(char** argv) {
+    if (std::getenv(kTunedMarker) != nullptr) {
+        ::unsetenv(kTunedMarker);
+        ::unsetenv("GLIBC_TUNABLES");
+        return;
+    }
+    if (std::getenv("GLIBC_TUNABLES") != nullptr) {
+        return;
+    }
+    // The program's own path, so that it keeps its name in the process list.
+    std::error_code error;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (error || ::setenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=1000", 1) != 0 ||
+        ::setenv(kTunedMarker, "1", 1) != 0) {
+        ::unsetenv("GLIBC_TUNABLES");
+        return;
+    }
+    ::execv(self.c_str(), argv);
+    // Not started again (the file has gone, say): the host runs untuned.
+    ::unsetenv(kTunedMarker);
+    ::unsetenv("GLIBC_TUNABLES");
+}
 
 using namespace nimborra;
 
@@ -388,6 +423,7 @@ int main(int argc, char** argv) {
             return 0;
         }
         if (options.providerApi) {
+            tuneAllocator(argv);
             // SIGINT and SIGTERM end a provider session: they are taken by one thread with
             // sigwait, so every thread started from here on must have them blocked.
             sigset_t signals;
