@@ -256,7 +256,7 @@ void ProviderService::handle(ProviderRequest request,
 }
 
 void ProviderService::deliverInbox() {
-    std::vector<Delivery> batch;
+    std::vector<Delivery> batch = std::move(spareBatch_);
     {
         const std::lock_guard lock(mutex_);
         batch.swap(inbox_);
@@ -273,6 +273,7 @@ void ProviderService::deliverInbox() {
     }
     // The batch's responders go before stop() may return: one not called answers as it goes.
     batch.clear();
+    spareBatch_ = std::move(batch);
     const std::lock_guard lock(mutex_);
     --deliveriesQueued_;
     delivered_.notify_all();

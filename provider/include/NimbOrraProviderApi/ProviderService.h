@@ -165,6 +165,9 @@ class ProviderService final : public ProviderRequestHandler {
     // Accepted notifications the queue has not taken yet; a work item to take them is queued
     // whenever it is not empty.
     std::vector<Delivery> inbox_;
+    // The room of the last batch the queue took, handed back to the inbox with the next one, so
+    // that batches do not grow a fresh vector each time. Touched only on the queue.
+    std::vector<Delivery> spareBatch_;
     // Work items that take the inbox, queued and not yet finished; stop() waits for them.
     std::size_t deliveriesQueued_ = 0;
     std::condition_variable delivered_;
