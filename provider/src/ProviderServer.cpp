@@ -16,9 +16,11 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <span>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "ProviderConnection.h"
@@ -51,14 +53,18 @@ struct Mailbox {
     bool stopRequested = false;
     event* wake = nullptr;
 
-    void post(Answer answer) {
+    void post(Answer answer) { post(std::span(&answer, 1)); }
+
+    // The answers are moved from.
+    void post(std::span<Answer> batch) {
         const std::lock_guard lock(mutex);
-        if (wake != nullptr) {
+        if (wake != nullptr && !batch.empty()) {
             // Only the first answer of a batch wakes the loop: the ones after it find the wake
             // still pending and are taken with it, so that a busy handler does not contend for
             // the loop's lock once per answer.
             const bool first = answers.empty();
-            answers.push_back(std::move(answer));
+            answers.insert(answers.end(), std::make_move_iterator(batch.begin()),
+                           std::make_move_iterator(batch.end()));
             if (first) {
                 event_active(wake, 0, 0);
             }
@@ -66,10 +72,55 @@ struct Mailbox {
     }
 };
 
+// The answers held on this thread by its outermost ProviderAnswerBatch, in the order given.
+struct HeldAnswers {
+    std::vector<std::pair<std::shared_ptr<Mailbox>, Answer>> answers;
+    int depth = 0;
+
+    // Posts what is held, each server's answers in one go, in the order they were given.
+    void release() noexcept {
+        std::vector<Answer> run;
+        std::size_t next = 0;
+        try {
+            run.reserve(answers.size());
+            while (next < answers.size()) {
+                Mailbox& box = *answers[next].first;
+                run.clear();
+                for (std::size_t k = next; k < answers.size() && answers[k].first.get() == &box;
+                     ++k) {
+                    run.push_back(std::move(answers[k].second));
+                }
+                box.post(std::span(run));
+                next += run.size();
+            }
+        } catch (...) {
+            // No room to gather them (a failed post leaves its run as it was): one at a time.
+            for (Answer& answer : run) {
+                postOne(*answers[next].first, std::move(answer));
+            }
+            next += run.size();
+            for (; next < answers.size(); ++next) {
+                postOne(*answers[next].first, std::move(answers[next].second));
+            }
+        }
+        answers.clear();
+    }
+
+    static void postOne(Mailbox& box, Answer answer) noexcept {
+        try {
+            box.post(std::move(answer));
+        } catch (...) {
+            // Out of memory: this answer is lost, and its connection's idle timeout applies.
+        }
+    }
+};
+thread_local HeldAnswers heldAnswers;
+
 }  // namespace detail
 
 using detail::Answer;
 using detail::Mailbox;
+using detail::heldAnswers;
 
 struct ProviderResponder::State {
     State(std::shared_ptr<Mailbox> box, std::uint64_t connectionId, std::int32_t streamId)
@@ -80,11 +131,32 @@ struct ProviderResponder::State {
     std::atomic<bool> answered{false};
 
     void answer(ProviderResponse response) {
-        if (!answered.exchange(true)) {
-            mailbox->post({connection, stream, std::move(response)});
+        if (answered.exchange(true)) {
+            return;
         }
+        Answer answer{connection, stream, std::move(response)};
+        if (heldAnswers.depth > 0) {
+            try {
+                heldAnswers.answers.emplace_back(mailbox, std::move(answer));
+                return;
+            } catch (...) {
+                // The held list could not grow, which fails before the answer is taken: it is
+                // posted at once instead.
+            }
+        }
+        mailbox->post(std::move(answer));
     }
 };
+
+ProviderAnswerBatch::ProviderAnswerBatch() noexcept {
+    ++heldAnswers.depth;
+}
+
+ProviderAnswerBatch::~ProviderAnswerBatch() {
+    if (--heldAnswers.depth == 0) {
+        heldAnswers.release();
+    }
+}
 
 ProviderResponder::ProviderResponder(std::shared_ptr<State> state) : state_(std::move(state)) {}
 ProviderResponder::ProviderResponder(ProviderResponder&&) noexcept = default;

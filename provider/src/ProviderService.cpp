@@ -261,18 +261,24 @@ void ProviderService::deliverInbox() {
         const std::lock_guard lock(mutex_);
         batch.swap(inbox_);
     }
-    for (Delivery& delivery : batch) {
-        // One delivery that runs out of memory does not keep the rest of the batch from the
-        // device; its request is still answered once (500 when its responder goes, if not yet).
-        try {
-            deliver(delivery.request, delivery.respond);
-        } catch (const std::exception& error) {
-            serviceLogger().error(
-                [&] { return std::string("a delivery failed: ") + error.what(); });
+    {
+        // The batch's answers reach the server together once it is delivered.
+        const ProviderAnswerBatch answers;
+        for (Delivery& delivery : batch) {
+            // One delivery that runs out of memory does not keep the rest of the batch from the
+            // device; its request is still answered once (500 when its responder goes, if not
+            // yet).
+            try {
+                deliver(delivery.request, delivery.respond);
+            } catch (const std::exception& error) {
+                serviceLogger().error(
+                    [&] { return std::string("a delivery failed: ") + error.what(); });
+            }
         }
+        // The batch's responders go before stop() may return: one not called answers as it
+        // goes.
+        batch.clear();
     }
-    // The batch's responders go before stop() may return: one not called answers as it goes.
-    batch.clear();
     spareBatch_ = std::move(batch);
     const std::lock_guard lock(mutex_);
     --deliveriesQueued_;

@@ -73,6 +73,20 @@ class ProviderResponder {
     std::shared_ptr<State> state_;
 };
 
+// While one lives, the answers that responders give on its thread are held and reach their
+// servers together when it ends: one wake of a server's thread for the batch instead of one per
+// answer, and each connection's answers written at once. For a handler that answers many
+// requests in a row (a batch of deliveries); the answers wait until the scope ends, so it should
+// end as soon as the batch is done. Scopes on one thread may nest (the outermost one posts);
+// should holding an answer run out of memory, that answer is posted at once.
+class ProviderAnswerBatch {
+  public:
+    ProviderAnswerBatch() noexcept;
+    ~ProviderAnswerBatch();
+    ProviderAnswerBatch(const ProviderAnswerBatch&) = delete;
+    ProviderAnswerBatch& operator=(const ProviderAnswerBatch&) = delete;
+};
+
 // A request the transport refused on its own: its stream was reset instead of answered.
 struct TransportRefusal {
     // The request's apns-id when one that is a UUID was read before the refusal, as sent; else
