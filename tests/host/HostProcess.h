@@ -28,8 +28,6 @@ class HostProcess {
     HostProcess(const HostProcess&) = delete;
     HostProcess& operator=(const HostProcess&) = delete;
 
-    bool started() const { return child_ > 0; }
-
     // Sends `signal` to the host.
     void signal(int signal);
 
@@ -44,7 +42,8 @@ class HostProcess {
     std::vector<std::string> readLinesThrough(const std::function<bool(const std::string&)>& last);
 
     // Closes the input, reads everything up to the end of the output and waits for the host to
-    // exit. Returns its exit status (128 + the signal when it was killed, -1 on failure). The
+    // exit. Returns its exit status (128 + the signal when it was killed, -1 when it could not be
+    // started or waited for). The
     // lines not yet read are in remainingLines() afterwards.
     int finish();
 

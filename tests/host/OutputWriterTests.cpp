@@ -16,10 +16,7 @@
 namespace nimborra::host {
 namespace {
 
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
+using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
 // Thread t's line i: lines of different lengths, some longer than a stdio buffer.
 std::string lineOf(int t, int i) {
@@ -28,7 +25,7 @@ std::string lineOf(int t, int i) {
 }
 
 TEST(OutputWriter, LinesFromManyThreadsComeOutWholeAndInOrder) {
-    File file(std::tmpfile());
+    File file(std::tmpfile(), &std::fclose);
     ASSERT_TRUE(file);
     constexpr int kThreads = 4;
     constexpr int kLines = 3000;
@@ -63,7 +60,7 @@ TEST(OutputWriter, LinesFromManyThreadsComeOutWholeAndInOrder) {
 }
 
 TEST(OutputWriter, AFailedWriteStopsTheOutputAndSaysWhy) {
-    File full(std::fopen("/dev/full", "we"));
+    File full(std::fopen("/dev/full", "we"), &std::fclose);
     if (!full) {
         GTEST_SKIP() << "no /dev/full on this machine";
     }

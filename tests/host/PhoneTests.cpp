@@ -18,19 +18,10 @@
 #include "NimbOrraPushAddonApns/ApnsServicePlugin.h"
 #include "Output.h"
 #include "Phone.h"
+#include "support/TestSupport.h"
 
 namespace nimborra::host {
 namespace {
-
-std::string contents(std::FILE* file) {
-    std::string text;
-    std::rewind(file);
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, file)) > 0;) {
-        text.append(buffer, n);
-    }
-    return text;
-}
 
 platform::IncomingRemoteNotification notification(const std::string& id) {
     platform::Dictionary alert;
@@ -77,7 +68,8 @@ TEST(Phone, DeliveriesWhileTheSessionHoldsThePhoneWaitWithoutHoldingUpTheQueue) 
         // As the session does before it ends: the bridge's last replies are done with it.
         bridge.waitForReplies();
     }
-    const std::string text = contents(file.get());
+    const std::string text =
+        nimborra::testing::readFile("/proc/self/fd/" + std::to_string(fileno(file.get())));
     const auto done = text.find("{\"command\":\"done\"}");
     const auto first = text.find("{\"system\":{\"apnsId\":\"first-kept\"");
     const auto second = text.find("{\"system\":{\"apnsId\":\"second-kept\"");
