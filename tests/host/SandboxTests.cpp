@@ -167,6 +167,7 @@ TEST_F(Sandbox, CommandSeesLoopbackApnsNamesAtHomeTheCertificateTrustedAndItsOwn
         "echo token $APNS_HOST_DEVICE_TOKEN; "
         "echo input $(readlink /proc/self/fd/0 | cut -d [ -f 1); "
         "echo identity $(id -u) $(id -g); "
+        "echo tuning ${GLIBC_TUNABLES-unset} ${APNS_HOST_ALLOCATOR_TUNED-unset}; "
         "for file in \"$SSL_CERT_FILE\" \"$REQUESTS_CA_BUNDLE\" \"$NODE_EXTRA_CA_CERTS\" "
         "/etc/ssl/certs/ca-certificates.crt; do "
         "  echo certificates $(grep -c 'BEGIN CERTIFICATE' \"$file\" 2>/dev/null || echo none); "
@@ -178,6 +179,7 @@ TEST_F(Sandbox, CommandSeesLoopbackApnsNamesAtHomeTheCertificateTrustedAndItsOwn
             ? std::to_string(countContaining(linesOf(readFile(system)), {"BEGIN CERTIFICATE"}) + 1)
             : "none";
     const auto bundle = fs::exists(system) ? inside : "1";
+    const char* const tunables = std::getenv("GLIBC_TUNABLES");
     const auto script = temporaryFile("script.jsonl");
     std::ofstream(script) << "# a session with no commands\n";
     const struct {
@@ -195,14 +197,12 @@ TEST_F(Sandbox, CommandSeesLoopbackApnsNamesAtHomeTheCertificateTrustedAndItsOwn
         const auto token = member(result.hostLines[0], "deviceToken");
         EXPECT_EQ(token.size(), 64u) << row.what;
         const std::vector<std::string> expected{
-            "interfaces lo",
-            "api.push.apple.com 127.0.0.1",
-            "api.sandbox.push.apple.com 127.0.0.1",
-            "api.development.push.apple.com 127.0.0.1",
-            "localhost",
-            "token " + token,
+            "interfaces lo", "api.push.apple.com 127.0.0.1", "api.sandbox.push.apple.com 127.0.0.1",
+            "api.development.push.apple.com 127.0.0.1", "localhost", "token " + token,
             "input " + row.input,
             "identity " + std::to_string(getuid()) + " " + std::to_string(getgid()),
+            // The host's own malloc tuning is not passed on; a user's is.
+            "tuning " + std::string(tunables != nullptr ? tunables : "unset") + " unset",
             "certificates " + bundle,  // SSL_CERT_FILE
             "certificates " + bundle,  // REQUESTS_CA_BUNDLE
             "certificates 1",          // NODE_EXTRA_CA_CERTS
