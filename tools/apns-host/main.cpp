@@ -71,9 +71,12 @@ namespace {
 constexpr const char* kTunedMarker = "APNS_HOST_ALLOCATOR_TUNED";
 
 void tuneAllocator(char** argv) {
-    if (std::getenv(kTunedMarker) != nullptr) {
+    const auto forgetTuning = [] {
         ::unsetenv(kTunedMarker);
         ::unsetenv("GLIBC_TUNABLES");
+    };
+    if (std::getenv(kTunedMarker) != nullptr) {
+        forgetTuning();
         return;
     }
     if (std::getenv("GLIBC_TUNABLES") != nullptr) {
@@ -84,13 +87,12 @@ void tuneAllocator(char** argv) {
     const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
     if (error || ::setenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=1000", 1) != 0 ||
         ::setenv(kTunedMarker, "1", 1) != 0) {
-        ::unsetenv("GLIBC_TUNABLES");
+        forgetTuning();
         return;
     }
     ::execv(self.c_str(), argv);
     // Not started again (the file has gone, say): the host runs untuned.
-    ::unsetenv(kTunedMarker);
-    ::unsetenv("GLIBC_TUNABLES");
+    forgetTuning();
 }
 
 using namespace nimborra;
