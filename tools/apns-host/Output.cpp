@@ -1,6 +1,8 @@
 #include "Output.h"
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -48,6 +50,14 @@ void appendTwoMemberLine(std::string& out, std::string_view firstKey, std::strin
 }  // namespace
 
 OutputWriter::OutputWriter(std::FILE* stream) : stream_(stream) {
+    // A pipe's usual 64 KiB hold less than a busy second's batch: the writing thread would block
+    // in every write and wait for the reader many times over. A larger pipe, when the system
+    // allows it, takes a batch at once; where it does not, the pipe stays as it is.
+    const int fd = fileno(stream_);
+    struct stat status {};
+    if (fd >= 0 && ::fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode)) {
+        (void)::fcntl(fd, F_SETPIPE_SZ, static_cast<int>(maximumPendingBytes));
+    }
     try {
         thread_ = std::thread([this] { run(); });
     } catch (...) {
@@ -112,6 +122,7 @@ void OutputWriter::run() noexcept {
             return stopping_ || draining_ > 0 || pending_.size() >= batchBytes;
         });
         batch.swap(pending_);
+        full_ = false;
         writing_ = true;
         // What is being written still counts against the limit, until it is written.
         inFlight_ = batch.size();
@@ -172,10 +183,18 @@ void OutputWriter::writeLine(std::string_view line) noexcept {
         return;
     }
     if (threaded) {
+        // Woken once per batch, after the lock is let go, so that it does not wake only to wait
+        // for the lock.
+        bool wake = false;
         if (idle_) {
             idle_ = false;
-            wake_.notify_one();
-        } else if (pending_.size() >= batchBytes) {
+            wake = true;
+        } else if (!full_ && pending_.size() >= batchBytes) {
+            full_ = true;
+            wake = true;
+        }
+        lock.unlock();
+        if (wake) {
             wake_.notify_one();
         }
         return;

@@ -63,7 +63,7 @@ class OutputWriter {
     // How long the writing thread gathers lines after the first of a batch, and how many bytes
     // make it write at once.
     static constexpr std::chrono::microseconds gatherTime{1000};
-    static constexpr std::size_t batchBytes = 64 * 1024;
+    static constexpr std::size_t batchBytes = 256 * 1024;
 
   private:
     void run() noexcept;
@@ -84,8 +84,10 @@ class OutputWriter {
     bool writing_ = false;
     // Bytes of the batch the writing thread is writing: with pending_, under the limit.
     std::size_t inFlight_ = 0;
-    // The writing thread waits for the first line of a batch; a producer then wakes it.
+    // The writing thread waits for the first line of a batch; a producer then wakes it. While it
+    // gathers, the producer whose line fills the batch wakes it, once.
     bool idle_ = false;
+    bool full_ = false;
     bool stopping_ = false;
     // drain() calls waiting: the writing thread then writes without gathering.
     std::size_t draining_ = 0;
