@@ -123,7 +123,7 @@ struct ProviderServerOptions {
     std::size_t maximumConnections = 1024;
     std::uint32_t maximumConcurrentStreams = 1000;
     std::uint32_t maximumHeaderListSize = 16 * 1024;
-    std::size_t maximumPendingRequests = 256;
+    std::size_t maximumPendingRequests = 1024;
     // Bytes for every unfinished and unanswered request together, at most; and the most the
     // connections and their requests together may take: each open connection's own cost is set
     // aside from memoryLimit first, so that the budget shrinks as connections open and the
