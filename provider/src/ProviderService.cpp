@@ -3,6 +3,9 @@
 #include <openssl/rand.h>
 
 #include <chrono>
+#include <memory>
+#include <mutex>
+#include <new>
 #include <utility>
 
 #include "NimbOrraPlatform/Hex.h"
@@ -63,7 +66,7 @@ platform::IncomingRemoteNotification incomingFor(const PushNotificationRequest& 
     auto parsed = platform::JSONSerialization::jsonObject(request.payload);
     auto* object = parsed ? parsed->dictionary() : nullptr;
     return {request.apnsId, request.collapseId, std::string(pushTypeName(request.pushType)),
-            object != nullptr ? std::move(*object) : platform::Dictionary()};
+            object != nullptr ? std::move(*object) : platform::Dictionary(), nullptr};
 }
 
 // A refusal of the service's own (not the rules'), for an accepted request it cannot deliver.
@@ -102,6 +105,13 @@ std::string_view providerOutcomeName(ProviderOutcome outcome) {
     return "refused";
 }
 
+// Shared by the service and the tokens of the notifications the device holds, which may outlive
+// it: a token let go reports to the service while there is one.
+struct ProviderService::Presence {
+    std::mutex mutex;
+    ProviderService* service = nullptr;
+};
+
 ProviderService::ProviderService(std::string bundleIdentifier,
                                  std::optional<platform::Data> deviceToken,
                                  std::optional<ApnsEnvironment> environment,
@@ -117,10 +127,15 @@ ProviderService::ProviderService(std::string bundleIdentifier,
                    : std::make_shared<platform::DispatchQueue>(
                          "com.nimborra.provider.delivery", platform::DispatchQoS::userInitiated)) {
     updateDestination();
+    presence_ = std::make_shared<Presence>();
+    presence_->service = this;
 }
 
 ProviderService::~ProviderService() {
     stop();
+    // Tokens the device still holds outlive the service: let go, they find it gone.
+    const std::lock_guard lock(presence_->mutex);
+    presence_->service = nullptr;
 }
 
 std::string ProviderService::hex(const platform::Data& token) {
@@ -257,23 +272,55 @@ void ProviderService::handle(ProviderRequest request,
 
 void ProviderService::deliverInbox() {
     std::vector<Delivery> batch = std::move(spareBatch_);
+    std::size_t count = 0;  // of held_ and then the batch, how many go to the device now
     {
         const std::lock_guard lock(mutex_);
         batch.swap(inbox_);
+        const std::size_t total = held_.size() + batch.size();
+        for (; count < total; ++count) {
+            const Delivery& next =
+                count < held_.size() ? held_[count] : batch[count - held_.size()];
+            const std::size_t bytes = next.request.payload.size();
+            // One at least, however large; once stopping, all of them, so that stop() hands the
+            // device everything accepted.
+            const bool room =
+                presenting_ == 0 || (presenting_ < maximumPresenting &&
+                                     presentingBytes_ + bytes <= maximumPresentingBytes);
+            if (!room && !stopped_) {
+                break;
+            }
+            ++presenting_;
+            presentingBytes_ += bytes;
+        }
+        waitingForRoom_ = count < total;
     }
+    const auto deliverOne = [this](Delivery& delivery) {
+        // One delivery that runs out of memory does not keep the rest of the batch from the
+        // device; its request is still answered once (500 when its responder goes, if not yet).
+        try {
+            deliver(delivery.request, delivery.respond);
+        } catch (const std::exception& error) {
+            serviceLogger().error(
+                [&] { return std::string("a delivery failed: ") + error.what(); });
+        }
+    };
     {
         // The batch's answers reach the server together once it is delivered.
         const ProviderAnswerBatch answers;
-        for (Delivery& delivery : batch) {
-            // One delivery that runs out of memory does not keep the rest of the batch from the
-            // device; its request is still answered once (500 when its responder goes, if not
-            // yet).
-            try {
-                deliver(delivery.request, delivery.respond);
-            } catch (const std::exception& error) {
-                serviceLogger().error(
-                    [&] { return std::string("a delivery failed: ") + error.what(); });
+        std::size_t next = 0;
+        for (; count > 0 && !held_.empty(); --count) {
+            deliverOne(held_.front());
+            held_.pop_front();
+        }
+        for (; count > 0; --count) {
+            deliverOne(batch[next++]);
+        }
+        try {
+            for (; next < batch.size(); ++next) {
+                held_.push_back(std::move(batch[next]));
             }
+        } catch (const std::bad_alloc&) {
+            serviceLogger().error("out of memory: notifications waiting for the device dropped");
         }
         // The batch's responders go before stop() may return: one not called answers as it
         // goes.
@@ -296,7 +343,44 @@ void ProviderService::refused(const TransportRefusal& refusal) {
     observer_.requestHandled(record);
 }
 
+std::shared_ptr<const void> ProviderService::presenceToken(std::size_t bytes) {
+    // The token points at the presence it reports to; should making it run out of memory, the
+    // deleter runs at once, so the count stays true.
+    auto presence = presence_;
+    const Presence* tag = presence.get();
+    return std::shared_ptr<const void>(tag, [presence = std::move(presence), bytes](const void*) {
+        const std::lock_guard lock(presence->mutex);
+        if (presence->service != nullptr) {
+            presence->service->presented(bytes);
+        }
+    });
+}
+
+void ProviderService::presented(std::size_t bytes) {
+    const std::lock_guard lock(mutex_);
+    --presenting_;
+    presentingBytes_ -= bytes;
+    if (waitingForRoom_) {
+        // Whether the next one fits is for the work item to decide: it takes as many as do.
+        waitingForRoom_ = false;
+        queueDeliveryLocked();
+    }
+}
+
+void ProviderService::queueDeliveryLocked() {
+    // Counted under the lock the work item takes first, so it cannot finish uncounted.
+    if (queue_->async([this] { deliverInbox(); })) {
+        ++deliveriesQueued_;
+    } else {
+        // Tried again when the next notification is let go.
+        waitingForRoom_ = true;
+    }
+}
+
 void ProviderService::deliver(PushNotificationRequest& request, ProviderResponder& respond) {
+    // Counted for the device when the batch was taken; the count goes down when the device lets
+    // go of it, or here, when it is not handed to the device.
+    auto presence = presenceToken(request.payload.size());
     std::unique_lock lock(mutex_, std::defer_lock);
     bool online = online_.load();
     if (!online) {
@@ -320,6 +404,7 @@ void ProviderService::deliver(PushNotificationRequest& request, ProviderResponde
         lock.unlock();
     }
     auto incoming = incomingFor(request);
+    incoming.presence = std::move(presence);
     const auto taken = receiver_.take(incoming);
     observer_.requestHandled(
         recordFor(request, taken == platform::RemoteNotificationReceiver::Taken::replaced
@@ -333,6 +418,11 @@ void ProviderService::deliver(PushNotificationRequest& request, ProviderResponde
 void ProviderService::stop() {
     std::unique_lock lock(mutex_);
     stopped_ = true;
+    if (waitingForRoom_) {
+        // What waits for room goes to the device now, room or not.
+        waitingForRoom_ = false;
+        queueDeliveryLocked();
+    }
     // A delivery that stops the service cannot wait for itself; the rest of the queue's batches
     // still run after it.
     if (!queue_->isCurrent()) {

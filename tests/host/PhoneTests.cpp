@@ -28,7 +28,7 @@ platform::IncomingRemoteNotification notification(const std::string& id) {
     alert.set("alert", platform::Value(id));
     platform::Dictionary payload;
     payload.set("aps", platform::Value(std::move(alert)));
-    return {id, std::nullopt, "alert", std::move(payload)};
+    return {id, std::nullopt, "alert", std::move(payload), nullptr};
 }
 
 TEST(Phone, DeliveriesWhileTheSessionHoldsThePhoneWaitWithoutHoldingUpTheQueue) {

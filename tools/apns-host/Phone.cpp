@@ -54,6 +54,8 @@ struct Phone::Road : std::enable_shared_from_this<Road> {
     // Set once the road is over; written in start order.
     bool finished = false;
     std::string line;
+    // The push service's token for the notification, let go with the road.
+    std::shared_ptr<const void> presence;
 };
 
 namespace {
@@ -292,7 +294,9 @@ void Phone::startDeferred() {
             if (deferred_.empty() || (exclusive_ && exclusiveOwner_ != self)) {
                 return;
             }
-            road = admitLocked(std::move(deferred_.front()), std::nullopt, std::nullopt, false);
+            road = admitLocked(std::move(deferred_.front().notification), std::nullopt,
+                               std::nullopt, false);
+            road->presence = std::move(deferred_.front().presence);
             deferred_.pop_front();
             if (deferred_.empty()) {
                 changed_.notify_all();
@@ -572,14 +576,17 @@ void Phone::present(platform::IncomingRemoteNotification&& notification) {
         // coming online delivers what was kept) starts the waiting ones first, then this one.
         const bool holder = exclusive_ && exclusiveOwner_ == std::this_thread::get_id();
         if (!holder && (exclusive_ || !deferred_.empty())) {
-            deferred_.push_back(std::move(push));
+            deferred_.push_back(Deferred{std::move(push), std::move(notification.presence)});
             return;
         }
         for (auto& waiting : deferred_) {
-            earlier.push_back(admitLocked(std::move(waiting), std::nullopt, std::nullopt, false));
+            earlier.push_back(
+                admitLocked(std::move(waiting.notification), std::nullopt, std::nullopt, false));
+            earlier.back()->presence = std::move(waiting.presence);
         }
         deferred_.clear();
         road = admitLocked(std::move(push), std::nullopt, std::nullopt, false);
+        road->presence = std::move(notification.presence);
     }
     // On the plug-in's queue (or the thread bringing the device online): the roads' calls never
     // wait for room on the bridge.

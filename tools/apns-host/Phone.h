@@ -187,8 +187,13 @@ class Phone final : public platform::RemoteNotificationReceiver, public provider
     // Roads in start order (their orders increase), until their system line is written in that
     // order: only the oldest ever leaves.
     std::deque<std::shared_ptr<Road>> running_;
-    // Notifications the push service delivered while another thread had the phone, in order.
-    std::deque<PushNotification> deferred_;
+    // Notifications the push service delivered while another thread had the phone, in order,
+    // with the service's tokens for them (see IncomingRemoteNotification::presence).
+    struct Deferred {
+        PushNotification notification;
+        std::shared_ptr<const void> presence;
+    };
+    std::deque<Deferred> deferred_;
     // startDeferred() work items queued and not yet finished.
     std::size_t resumesQueued_ = 0;
     std::uint64_t nextOrder_ = 1;

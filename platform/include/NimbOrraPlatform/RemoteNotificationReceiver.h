@@ -8,6 +8,7 @@
 // time: an implementation guards whatever the calls share. Implementations must not throw.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -24,6 +25,10 @@ struct IncomingRemoteNotification {
     // The push type the provider sent ("alert", "background", ...).
     std::string pushType;
     Dictionary payload;
+    // Held by the device for as long as it is busy with the notification (until the system and
+    // the application are done with it), then let go: the push service paces its deliveries by
+    // how many it holds. Null when nobody paces them.
+    std::shared_ptr<const void> presence;
 };
 
 class RemoteNotificationReceiver {

@@ -11,19 +11,24 @@
 // and then asks the device to present it. The service never waits for one notification's trip
 // through the application before handing over the next: that trip is the device's, and a device
 // whose present() returns at once lets the notifications flow through the application side by
-// side. The inbox holds at most the server's limit of unanswered requests, plus what present()
-// keeps the queue from; present() must not wait for work queued behind it on a shared queue. The
-// device controls (setDeviceRegistered, setDeviceOnline) and the token may be used from any
-// thread. The observer is called on the server's thread (refusals, answers that need no device),
-// on the queue's thread (the rest) and on the thread that brings the device online (the kept
-// notification), possibly at once: it guards what it shares. Nothing here throws except
-// std::bad_alloc.
+// side. The device's work for a notification takes far more memory than its request, and an
+// answered request no longer holds the server back, so the service hands the device at most
+// maximumPresenting notifications, with maximumPresentingBytes of payload, that it still holds
+// (see IncomingRemoteNotification::presence); the rest wait in the inbox, unanswered, which
+// stops the server reading once enough wait. The inbox holds at most the server's limit of
+// unanswered requests, plus what present() keeps the queue from; present() must not wait for
+// work queued behind it on a shared queue. The device controls (setDeviceRegistered,
+// setDeviceOnline) and the token may be used from any thread. The observer is called on the
+// server's thread (refusals, answers that need no device), on the queue's thread (the rest) and
+// on the thread that brings the device online (the kept notification), possibly at once: it
+// guards what it shares. Nothing here throws except std::bad_alloc.
 #pragma once
 
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -124,6 +129,10 @@ class ProviderService final : public ProviderRequestHandler {
     // calling thread before returning, so that what the caller does next comes after it.
     void setDeviceOnline(bool online);
 
+    // The most notifications, and payload bytes, handed to the device and still held by it.
+    static constexpr std::size_t maximumPresenting = 512;
+    static constexpr std::size_t maximumPresentingBytes = 256 * 1024;
+
     // The queue deliveries run on (never null).
     const std::shared_ptr<platform::DispatchQueue>& queue() const { return queue_; }
 
@@ -139,9 +148,18 @@ class ProviderService final : public ProviderRequestHandler {
         ProviderResponder respond;
     };
 
-    // On the queue: hands what the inbox holds to the device, in order.
+    // What a notification's presence token refers to: the service while it lives.
+    struct Presence;
+
+    // On the queue: hands what the inbox holds to the device, in order, as far as there is room.
     void deliverInbox();
     void deliver(PushNotificationRequest& request, ProviderResponder& respond);
+    // A token for a notification handed to the device with `bytes` of payload, counted already.
+    std::shared_ptr<const void> presenceToken(std::size_t bytes);
+    // A token let go: the device is done with a notification.
+    void presented(std::size_t bytes);
+    // Queues a work item that takes the inbox; under mutex_.
+    void queueDeliveryLocked();
     void present(const PushNotificationRequest& request, ProviderOutcome outcome);
     void record(const ProviderRefusal& refusal);
     // What the rules compare requests with; replaced, never changed, when the device changes,
@@ -168,8 +186,18 @@ class ProviderService final : public ProviderRequestHandler {
     // The room of the last batch the queue took, handed back to the inbox with the next one, so
     // that batches do not grow a fresh vector each time. Touched only on the queue.
     std::vector<Delivery> spareBatch_;
+    // Taken from the inbox but waiting for room, oldest first: they go before the inbox's next.
+    // Touched only on the queue (and counted under mutex_ when deciding what has room).
+    std::deque<Delivery> held_;
     // Work items that take the inbox, queued and not yet finished; stop() waits for them.
     std::size_t deliveriesQueued_ = 0;
+    // Notifications handed to the device that it still holds, and their payloads' bytes; while
+    // there is no room for the inbox's next one, it waits, and the next token let go queues the
+    // work item that takes it.
+    std::size_t presenting_ = 0;
+    std::size_t presentingBytes_ = 0;
+    bool waitingForRoom_ = false;
+    std::shared_ptr<Presence> presence_;
     std::condition_variable delivered_;
     bool stopped_ = false;
     const std::shared_ptr<platform::DispatchQueue> queue_;
