@@ -270,9 +270,21 @@ void ProviderService::handle(ProviderRequest request,
     respond({refusal.status, refusal.apnsId, refusalBody(refusal)});
 }
 
+void ProviderService::refuseAtShutdown(Delivery& delivery) {
+    try {
+        const auto refusal =
+            serviceRefusal(delivery.request, 503, "Shutdown", "the push service is shutting down");
+        record(refusal);
+        delivery.respond({refusal.status, refusal.apnsId, refusalBody(refusal)});
+    } catch (const std::exception&) {
+        // Out of memory: its responder answers 500 as it goes.
+    }
+}
+
 void ProviderService::deliverInbox() {
     std::vector<Delivery> batch = std::move(spareBatch_);
     std::size_t count = 0;  // of held_ and then the batch, how many go to the device now
+    bool stopped = false;
     {
         const std::lock_guard lock(mutex_);
         batch.swap(inbox_);
@@ -281,18 +293,19 @@ void ProviderService::deliverInbox() {
             const Delivery& next =
                 count < held_.size() ? held_[count] : batch[count - held_.size()];
             const std::size_t bytes = next.request.payload.size();
-            // One at least, however large; once stopping, all of them, so that stop() hands the
-            // device everything accepted.
+            // One at least, however large.
             const bool room =
                 presenting_ == 0 || (presenting_ < maximumPresenting &&
                                      presentingBytes_ + bytes <= maximumPresentingBytes);
-            if (!room && !stopped_) {
+            if (!room) {
                 break;
             }
             ++presenting_;
             presentingBytes_ += bytes;
         }
-        waitingForRoom_ = count < total;
+        // Once stopping, what has no room is refused instead: the device may hold it no more.
+        stopped = stopped_;
+        waitingForRoom_ = count < total && !stopped;
     }
     const auto deliverOne = [this](Delivery& delivery) {
         // One delivery that runs out of memory does not keep the rest of the batch from the
@@ -314,6 +327,14 @@ void ProviderService::deliverInbox() {
         }
         for (; count > 0; --count) {
             deliverOne(batch[next++]);
+        }
+        if (stopped) {
+            for (; !held_.empty(); held_.pop_front()) {
+                refuseAtShutdown(held_.front());
+            }
+            for (; next < batch.size(); ++next) {
+                refuseAtShutdown(batch[next]);
+            }
         }
         try {
             for (; next < batch.size(); ++next) {
@@ -419,7 +440,7 @@ void ProviderService::stop() {
     std::unique_lock lock(mutex_);
     stopped_ = true;
     if (waitingForRoom_) {
-        // What waits for room goes to the device now, room or not.
+        // What waits for room is refused on the queue, which holds it.
         waitingForRoom_ = false;
         queueDeliveryLocked();
     }

@@ -701,7 +701,10 @@ class HoldingDevice : public platform::RemoteNotificationReceiver, public Provid
         held.push_back(std::move(notification));
         changed.notify_all();
     }
-    void requestHandled(const ProviderRecord&) override {}
+    void requestHandled(const ProviderRecord& record) override {
+        const std::lock_guard lock(mutex);
+        statuses.push_back(record.status);
+    }
     void keptNotificationDelivered(std::string_view, ProviderOutcome) override {}
     bool waitForCount(std::size_t count) {
         std::unique_lock lock(mutex);
@@ -719,69 +722,86 @@ class HoldingDevice : public platform::RemoteNotificationReceiver, public Provid
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<std::string> ids;
+    std::vector<int> statuses;
     std::vector<platform::IncomingRemoteNotification> held;
 };
 
-TEST(ProviderService, HandsTheDeviceWhatItHasRoomForAndTheRestInOrderOnceItLetsGo) {
-    HoldingDevice holder;
-    ProviderService service("com.nimborra.sample", platform::Data{std::vector<std::uint8_t>(32, 1)},
-                            std::nullopt, holder, holder);
-    ProviderServerOptions options;
-    options.tokens = std::make_shared<ProviderTokenVerifier>(std::nullopt, "", "");
-    auto started = ProviderServer::start(options, service);
-    ASSERT_TRUE(std::holds_alternative<std::unique_ptr<ProviderServer>>(started));
-    const auto& server = std::get<std::unique_ptr<ProviderServer>>(started);
+// What the device has room for is handed over and answered; the rest waits, unanswered, and
+// follows in order once the device lets go, or is refused 503 when the service stops first.
+TEST(ProviderService, HandsTheDeviceWhatItHasRoomForAndTheRestOnceItLetsGo) {
+    for (const bool stopFirst : {false, true}) {
+        SCOPED_TRACE(stopFirst ? "stopped" : "let go");
+        HoldingDevice holder;
+        ProviderService service("com.nimborra.sample",
+                                platform::Data{std::vector<std::uint8_t>(32, 1)}, std::nullopt,
+                                holder, holder);
+        ProviderServerOptions options;
+        options.tokens = std::make_shared<ProviderTokenVerifier>(std::nullopt, "", "");
+        auto started = ProviderServer::start(options, service);
+        ASSERT_TRUE(std::holds_alternative<std::unique_ptr<ProviderServer>>(started));
+        const auto& server = std::get<std::unique_ptr<ProviderServer>>(started);
 
-    const std::string token =
-        makeProviderToken(AuthKey::generate(), "KEY0000001", "TEAM000001", std::time(nullptr))
-            .value_or("");
-    std::string device;
-    for (int i = 0; i < 32; ++i) {
-        device += "01";
-    }
-    const std::size_t pushes = ProviderService::maximumPresenting + 3;
-    std::string bytes = kPreface;
-    for (std::size_t i = 0; i < pushes; ++i) {
-        const std::string number = std::to_string(i);
-        std::string block;
-        for (const auto& [name, value] : {
-                 std::pair<std::string, std::string>{":method", "POST"},
-                 {":scheme", "https"},
-                 {":path", "/3/device/" + device},
-                 {":authority", "x"},
-                 {"apns-topic", "com.nimborra.sample"},
-                 {"apns-id",
-                  "00000000-0000-0000-0000-" + std::string(12 - number.size(), '0') + number},
-                 {"authorization", "bearer " + token},
-             }) {
-            block += '\0' + literal(name) + literal(value);
+        const std::string token =
+            makeProviderToken(AuthKey::generate(), "KEY0000001", "TEAM000001", std::time(nullptr))
+                .value_or("");
+        std::string device;
+        for (int i = 0; i < 32; ++i) {
+            device += "01";
         }
-        const auto stream = static_cast<std::uint32_t>(2 * i + 1);
-        bytes += frame(kHeaders, kEndHeaders, stream, block) +
-                 frame(kData, kEndStream, stream, R"({"aps":{"alert":"x"}})");
-    }
-    RawClient client(server->port());
-    client.send(bytes);
+        const std::size_t pushes = ProviderService::maximumPresenting + 3;
+        std::string bytes = kPreface;
+        for (std::size_t i = 0; i < pushes; ++i) {
+            const std::string number = std::to_string(i);
+            std::string block;
+            for (const auto& [name, value] : {
+                     std::pair<std::string, std::string>{":method", "POST"},
+                     {":scheme", "https"},
+                     {":path", "/3/device/" + device},
+                     {":authority", "x"},
+                     {"apns-topic", "com.nimborra.sample"},
+                     {"apns-id",
+                      "00000000-0000-0000-0000-" + std::string(12 - number.size(), '0') + number},
+                     {"authorization", "bearer " + token},
+                 }) {
+                block += '\0' + literal(name) + literal(value);
+            }
+            const auto stream = static_cast<std::uint32_t>(2 * i + 1);
+            bytes += frame(kHeaders, kEndHeaders, stream, block) +
+                     frame(kData, kEndStream, stream, R"({"aps":{"alert":"x"}})");
+        }
+        RawClient client(server->port());
+        client.send(bytes);
 
-    // What the device has room for is handed over and answered; the rest waits, unanswered.
-    ASSERT_TRUE(holder.waitForCount(ProviderService::maximumPresenting));
-    std::size_t answered = 0;
-    while (answered < ProviderService::maximumPresenting && client.await(kHeaders)) {
-        ++answered;
-    }
-    EXPECT_EQ(answered, ProviderService::maximumPresenting);
-    EXPECT_FALSE(client.await(kHeaders, -1, 300ms));
-    EXPECT_EQ(holder.count(), ProviderService::maximumPresenting);
+        ASSERT_TRUE(holder.waitForCount(ProviderService::maximumPresenting));
+        std::size_t answered = 0;
+        while (answered < ProviderService::maximumPresenting && client.await(kHeaders)) {
+            ++answered;
+        }
+        EXPECT_EQ(answered, ProviderService::maximumPresenting);
+        EXPECT_FALSE(client.await(kHeaders, -1, 300ms));
+        EXPECT_EQ(holder.count(), ProviderService::maximumPresenting);
 
-    // Once it lets go, the rest follow, in the order they were sent.
-    holder.letGo();
-    ASSERT_TRUE(holder.waitForCount(pushes));
-    while (answered < pushes && client.await(kHeaders)) {
-        ++answered;
+        if (stopFirst) {
+            service.stop();
+            std::size_t answers = 0;
+            while (answers < 3 && client.await(kHeaders)) {
+                ++answers;
+            }
+            EXPECT_EQ(answers, 3u);
+            const std::lock_guard lock(holder.mutex);
+            EXPECT_EQ(std::count(holder.statuses.begin(), holder.statuses.end(), 503), 3);
+            EXPECT_EQ(holder.ids.size(), ProviderService::maximumPresenting);
+            continue;
+        }
+        holder.letGo();
+        ASSERT_TRUE(holder.waitForCount(pushes));
+        while (answered < pushes && client.await(kHeaders)) {
+            ++answered;
+        }
+        EXPECT_EQ(answered, pushes);
+        const std::lock_guard lock(holder.mutex);
+        EXPECT_TRUE(std::is_sorted(holder.ids.begin(), holder.ids.end()));
     }
-    EXPECT_EQ(answered, pushes);
-    const std::lock_guard lock(holder.mutex);
-    EXPECT_TRUE(std::is_sorted(holder.ids.begin(), holder.ids.end()));
 }
 
 TEST(ProviderServer, StartExplainsThatThePortIsInUse) {

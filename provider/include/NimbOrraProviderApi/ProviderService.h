@@ -136,9 +136,9 @@ class ProviderService final : public ProviderRequestHandler {
     // The queue deliveries run on (never null).
     const std::shared_ptr<platform::DispatchQueue>& queue() const { return queue_; }
 
-    // Hands what is queued to the device (returning once it has, unless called on the queue
-    // itself); later requests are answered 503 "Shutdown". Call once the server has stopped; the
-    // destructor calls it too.
+    // Hands what is queued to the device, as far as it has room, and answers the rest 503
+    // "Shutdown" (returning once it has, unless called on the queue itself); later requests are
+    // answered 503 "Shutdown" too. Call once the server has stopped; the destructor calls it too.
     void stop();
 
   private:
@@ -160,6 +160,8 @@ class ProviderService final : public ProviderRequestHandler {
     void presented(std::size_t bytes);
     // Queues a work item that takes the inbox; under mutex_.
     void queueDeliveryLocked();
+    // Answers 503 "Shutdown" for a delivery the device had no room for when the service stopped.
+    void refuseAtShutdown(Delivery& delivery);
     void present(const PushNotificationRequest& request, ProviderOutcome outcome);
     void record(const ProviderRefusal& refusal);
     // What the rules compare requests with; replaced, never changed, when the device changes,
