@@ -131,7 +131,7 @@ class ProviderService final : public ProviderRequestHandler {
 
     // The most notifications, and payload bytes, handed to the device and still held by it.
     static constexpr std::size_t maximumPresenting = 512;
-    static constexpr std::size_t maximumPresentingBytes = 256 * 1024;
+    static constexpr std::size_t maximumPresentingBytes = 128 * 1024;
 
     // The queue deliveries run on (never null).
     const std::shared_ptr<platform::DispatchQueue>& queue() const { return queue_; }
