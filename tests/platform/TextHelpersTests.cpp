@@ -82,15 +82,37 @@ TEST(Uuid, RecognisesTheTextFormAndMakesVersionFourInLowerCase) {
     EXPECT_EQ(made.size(), 100u);
 }
 
-TEST(Base64URL, RoundTripsAndDecodesOnlyTheCanonicalUnpaddedText) {
-    for (const std::string text : {"", "f", "fo", "foo", "foob", "\xfb\xff\xfe"}) {
-        const auto encoded = base64URLEncodedString(bytes(text));
-        EXPECT_EQ(encoded.find_first_of("+/="), std::string::npos) << encoded;
-        EXPECT_EQ(base64URLDecodedData(encoded), bytes(text)) << encoded;
+// Every length of the last group (none, one and two bytes left over) and every byte value go
+// there and back, in both alphabets; the URL one has no padding. Padding, or a character outside
+// the alphabet, in any group but the last is refused; the URL form decodes only its canonical
+// text: "Zh" leaves unused bits set where "Zg" does not, and a lone character is never whole bytes.
+TEST(Base64, RoundTripsAndDecodesOnlyTheCanonicalText) {
+    using namespace std::string_literals;
+    // clang-format off
+    const std::pair<std::string, const char*> cases[] = {
+        {"", ""}, {"\xfb", "+w=="}, {"\xfb\xff", "+/8="}, {"\xfb\xff\xbf", "+/+/"},
+        {"\0\x10\x83\x10"s, "ABCDEA=="}};
+    // clang-format on
+    for (const auto& [text, encoded] : cases) {
+        EXPECT_EQ(base64EncodedString(bytes(text)), encoded);
+        EXPECT_EQ(base64DecodedData(encoded), bytes(text)) << encoded;
+        const auto url = base64URLEncodedString(bytes(text));
+        EXPECT_EQ(url.find_first_of("+/="), std::string::npos) << url;
+        EXPECT_EQ(base64URLDecodedData(url), bytes(text)) << url;
     }
+    std::vector<std::uint8_t> all(256);
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        all[i] = static_cast<std::uint8_t>(i);
+    }
+    EXPECT_EQ(base64DecodedData(base64EncodedString(all)), all);
+    EXPECT_EQ(base64URLDecodedData(base64URLEncodedString(all)), all);
+    EXPECT_EQ(base64DecodedData("AAAAAAAA"), std::vector<std::uint8_t>(6, 0));
     EXPECT_EQ(base64URLEncodedString(bytes("\xfb\xff\xfe")), "-__-");
     EXPECT_EQ(base64EncodedString(bytes("\xfb\xff\xfe")), "+//+");
-    // "Zh" leaves unused bits set where "Zg" does not; a lone character is never whole bytes.
+    for (const std::string& bad : {"+w="s, "AB*DABCD"s, "ABC=ABCD"s, "AB==ABCD"s, "ABCDAB.D"s,
+                                   "ABCD=BCD"s, "AB\0DABCD"s, "ABCDAB\0D"s}) {
+        EXPECT_EQ(base64DecodedData(bad), std::nullopt) << bad;
+    }
     for (const char* bad : {"Zh", "Z", "Zg==", "+//+", "Zg A", "Zm9v\n"}) {
         EXPECT_FALSE(base64URLDecodedData(bad)) << bad;
     }
