@@ -98,30 +98,24 @@ TEST(ApnsNotificationMapper, MapsRemotePayloadMembers) {
 
 // Any number counts, truncated toward zero and saturated to 32 bits; anything else is 0.
 TEST(ApnsNotificationMapper, BadgeIsAnyNumberSaturatedToInt32) {
+    // clang-format off
     const std::pair<Value, std::int32_t> cases[] = {
-        {7, 7},
-        {-1, -1},
-        {std::int64_t{3000000000}, kInt32Max},
-        {std::int64_t{-3000000000}, kInt32Min},
-        {std::int64_t{kInt32Max}, kInt32Max},
+        {7, 7}, {-1, -1}, {std::int64_t{3000000000}, kInt32Max},
+        {std::int64_t{-3000000000}, kInt32Min}, {std::int64_t{kInt32Max}, kInt32Max},
         {std::int64_t{kInt32Min}, kInt32Min},
-        {std::numeric_limits<std::uint64_t>::max(), kInt32Max},
-        {true, 1},
-        {false, 0},
-        {2.7, 2},
-        {-2.7, -2},
-        {-1e300, kInt32Min},
-        {kInfinity, kInt32Max},
-        {kNaN, 0},
-        {"5", 0},
-        {nullptr, 0}};
+        {std::numeric_limits<std::uint64_t>::max(), kInt32Max}, {true, 1}, {false, 0}, {2.7, 2},
+        {-2.7, -2}, {-1e300, kInt32Min}, {kInfinity, kInt32Max}, {kNaN, 0}, {"5", 0}, {nullptr, 0}};
+    // clang-format on
     for (const auto& c : cases) {
         EXPECT_EQ(ApnsNotificationMapper::map(withAps({{"badge", c.first}})).badge, c.second)
             << "case " << &c - cases;
     }
 }
 
-TEST(ApnsNotificationMapper, EncodeUserInfoJson) {
+// The user info is written with sorted keys, or as "{}" when any part of it cannot be JSON; what
+// is written reads back to the same dictionary, and texts that are not a non-empty object are
+// refused.
+TEST(ApnsNotificationMapper, UserInfoJsonIsWrittenSortedOrAsEmptyAndReadBack) {
     struct Case {
         const char* name;
         Dictionary userInfo;
@@ -148,11 +142,6 @@ TEST(ApnsNotificationMapper, EncodeUserInfoJson) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(ApnsNotificationMapper::encodeUserInfoJson(c.userInfo), c.expected);
     }
-}
-
-// What encodeUserInfoJson writes reads back to the same dictionary; texts that are not a
-// non-empty object are refused end to end.
-TEST(ApnsNotificationMapper, DecodeUserInfoJsonReadsWhatEncodingWrote) {
     const Dictionary userInfo{{"list", Array{1, 2.5, "x", nullptr, false}},
                               {"nested", Dictionary{{"\xC3\xA9", "\xC3\xBC/"}}}};
     EXPECT_EQ(ApnsNotificationMapper::decodeUserInfoJson(

@@ -141,32 +141,20 @@ const std::string binaryPlist(
     50);
 
 TEST(PropertyListSerializationTest, MalformedInputYieldsNothing) {
-    const std::string bodies[] = {"<array><array></array>",
-                                  "<array></dict>",
-                                  "<dict><string>x</string></dict>",
-                                  "<array><foo/></array>",
-                                  "<string>&bogus;</string>",
-                                  "<array/><!-- ",
-                                  "<string>\xFF\xFE</string>",
-                                  "<dict><key>\xC0\xAF</key><true/></dict>",
-                                  "<integer>12abc</integer>",
-                                  "<integer>0x</integer>",
-                                  "<integer/>",
-                                  "<integer>18446744073709551616</integer>",
-                                  "<integer>-9223372036854775809</integer>",
-                                  "<integer>1<!-- x -->2</integer>",
-                                  "<real>1.5x</real>",
-                                  "<real> </real>",
-                                  "<date>12001-01-01T00:00:00Z</date>",
-                                  "<date>2001-00-01T00:00:00Z</date>",
-                                  "<date>2001-001-01T00:00:00Z</date>",
-                                  "<date>2001-13-01T00:00:00Z</date>",
-                                  "<date>2001-01-00T00:00:00Z</date>",
-                                  "<date>2001-01-32T00:00:00Z</date>",
-                                  "<date>2001-01-01T24:00:00Z</date>",
-                                  "<date>2001-01-01T00:60:00Z</date>",
-                                  "<date>2001-01-01T00:00:61Z</date>",
-                                  "<date>2001-01-01T00:00:00</date>"};
+    // clang-format off
+    const std::string bodies[] = {
+        "<array><array></array>", "<array></dict>", "<dict><string>x</string></dict>",
+        "<array><foo/></array>", "<string>&bogus;</string>", "<array/><!-- ",
+        "<string>\xFF\xFE</string>", "<dict><key>\xC0\xAF</key><true/></dict>",
+        "<integer>12abc</integer>", "<integer>0x</integer>", "<integer/>",
+        "<integer>18446744073709551616</integer>", "<integer>-9223372036854775809</integer>",
+        "<integer>1<!-- x -->2</integer>", "<real>1.5x</real>", "<real> </real>",
+        "<date>12001-01-01T00:00:00Z</date>", "<date>2001-00-01T00:00:00Z</date>",
+        "<date>2001-001-01T00:00:00Z</date>", "<date>2001-13-01T00:00:00Z</date>",
+        "<date>2001-01-00T00:00:00Z</date>", "<date>2001-01-32T00:00:00Z</date>",
+        "<date>2001-01-01T24:00:00Z</date>", "<date>2001-01-01T00:60:00Z</date>",
+        "<date>2001-01-01T00:00:61Z</date>", "<date>2001-01-01T00:00:00</date>"};
+    // clang-format on
     for (const std::string& body : bodies) {
         EXPECT_FALSE(parse(plist(body)).has_value()) << body;
     }
