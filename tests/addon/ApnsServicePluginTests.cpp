@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cmath>
 #include <future>
-#include <limits>
 #include <numeric>
 #include <optional>
 #include <stdexcept>
@@ -145,9 +144,11 @@ TEST_F(ApnsServicePluginTest, RepliesForEveryKindOfResult) {
               ApnsOutcomeEnvelope::textFallback);
 }
 
-// A completion that throws is logged and the queue goes on; a plug-in that no shared_ptr owns
-// cannot submit work, and answers at once with the fixed fallback.
-TEST_F(ApnsServicePluginTest, ThrowingCompletionsAndUnownedPluginsStillAnswer) {
+// A completion that throws is logged and the queue goes on. A call the plug-in cannot run (no
+// shared_ptr owns the plug-in, or its queue refuses the work or is missing) is answered exactly
+// once, at once, with the fixed fall-back, and logged; a plug-in without an adapter answers with
+// an error and is never registered.
+TEST_F(ApnsServicePluginTest, ThrowingCompletionsAndRefusedWorkAreAnsweredOnce) {
     EXPECT_CALL(*adapter, getToken(_))
         .WillRepeatedly(Return(ApnsServiceGetTokenResult::success({"ab"})));
     platform::LogCapture capture;
@@ -161,12 +162,8 @@ TEST_F(ApnsServicePluginTest, ThrowingCompletionsAndUnownedPluginsStillAnswer) {
     EXPECT_EQ(reply, ApnsOutcomeEnvelope::serialisationFallback);
     EXPECT_EQ(capture.records().back().message,
               "ApnsService: could not prepare a call; answered with the fall-back");
-}
 
-// Every call is answered exactly once, also when the plug-in's queue cannot take it; a plug-in
-// without an adapter answers with an error and is never registered.
-TEST_F(ApnsServicePluginTest, RefusedWorkIsAnsweredOnce) {
-    platform::LogCapture capture;
+    capture.clear();
     for (auto queue : {platform::DispatchQueue::makeRefusingForTesting("test.refusing"),
                        std::shared_ptr<platform::DispatchQueue>()}) {
         plugin = std::make_shared<ApnsServicePlugin>(adapter, queue);
@@ -280,7 +277,7 @@ class RecordingEmitter : public ApnsEventEmitting {
 // subsystem and category; the sink never sees it.
 TEST(ApnsEventEmission, UnencodableEventsAreDroppedWithOneErrorLine) {
     ApnsNotification nan;
-    nan.relevanceScore = std::numeric_limits<double>::quiet_NaN();
+    nan.relevanceScore = std::nan("");
     ApnsNotification badTitle;
     badTitle.title = "\xc3";
     const struct {

@@ -127,33 +127,21 @@ TEST(Text, ComparesAsciiCaseOnlyAndRepairsUtf8) {
     EXPECT_TRUE(startsWithIgnoringASCIICase("BEARER abc", "bearer "));
     EXPECT_FALSE(startsWithIgnoringASCIICase("bear", "bearer"));
 
-    const struct {
-        std::string text;
-        std::size_t length;
-    } sequences[] = {
-        {"a", 1},
-        {"\xc3\xa9", 2},
-        {"\xe2\x82\xac", 3},
-        // The first and last code point of each length, and the lead bytes around them.
-        {"\xc2\x80", 2},          // U+0080
-        {"\xdf\xbf", 2},          // U+07FF
-        {"\xe0\xa0\x80", 3},      // U+0800
-        {"\xef\xbf\xbf", 3},      // U+FFFF
-        {"\xf0\x90\x80\x80", 4},  // U+10000
-        {"\xf0\x9f\x98\x80", 4},  // U+1F600
-        {"\xf4\x8f\xbf\xbf", 4},  // U+10FFFF
-        {"\xf0\x8f\xbf\xbf", 0},  // overlong U+FFFF
-        {"\xf5\x80\x80\x80", 0},  // no code point starts so
-        {"\xc0\xaf", 0},          // overlong "/"
-        {"\xe0\x80\xaf", 0},      // overlong
-        {"\xed\xa0\x80", 0},      // a surrogate
-        {"\xf4\x90\x80\x80", 0},  // past U+10FFFF
-        {"\xe2\x82", 0},          // cut short
-        {"\x80", 0},
-        {"", 0},
-    };
-    for (const auto& row : sequences) {
-        EXPECT_EQ(utf8SequenceLength(row.text), row.length) << row.text;
+    // clang-format off
+    const std::pair<std::string, std::size_t> sequences[] = {
+        {"a", 1}, {"\xc3\xa9", 2}, {"\xe2\x82\xac", 3},
+        // The first and last code point of each length: U+0080, U+07FF, U+0800, U+FFFF, U+10000,
+        // U+1F600, U+10FFFF.
+        {"\xc2\x80", 2}, {"\xdf\xbf", 2}, {"\xe0\xa0\x80", 3}, {"\xef\xbf\xbf", 3},
+        {"\xf0\x90\x80\x80", 4}, {"\xf0\x9f\x98\x80", 4}, {"\xf4\x8f\xbf\xbf", 4},
+        // The lead bytes around them: overlong U+FFFF, a byte no code point starts with,
+        // overlong "/", another overlong form, a surrogate, past U+10FFFF; then a sequence cut
+        // short, a lone continuation byte and nothing.
+        {"\xf0\x8f\xbf\xbf", 0}, {"\xf5\x80\x80\x80", 0}, {"\xc0\xaf", 0}, {"\xe0\x80\xaf", 0},
+        {"\xed\xa0\x80", 0}, {"\xf4\x90\x80\x80", 0}, {"\xe2\x82", 0}, {"\x80", 0}, {"", 0}};
+    // clang-format on
+    for (const auto& [text, length] : sequences) {
+        EXPECT_EQ(utf8SequenceLength(text), length) << text;
     }
     // Short texts are settled by a quick look for bytes above 0x7F: one anywhere in them sends
     // the text to the full check.
