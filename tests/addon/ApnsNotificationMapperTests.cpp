@@ -4,6 +4,7 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "NimbOrraCore/OrraJSONCoding.h"
@@ -38,12 +39,7 @@ Dictionary withAps(Dictionary aps) {
 }
 
 TEST(ApnsNotificationMapper, MapsRemotePayloadMembers) {
-    struct Case {
-        const char* name;
-        Dictionary payload;
-        ApnsNotification expected;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::tuple<const char*, Dictionary, ApnsNotification>> cases = {
         {"alert as text fills only the body", withAps({{"alert", "Hello"}}),
          ApnsNotification{.body = "Hello"}},
         {"alert as dictionary",
@@ -87,12 +83,12 @@ TEST(ApnsNotificationMapper, MapsRemotePayloadMembers) {
          {{"aps", Dictionary{{"alert", "Hi"}}}, {"token", Data{{1, 2}}}},
          ApnsNotification{.body = "Hi"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, payload, fields] : cases) {
+        SCOPED_TRACE(name);
         // The user info is the whole payload, "aps" included.
-        ApnsNotification expected = c.expected;
-        expected.userInfoJson = ApnsNotificationMapper::encodeUserInfoJson(c.payload);
-        EXPECT_EQ(json(ApnsNotificationMapper::map(c.payload)), json(expected));
+        ApnsNotification expected = fields;
+        expected.userInfoJson = ApnsNotificationMapper::encodeUserInfoJson(payload);
+        EXPECT_EQ(json(ApnsNotificationMapper::map(payload)), json(expected));
     }
 }
 
@@ -116,12 +112,7 @@ TEST(ApnsNotificationMapper, BadgeIsAnyNumberSaturatedToInt32) {
 // is written reads back to the same dictionary, and texts that are not a non-empty object are
 // refused.
 TEST(ApnsNotificationMapper, UserInfoJsonIsWrittenSortedOrAsEmptyAndReadBack) {
-    struct Case {
-        const char* name;
-        Dictionary userInfo;
-        std::string expected;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::tuple<const char*, Dictionary, std::string>> cases = {
         {"empty", {}, "{}"},
         {"keys sorted at every level",
          {{"b", Dictionary{{"z", true}, {"a", nullptr}}},
@@ -138,9 +129,9 @@ TEST(ApnsNotificationMapper, UserInfoJsonIsWrittenSortedOrAsEmptyAndReadBack) {
         {"text that is not UTF-8", {{"name", "\xff\xfe"}}, "{}"},
         {"key that is not UTF-8", {{"\xc3", "v"}}, "{}"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(ApnsNotificationMapper::encodeUserInfoJson(c.userInfo), c.expected);
+    for (const auto& [name, userInfo, expected] : cases) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(ApnsNotificationMapper::encodeUserInfoJson(userInfo), expected);
     }
     const Dictionary userInfo{{"list", Array{1, 2.5, "x", nullptr, false}},
                               {"nested", Dictionary{{"\xC3\xA9", "\xC3\xBC/"}}}};

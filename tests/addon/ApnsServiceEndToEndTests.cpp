@@ -10,6 +10,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
 #include "NimbOrraPlatform/Application.h"
@@ -122,18 +123,15 @@ TEST_F(ApnsServiceEndToEnd, UnknownMethodsUndecodablePayloadsAndSimulatorTokensA
                   R"({"error":{"code":"UNIMPLEMENTED","message":"Unknown ASYNC method: )" +
                       (method == "GetToken\n" ? "GetToken\\n" : method) + "\"}}");
     }
-    const struct {
-        const char *method, *payload;
-        std::string message;
-    } undecodable[] = {
+    const std::tuple<const char*, const char*, std::string> undecodable[] = {
         {"GetToken", "not json", R"(dataCorrupted at the top level: the data is not valid JSON ()"},
         {"SetBadgeCount", "",
          R"x(dataCorrupted at the top level: the data is not valid JSON (the text is empty)"}})x"},
         {"NotifyDidReceiveResponse", R"({"actionIdentifier":"open"})",
          R"(keyNotFound at \"notification\": no value for key \"notification\""}})"}};
-    for (const auto& c : undecodable) {
-        const std::string expected = R"({"error":{"code":"INTERNAL","message":")" + c.message;
-        EXPECT_EQ(call(c.method, c.payload).substr(0, expected.size()), expected);
+    for (const auto& [method, payload, message] : undecodable) {
+        const std::string expected = R"({"error":{"code":"INTERNAL","message":")" + message;
+        EXPECT_EQ(call(method, payload).substr(0, expected.size()), expected);
     }
     for (const char* payload : {"{}", "[]", "null", "\"x\"", R"({"token":"ab"})"}) {
         EXPECT_EQ(call("GetToken", payload),
@@ -254,26 +252,21 @@ constexpr const char* kSortedNotification =
     R"("launchImageName":"","relevanceScore":0.5,"sound":"default","subtitle":"",)"
     R"("targetContentIdentifier":"","threadIdentifier":"t","title":"Hi","userInfoJson":"{\"k\":1}"})";
 
+const std::string kNotificationRequest = std::string(R"({"notification":)") + kNotification;
+
 TEST_F(ApnsServiceEndToEnd, PresentedAndOpenedEvents) {
-    EXPECT_EQ(call("NotifyWillPresentNotification",
-                   std::string(R"({"notification":)") + kNotification + "}"),
+    EXPECT_EQ(call("NotifyWillPresentNotification", kNotificationRequest + "}"),
               R"({"success":{"presentationOptions":[]}})");
-    EXPECT_EQ(call("NotifyDidReceiveResponse", std::string(R"({"notification":)") + kNotification +
-                                                   R"(,"actionIdentifier":"open"})"),
-              kSuccessEmpty);
-    EXPECT_EQ(call("NotifyDidReceiveResponse", std::string(R"({"notification":)") + kNotification +
-                                                   R"(,"actionIdentifier":""})"),
-              kSuccessEmpty);
-    EXPECT_EQ(
-        takeEvents(),
-        (std::vector<Event>{
-            {"APNSService.OnNotificationPresented", kSortedNotification},
-            {"APNSService.OnNotificationOpened",
-             std::string(R"({"actionIdentifier":"open","notification":)") + kSortedNotification +
-                 "}"},
-            {"APNSService.OnNotificationOpened",
-             std::string(R"({"actionIdentifier":"","notification":)") + kSortedNotification + "}"},
-        }));
+    std::vector<Event> expected{{"APNSService.OnNotificationPresented", kSortedNotification}};
+    for (const std::string action : {"open", ""}) {
+        EXPECT_EQ(call("NotifyDidReceiveResponse",
+                       kNotificationRequest + R"(,"actionIdentifier":")" + action + "\"}"),
+                  kSuccessEmpty);
+        expected.emplace_back("APNSService.OnNotificationOpened",
+                              R"({"actionIdentifier":")" + action + R"(","notification":)" +
+                                  kSortedNotification + "}");
+    }
+    EXPECT_EQ(takeEvents(), expected);
 }
 
 std::string coldStart(std::string_view userInfoJson) {
@@ -347,7 +340,6 @@ TEST_F(ApnsServiceEndToEnd, BlockedPlatformCallHoldsUpLaterCalls) {
 // many events the call emits.
 constexpr int kThreads = 8;
 constexpr int kCallsPerThread = 5000;
-const std::string kNotificationRequest = std::string(R"({"notification":)") + kNotification;
 const struct {
     const char* method;
     std::string payload;
@@ -553,24 +545,21 @@ TEST_F(ApnsEntitlementReaderTest, LargerProfilesAnswerNothingAfterReadingAtMostT
     const std::string plist =
         plistWithEntitlements("<key>aps-environment</key><string>development</string>");
     const fs::path profile = directory_ / "embedded.mobileprovision";
-    const struct {
-        std::uintmax_t fileSize;  // the property list first, then zero bytes
-        std::optional<std::string> answer;
-        std::size_t bytesRead;
-    } cases[] = {
+    // The file's size (the property list first, then zero bytes), the answer and the bytes read.
+    const std::tuple<std::uintmax_t, std::optional<std::string>, std::size_t> cases[] = {
         {plist.size(), "development", plist.size()},
         {limit, "development", limit},
         {limit + 1, std::nullopt, limit + 1},
         {std::uintmax_t{512} << 20, std::nullopt, limit + 1},  // sparse: costs no disk
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.fileSize);
+    for (const auto& [fileSize, answer, bytesRead] : cases) {
+        SCOPED_TRACE(fileSize);
         writeProfile(plist);
-        fs::resize_file(profile, c.fileSize);
-        EXPECT_EQ(read(), c.answer);
+        fs::resize_file(profile, fileSize);
+        EXPECT_EQ(read(), answer);
         const auto bytes = platform::Bundle::contentsOfFile(profile, limit);
         ASSERT_TRUE(bytes.has_value());
-        EXPECT_EQ(bytes->size(), c.bytesRead);
+        EXPECT_EQ(bytes->size(), bytesRead);
     }
 }
 

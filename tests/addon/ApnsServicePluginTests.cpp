@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -280,31 +281,27 @@ TEST(ApnsEventEmission, UnencodableEventsAreDroppedWithOneErrorLine) {
     nan.relevanceScore = std::nan("");
     ApnsNotification badTitle;
     badTitle.title = "\xc3";
-    const struct {
-        const char* name;
-        ApnsNotification notification;
-        std::optional<std::string> identifier;
-    } cases[] = {
+    const std::tuple<const char*, ApnsNotification, std::optional<std::string>> cases[] = {
         {apnsNotificationPresentedEventName, nan, std::nullopt},
         {apnsNotificationOpenedEventName, nan, "open"},
         {apnsNotificationPresentedEventName, badTitle, std::nullopt},
         {apnsNotificationOpenedEventName, {}, std::string("op\xffn")},
         {"OnTokenRefreshed", {}, std::nullopt},  // a token that is not UTF-8, below
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, notification, identifier] : cases) {
+        SCOPED_TRACE(name);
         platform::LogCapture capture;
         RecordingEmitter emitter;
-        if (c.name == std::string("OnTokenRefreshed")) {
+        if (name == std::string("OnTokenRefreshed")) {
             emitTokenRefreshed(emitter, "0a\xff");
         } else {
-            emitNotificationEvent(emitter, c.name, c.notification, c.identifier);
+            emitNotificationEvent(emitter, name, notification, identifier);
         }
         EXPECT_TRUE(emitter.events.empty());
         EXPECT_EQ(capture.records(),
                   (std::vector<platform::LogRecord>{
                       {platform::LogLevel::error, "com.nimborra.push.addon.apns", "apns",
-                       std::string(c.name) + " dropped: payload encoding failed"}}));
+                       std::string(name) + " dropped: payload encoding failed"}}));
     }
 }
 

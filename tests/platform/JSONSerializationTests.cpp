@@ -147,19 +147,14 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
     const std::size_t limit = JSONSerialization::maximumDepth;
     const std::string big = "123456789012345678901234567890";
     const double bigAsDouble = 123456789012345678901234567890.0;
+    // clang-format off
     const std::pair<std::string, Value> accepted[] = {
-        {"-0", Value(0)},
-        {"-0.0", real(-0.0)},
-        {"1e-400", real(0.0)},
-        {"-1e-400", real(-0.0)},
-        {"1.0e-400", real(0.0)},
-        {"123e-10000000", real(0.0)},
-        {"25.5e-400", real(0.0)},
+        {"-0", Value(0)}, {"-0.0", real(-0.0)}, {"1e-400", real(0.0)}, {"-1e-400", real(-0.0)},
+        {"1.0e-400", real(0.0)}, {"123e-10000000", real(0.0)}, {"25.5e-400", real(0.0)},
         {"0.000e-99999999999999999999", real(0.0)},
         // Its written exponent is large, but its zeros make it tiny.
         {"0." + std::string(500, '0') + "1e100", real(0.0)},
-        {"2.5e-324", real(4.9406564584124654e-324)},
-        {"1E+2", real(100.0)},
+        {"2.5e-324", real(4.9406564584124654e-324)}, {"1E+2", real(100.0)},
         {"9223372036854775807", Value(std::numeric_limits<std::int64_t>::max())},
         {"9223372036854775808", Value(std::uint64_t{1} << 63)},
         {"-9223372036854775808", Value(std::numeric_limits<std::int64_t>::min())},
@@ -179,6 +174,7 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
          Value(Array{Value(1), Value(Dictionary{{"a", Value()}})})},
         {deep(limit), nested(limit)},
     };
+    // clang-format on
     for (const auto& [text, expected] : accepted) {
         std::string error;
         const auto read = JSONSerialization::jsonObject(text, {.fragmentsAllowed = true}, &error);

@@ -55,10 +55,7 @@ TEST(Logger, TheDefaultSinkWritesALinePerRecordAtOrAboveTheLevel) {
 }
 
 TEST(Uuid, RecognisesTheTextFormAndMakesVersionFourInLowerCase) {
-    const struct {
-        const char* text;
-        bool uuid;
-    } rows[] = {
+    const std::pair<const char*, bool> rows[] = {
         {"123e4567-e89b-12d3-a456-426614174000", true},
         {"8F1B5B6C-6d4a-4F6B-9B1E-2C3D4E5F6A7B", true},
         {"123e4567e89b12d3a456426614174000", false},
@@ -67,8 +64,8 @@ TEST(Uuid, RecognisesTheTextFormAndMakesVersionFourInLowerCase) {
         {"123e4567-e89b-12d3-a456_426614174000", false},
         {"g23e4567-e89b-12d3-a456-426614174000", false},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(isUuidText(row.text), row.uuid) << row.text;
+    for (const auto& [text, uuid] : rows) {
+        EXPECT_EQ(isUuidText(text), uuid) << text;
     }
     std::set<std::string> made;
     for (int i = 0; i < 100; ++i) {
