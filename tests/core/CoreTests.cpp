@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "NimbOrraCore/NimbError.h"
@@ -106,51 +107,44 @@ std::string replaced(std::string json, const std::string& from, const std::strin
 
 // Each failure names its kind, where it happened and what was found instead.
 TEST(OrraJSONCoding, DecodingFailuresReportKindPathAndWhatWasFound) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"{", "dataCorrupted at the top level: the data is not valid JSON ("},
-        {"[]", "typeMismatch at the top level: expected an object but found an array"},
-        {replaced(kSampleJSON, R"("small":-3,)", ""),
-         "keyNotFound at \"small\": no value for key \"small\""},
-        {replaced(kSampleJSON, "-3", "null"),
-         "valueNotFound at \"small\": expected an integer but found null"},
-        {replaced(kSampleJSON, "-3", "\"-3\""),
-         "typeMismatch at \"small\": expected an integer but found a string"},
-        {replaced(kSampleJSON, "-3", "true"),
-         "typeMismatch at \"small\": expected an integer but found a boolean"},
-        {replaced(kSampleJSON, "-3", "2147483648"),
+    // What replaces what in the sample's text, and the failure's description.
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {kSampleJSON, "{", "dataCorrupted at the top level: the data is not valid JSON ("},
+        {kSampleJSON, "[]", "typeMismatch at the top level: expected an object but found an array"},
+        {R"("small":-3,)", "", "keyNotFound at \"small\": no value for key \"small\""},
+        {"-3", "null", "valueNotFound at \"small\": expected an integer but found null"},
+        {"-3", "\"-3\"", "typeMismatch at \"small\": expected an integer but found a string"},
+        {"-3", "true", "typeMismatch at \"small\": expected an integer but found a boolean"},
+        {"-3", "2147483648",
          "dataCorrupted at \"small\": the number 2147483648 does not fit in a 32-bit integer"},
-        {replaced(kSampleJSON, "-3", "-2147483649"),
+        {"-3", "-2147483649",
          "dataCorrupted at \"small\": the number -2147483649 does not fit in a 32-bit integer"},
-        {replaced(kSampleJSON, "-3", "2147483648.0"),
+        {"-3", "2147483648.0",
          "dataCorrupted at \"small\": the number 2147483648 does not fit in a 32-bit integer"},
-        {replaced(kSampleJSON, "-3", "-2147483649.0"),
+        {"-3", "-2147483649.0",
          "dataCorrupted at \"small\": the number -2147483649 does not fit in a 32-bit integer"},
-        {replaced(kSampleJSON, "-3", "1.5"),
-         "dataCorrupted at \"small\": the number 1.5 is not an integer"},
-        {replaced(kSampleJSON, "9007199254740993", "9223372036854775808"),
+        {"-3", "1.5", "dataCorrupted at \"small\": the number 1.5 is not an integer"},
+        {"9007199254740993", "9223372036854775808",
          "dataCorrupted at \"big\": the number 9223372036854775808 does not fit in a 64-bit "
          "integer"},
-        {replaced(kSampleJSON, "9007199254740993", "1e19"),
+        {"9007199254740993", "1e19",
          "dataCorrupted at \"big\": the number 1e+19 does not fit in a 64-bit integer"},
-        {replaced(kSampleJSON, "9007199254740993", "-123456789012345678901234567890"),
+        {"9007199254740993", "-123456789012345678901234567890",
          "dataCorrupted at \"big\": the number -1.2345678901234568e+29 does not fit in a 64-bit "
          "integer"},
-        {replaced(kSampleJSON, "\"a\\/b\"", "[]"),
-         "typeMismatch at \"text\": expected a string but found an array"},
-        {replaced(kSampleJSON, "\"flag\":true", "\"flag\":1"),
+        {"\"a\\/b\"", "[]", "typeMismatch at \"text\": expected a string but found an array"},
+        {"\"flag\":true", "\"flag\":1",
          "typeMismatch at \"flag\": expected a boolean but found an integer"},
-        {replaced(kSampleJSON, "AP8Q", "AP8"),
-         "dataCorrupted at \"bytes\": the string is not valid base64"},
-        {replaced(kSampleJSON, "\"AP8Q\"", "7"),
+        {"AP8Q", "AP8", "dataCorrupted at \"bytes\": the string is not valid base64"},
+        {"\"AP8Q\"", "7",
          "typeMismatch at \"bytes\": expected a base64 string but found an integer"},
-        {replaced(kSampleJSON, "[1,2,0]", "{}"),
-         "typeMismatch at \"colours\": expected an array but found an object"},
-        {replaced(kSampleJSON, "[1,2,0]", "[1,\"2\"]"),
+        {"[1,2,0]", "{}", "typeMismatch at \"colours\": expected an array but found an object"},
+        {"[1,2,0]", "[1,\"2\"]",
          "typeMismatch at \"colours[1]\": expected an integer but found a string"},
-        {replaced(kSampleJSON, "{\"n\":2}", "{}"),
-         "keyNotFound at \"inners[1].n\": no value for key \"n\""},
+        {"{\"n\":2}", "{}", "keyNotFound at \"inners[1].n\": no value for key \"n\""},
     };
-    for (const auto& [json, description] : cases) {
+    for (const auto& [from, to, description] : cases) {
+        const std::string json = replaced(kSampleJSON, from, to);
         auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(json);
         ASSERT_FALSE(decoded.ok()) << json;
         EXPECT_EQ(decoded.error().description().substr(0, description.size()), description);

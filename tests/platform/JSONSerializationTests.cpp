@@ -34,19 +34,14 @@ Value nested(std::size_t depth, Value innermost = Array{}) {
 // Numbers come out in the platform's shortest form that reads back to the same double.
 TEST(JSONWriter, WritesNumbersInThePlatformForm) {
     // The double that the C library reads from the first text, and how it must be written.
+    // clang-format off
     const std::pair<const char*, const char*> cases[] = {
-        {"0", "0"},
-        {"-0", "-0"},
-        {"0.1", "0.1"},
-        {"0.0001", "0.0001"},
-        {"0.00001", "1e-05"},
-        {"1e15", "1000000000000000"},
-        {"1e20", "1e+20"},
+        {"0", "0"}, {"-0", "-0"}, {"0.1", "0.1"}, {"0.0001", "0.0001"}, {"0.00001", "1e-05"},
+        {"1e15", "1000000000000000"}, {"1e20", "1e+20"}, {"1.5e-300", "1.5e-300"},
         {"123456789012345678", "1.2345678901234568e+17"},
-        {"9007199254740992", "9007199254740992"},
-        {"9007199254740994", "9.007199254740994e+15"},
-        {"1.5e-300", "1.5e-300"},
+        {"9007199254740992", "9007199254740992"}, {"9007199254740994", "9.007199254740994e+15"},
         {"1.7976931348623157e308", "1.7976931348623157e+308"}};
+    // clang-format on
     for (const auto& [number, text] : cases) {
         EXPECT_EQ(write(Value(std::strtod(number, nullptr))), text);
     }
