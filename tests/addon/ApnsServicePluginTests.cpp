@@ -246,22 +246,20 @@ TEST_F(ApnsServicePluginTest, AnswersInEnqueueOrderOneAtATimeOnItsQueue) {
 // never answered, unless it had answered already.
 TEST(WaitForCompletionTest, OnlyTheFirstAnswerCountsAndAFailedStartIsNotWaitedFor) {
     std::thread answering;
-    EXPECT_EQ(waitForCompletion(0,
-                                [&](auto complete) {
-                                    answering = std::thread([complete] {
-                                        complete(1);
-                                        complete(2);
-                                    });
-                                }),
-              1);
+    const auto answerTwice = [&](auto complete) {
+        answering = std::thread([complete] {
+            complete(1);
+            complete(2);
+        });
+    };
+    EXPECT_EQ(waitForCompletion(0, answerTwice), 1);
     answering.join();
     EXPECT_EQ(waitForCompletion(7, [](auto) { throw std::runtime_error("no request"); }), 7);
-    EXPECT_EQ(waitForCompletion(7,
-                                [](auto complete) {
-                                    complete(8);
-                                    throw std::runtime_error("after the answer");
-                                }),
-              8);
+    const auto answerThenThrow = [](auto complete) {
+        complete(8);
+        throw std::runtime_error("after the answer");
+    };
+    EXPECT_EQ(waitForCompletion(7, answerThenThrow), 8);
 }
 
 using Event = std::pair<std::string, std::string>;
