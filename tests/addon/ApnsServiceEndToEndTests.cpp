@@ -314,10 +314,9 @@ TEST_F(ApnsServiceEndToEnd, BlockedPlatformCallHoldsUpLaterCalls) {
     center().setBadgeError(NSError{"UNErrorDomain", 7});
     center().setAuthorizationAnswer(false, NSError{"UNErrorDomain", 3});
     center().setAuthorizationStatus(3);
-    std::vector<std::future<std::string>> replies;
-    replies.push_back(callAsync("SetBadgeCount", R"({"count":9})"));
-    replies.push_back(callAsync("GetToken", "{}"));
-    replies.push_back(callAsync("GetNotificationSettings", "{}"));
+    std::future<std::string> replies[] = {callAsync("SetBadgeCount", R"({"count":9})"),
+                                          callAsync("GetToken", "{}"),
+                                          callAsync("GetNotificationSettings", "{}")};
     // The badge request reaches the center; nothing is answered while it holds its answer.
     for (int i = 0; i < 3000 && center().heldAnswerCount() == 0; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
