@@ -493,7 +493,6 @@ namespace fs = std::filesystem;
 
 class ApnsEntitlementReaderTest : public ::testing::Test {
   protected:
-    void writeProfile(std::string_view bytes) { bundle_.writeProfile(bytes); }
     std::optional<std::string> read() { return ApnsEntitlementReader().readApsEnvironment(); }
 
     const testing::TemporaryBundle bundle_;
@@ -531,10 +530,10 @@ TEST_F(ApnsEntitlementReaderTest, ProfilesAnswerTheStoredTextOrNothing) {
         {"malformed XML", good.substr(0, good.size() - 20) + "</plist>"},
     };
     for (const auto& [name, bytes] : cases) {
-        writeProfile(bytes);
+        bundle_.writeProfile(bytes);
         EXPECT_EQ(read(), std::nullopt) << name;
     }
-    writeProfile("\x01\x02 prefix bytes " + good + " trailing bytes");
+    bundle_.writeProfile("\x01\x02 prefix bytes " + good + " trailing bytes");
     EXPECT_EQ(read(), "development");
 }
 
@@ -553,7 +552,7 @@ TEST_F(ApnsEntitlementReaderTest, LargerProfilesAnswerNothingAfterReadingAtMostT
     };
     for (const auto& [fileSize, answer, bytesRead] : cases) {
         SCOPED_TRACE(fileSize);
-        writeProfile(plist);
+        bundle_.writeProfile(plist);
         fs::resize_file(profile, fileSize);
         EXPECT_EQ(read(), answer);
         const auto bytes = platform::Bundle::contentsOfFile(profile, limit);
@@ -579,7 +578,7 @@ TEST_F(ApnsEntitlementReaderTest, RealProfilesAnswerAsIndexed) {
         {"unsigned-leading-byte-odd-data.mobileprovision", "production"},
     };
     for (const auto& [file, answer] : expected) {
-        writeProfile(testing::readFile(corpora / "provisioning-profiles" / file));
+        bundle_.writeProfile(testing::readFile(corpora / "provisioning-profiles" / file));
         EXPECT_EQ(read(), answer) << file;
     }
 }

@@ -346,8 +346,7 @@ TEST(OrraBridgeDispatcherTest, NewEventsWaitForAllOfTheirEmittersKeptEvents) {
 TEST(OrraBridgeDispatcherTest, ListenersMayReenterTheDispatcher) {
     OrraBridgeDispatcher dispatcher;
     Names calls;
-    OrraBridgeDispatcher::SubscriptionId a = 0;
-    OrraBridgeDispatcher::SubscriptionId c = 0;
+    OrraBridgeDispatcher::SubscriptionId a = 0, c = 0;
     a = dispatcher.subscribe([&](const std::string& name, const std::string&) {
         calls.push_back("A:" + name);
         if (name == "ping") {
@@ -426,8 +425,7 @@ TEST(DispatcherFairness, EveryEventIsDeliveredByItsEmitterBeforeEmitReturns) {
     const auto mainThread = std::this_thread::get_id();
     std::mutex mutex;
     std::vector<std::pair<std::string, bool>> seen;  // name, seen on the main thread
-    std::binary_semaphore held{0};
-    std::binary_semaphore release{0};
+    std::binary_semaphore held{0}, release{0};
     dispatcher.subscribe([&](const std::string& name, const std::string&) {
         {
             std::lock_guard lock(mutex);

@@ -41,8 +41,8 @@ TEST(Bundle, FindsResourcesOnlyDirectlyInItsDirectory) {
 // A program started with its standard input closed gets descriptor 0 for the next file it opens;
 // that file is read like any other.
 TEST(Bundle, ReadsAFileOpenedAsDescriptorZero) {
-    const auto path = std::filesystem::temp_directory_path() /
-                      ("nimborra-fd0-test-" + std::to_string(::getpid()));
+    const testing::TemporaryBundle temporary;
+    const auto path = temporary.directory() / "zero";
     std::ofstream(path) << "zero";
     const int input = ::dup(STDIN_FILENO);
     ASSERT_GE(input, 0);
@@ -50,7 +50,6 @@ TEST(Bundle, ReadsAFileOpenedAsDescriptorZero) {
     const auto bytes = Bundle::contentsOfFile(path);
     ::dup2(input, STDIN_FILENO);
     ::close(input);
-    std::filesystem::remove(path);
     EXPECT_EQ(bytes, (std::vector<std::uint8_t>{'z', 'e', 'r', 'o'}));
 }
 

@@ -208,8 +208,7 @@ TEST(JSONReader, ReadsTheEdgesOfTheGrammarExactly) {
     // (which the reader takes, as the nearest double).
     for (const std::string huge :
          {"18446744073709551616", "-9223372036854775809", "90000000000000000000"}) {
-        std::string bigFirst;
-        std::string smallFirst;
+        std::string bigFirst, smallFirst;
         EXPECT_FALSE(JSONSerialization::jsonObject("[" + huge + ",tru]", {}, &bigFirst));
         EXPECT_FALSE(JSONSerialization::jsonObject("[1,tru]", {}, &smallFirst));
         EXPECT_EQ(bigFirst, smallFirst) << huge;

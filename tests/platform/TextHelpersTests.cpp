@@ -55,17 +55,15 @@ TEST(Logger, TheDefaultSinkWritesALinePerRecordAtOrAboveTheLevel) {
 }
 
 TEST(Uuid, RecognisesTheTextFormAndMakesVersionFourInLowerCase) {
-    const std::pair<const char*, bool> rows[] = {
-        {"123e4567-e89b-12d3-a456-426614174000", true},
-        {"8F1B5B6C-6d4a-4F6B-9B1E-2C3D4E5F6A7B", true},
-        {"123e4567e89b12d3a456426614174000", false},
-        {"123e4567-e89b-12d3-a456-42661417400", false},
-        {"123e4567-e89b-12d3-a456-4266141740000", false},
-        {"123e4567-e89b-12d3-a456_426614174000", false},
-        {"g23e4567-e89b-12d3-a456-426614174000", false},
-    };
-    for (const auto& [text, uuid] : rows) {
-        EXPECT_EQ(isUuidText(text), uuid) << text;
+    for (const char* text :
+         {"123e4567-e89b-12d3-a456-426614174000", "8F1B5B6C-6d4a-4F6B-9B1E-2C3D4E5F6A7B"}) {
+        EXPECT_TRUE(isUuidText(text)) << text;
+    }
+    for (const char* text :
+         {"123e4567e89b12d3a456426614174000", "123e4567-e89b-12d3-a456-42661417400",
+          "123e4567-e89b-12d3-a456-4266141740000", "123e4567-e89b-12d3-a456_426614174000",
+          "g23e4567-e89b-12d3-a456-426614174000"}) {
+        EXPECT_FALSE(isUuidText(text)) << text;
     }
     std::set<std::string> made;
     for (int i = 0; i < 100; ++i) {
