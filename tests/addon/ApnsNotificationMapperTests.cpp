@@ -4,6 +4,7 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "NimbOrraCore/OrraJSONCoding.h"
@@ -38,12 +39,7 @@ Dictionary withAps(Dictionary aps) {
 }
 
 TEST(ApnsNotificationMapper, MapsRemotePayloadMembers) {
-    struct Case {
-        const char* name;
-        Dictionary payload;
-        ApnsNotification expected;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::tuple<const char*, Dictionary, ApnsNotification>> cases = {
         {"alert as text fills only the body", withAps({{"alert", "Hello"}}),
          ApnsNotification{.body = "Hello"}},
         {"alert as dictionary",
@@ -87,47 +83,36 @@ TEST(ApnsNotificationMapper, MapsRemotePayloadMembers) {
          {{"aps", Dictionary{{"alert", "Hi"}}}, {"token", Data{{1, 2}}}},
          ApnsNotification{.body = "Hi"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, payload, fields] : cases) {
+        SCOPED_TRACE(name);
         // The user info is the whole payload, "aps" included.
-        ApnsNotification expected = c.expected;
-        expected.userInfoJson = ApnsNotificationMapper::encodeUserInfoJson(c.payload);
-        EXPECT_EQ(json(ApnsNotificationMapper::map(c.payload)), json(expected));
+        ApnsNotification expected = fields;
+        expected.userInfoJson = ApnsNotificationMapper::encodeUserInfoJson(payload);
+        EXPECT_EQ(json(ApnsNotificationMapper::map(payload)), json(expected));
     }
 }
 
 // Any number counts, truncated toward zero and saturated to 32 bits; anything else is 0.
 TEST(ApnsNotificationMapper, BadgeIsAnyNumberSaturatedToInt32) {
+    // clang-format off
     const std::pair<Value, std::int32_t> cases[] = {
-        {7, 7},
-        {-1, -1},
-        {std::int64_t{3000000000}, kInt32Max},
-        {std::int64_t{-3000000000}, kInt32Min},
-        {std::int64_t{kInt32Max}, kInt32Max},
+        {7, 7}, {-1, -1}, {std::int64_t{3000000000}, kInt32Max},
+        {std::int64_t{-3000000000}, kInt32Min}, {std::int64_t{kInt32Max}, kInt32Max},
         {std::int64_t{kInt32Min}, kInt32Min},
-        {std::numeric_limits<std::uint64_t>::max(), kInt32Max},
-        {true, 1},
-        {false, 0},
-        {2.7, 2},
-        {-2.7, -2},
-        {-1e300, kInt32Min},
-        {kInfinity, kInt32Max},
-        {kNaN, 0},
-        {"5", 0},
-        {nullptr, 0}};
+        {std::numeric_limits<std::uint64_t>::max(), kInt32Max}, {true, 1}, {false, 0}, {2.7, 2},
+        {-2.7, -2}, {-1e300, kInt32Min}, {kInfinity, kInt32Max}, {kNaN, 0}, {"5", 0}, {nullptr, 0}};
+    // clang-format on
     for (const auto& c : cases) {
         EXPECT_EQ(ApnsNotificationMapper::map(withAps({{"badge", c.first}})).badge, c.second)
             << "case " << &c - cases;
     }
 }
 
-TEST(ApnsNotificationMapper, EncodeUserInfoJson) {
-    struct Case {
-        const char* name;
-        Dictionary userInfo;
-        std::string expected;
-    };
-    const std::vector<Case> cases = {
+// The user info is written with sorted keys, or as "{}" when any part of it cannot be JSON; what
+// is written reads back to the same dictionary, and texts that are not a non-empty object are
+// refused.
+TEST(ApnsNotificationMapper, UserInfoJsonIsWrittenSortedOrAsEmptyAndReadBack) {
+    const std::vector<std::tuple<const char*, Dictionary, std::string>> cases = {
         {"empty", {}, "{}"},
         {"keys sorted at every level",
          {{"b", Dictionary{{"z", true}, {"a", nullptr}}},
@@ -144,15 +129,10 @@ TEST(ApnsNotificationMapper, EncodeUserInfoJson) {
         {"text that is not UTF-8", {{"name", "\xff\xfe"}}, "{}"},
         {"key that is not UTF-8", {{"\xc3", "v"}}, "{}"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(ApnsNotificationMapper::encodeUserInfoJson(c.userInfo), c.expected);
+    for (const auto& [name, userInfo, expected] : cases) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(ApnsNotificationMapper::encodeUserInfoJson(userInfo), expected);
     }
-}
-
-// What encodeUserInfoJson writes reads back to the same dictionary; texts that are not a
-// non-empty object are refused end to end.
-TEST(ApnsNotificationMapper, DecodeUserInfoJsonReadsWhatEncodingWrote) {
     const Dictionary userInfo{{"list", Array{1, 2.5, "x", nullptr, false}},
                               {"nested", Dictionary{{"\xC3\xA9", "\xC3\xBC/"}}}};
     EXPECT_EQ(ApnsNotificationMapper::decodeUserInfoJson(

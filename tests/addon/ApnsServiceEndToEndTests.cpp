@@ -6,11 +6,11 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <mutex>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include "NimbOrraCore/OrraBridgeDispatcher.h"
 #include "NimbOrraPlatform/Application.h"
@@ -115,32 +115,24 @@ class ApnsServiceEndToEnd : public ::testing::Test {
 constexpr const char* kSuccessEmpty = R"({"success":{}})";
 
 // Names match exactly and are echoed as received; a payload that cannot be decoded is an
-// internal error naming where decoding stopped, and reaches no platform service.
-TEST_F(ApnsServiceEndToEnd, UnknownMethodsAndUndecodablePayloadsAreRefused) {
+// internal error naming where decoding stopped; GetToken fails on the simulator whatever its
+// payload, without registering. None of these reaches a platform service.
+TEST_F(ApnsServiceEndToEnd, UnknownMethodsUndecodablePayloadsAndSimulatorTokensAreRefused) {
     for (const std::string method : {"gettoken", "GetToken ", "", "GetToken\n", "Cancel"}) {
         EXPECT_EQ(call(method),
                   R"({"error":{"code":"UNIMPLEMENTED","message":"Unknown ASYNC method: )" +
                       (method == "GetToken\n" ? "GetToken\\n" : method) + "\"}}");
     }
-    const std::pair<std::string, std::string> undecodable[] = {
-        {"GetToken", "not json"},
-        {"SetBadgeCount", ""},
-        {"NotifyDidReceiveResponse", R"({"actionIdentifier":"open"})"}};
-    const std::string messages[] = {
-        R"(dataCorrupted at the top level: the data is not valid JSON ()",
-        R"x(dataCorrupted at the top level: the data is not valid JSON (the text is empty)"}})x",
-        R"(keyNotFound at \"notification\": no value for key \"notification\""}})"};
-    for (std::size_t i = 0; i < std::size(undecodable); ++i) {
-        const std::string expected = R"({"error":{"code":"INTERNAL","message":")" + messages[i];
-        EXPECT_EQ(call(undecodable[i].first, undecodable[i].second).substr(0, expected.size()),
-                  expected);
+    const std::tuple<const char*, const char*, std::string> undecodable[] = {
+        {"GetToken", "not json", R"(dataCorrupted at the top level: the data is not valid JSON ()"},
+        {"SetBadgeCount", "",
+         R"x(dataCorrupted at the top level: the data is not valid JSON (the text is empty)"}})x"},
+        {"NotifyDidReceiveResponse", R"({"actionIdentifier":"open"})",
+         R"(keyNotFound at \"notification\": no value for key \"notification\""}})"}};
+    for (const auto& [method, payload, message] : undecodable) {
+        const std::string expected = R"({"error":{"code":"INTERNAL","message":")" + message;
+        EXPECT_EQ(call(method, payload).substr(0, expected.size()), expected);
     }
-    EXPECT_EQ(center().badgeRequestCount(), 0u);
-    EXPECT_FALSE(center().lastAuthorizationOptions().has_value());
-    EXPECT_TRUE(takeEvents().empty());
-}
-
-TEST_F(ApnsServiceEndToEnd, GetTokenAlwaysFailsOnTheSimulator) {
     for (const char* payload : {"{}", "[]", "null", "\"x\"", R"({"token":"ab"})"}) {
         EXPECT_EQ(call("GetToken", payload),
                   R"({"error":{"code":"UNAVAILABLE","message":"APNs device tokens are not issued )"
@@ -148,6 +140,9 @@ TEST_F(ApnsServiceEndToEnd, GetTokenAlwaysFailsOnTheSimulator) {
             << payload;
     }
     EXPECT_EQ(platform::UIApplication::sharedApplication().registrationCount(), 0u);
+    EXPECT_EQ(center().badgeRequestCount(), 0u);
+    EXPECT_FALSE(center().lastAuthorizationOptions().has_value());
+    EXPECT_TRUE(takeEvents().empty());
 }
 
 TEST_F(ApnsServiceEndToEnd, ProviderEnvironmentComesFromTheProfile) {
@@ -170,7 +165,9 @@ TEST_F(ApnsServiceEndToEnd, ProviderEnvironmentComesFromTheProfile) {
     }
 }
 
-TEST_F(ApnsServiceEndToEnd, RegisteredTokenIsEmittedAsLowerCaseHex) {
+// A registered token is emitted as lower-case hex; a failed registration emits nothing and is
+// logged at debug level.
+TEST_F(ApnsServiceEndToEnd, TokensAreEmittedAndRegistrationFailuresLogged) {
     const std::pair<const char*, const char*> cases[] = {
         {"Chss", R"({"newToken":"0a1b2c"})"},
         {"AP8Q", R"({"newToken":"00ff10"})"},
@@ -182,9 +179,6 @@ TEST_F(ApnsServiceEndToEnd, RegisteredTokenIsEmittedAsLowerCaseHex) {
                   kSuccessEmpty);
         EXPECT_EQ(takeEvents(), (std::vector<Event>{{"APNSService.OnTokenRefreshed", payload}}));
     }
-}
-
-TEST_F(ApnsServiceEndToEnd, RegistrationFailureIsLoggedAtDebugLevel) {
     std::optional<platform::LogCapture> capture(std::in_place);
     EXPECT_EQ(call("NotifyDidFailToRegister", R"({"errorDescription":"no network"})"),
               kSuccessEmpty);
@@ -219,11 +213,10 @@ TEST_F(ApnsServiceEndToEnd, AuthorizationOptionsAndAnswers) {
     center().setAuthorizationAnswer(true, NSError{"UNErrorDomain", 1});
     EXPECT_EQ(call("RequestAuthorization", R"({"options":[1]})"),
               R"({"success":{"granted":false}})");
-    ASSERT_EQ(capture.records().size(), 1u);
-    EXPECT_EQ(capture.records()[0].level, LogLevel::debug);
-    EXPECT_EQ(capture.records()[0].message,
-              "requestAuthorization: notifications not allowed for this app; reporting granted = "
-              "false");
+    EXPECT_EQ(capture.records(),
+              (std::vector<LogRecord>{{LogLevel::debug, "com.nimborra.push.addon.apns", "apns",
+                                       "requestAuthorization: notifications not allowed for this "
+                                       "app; reporting granted = false"}}));
 
     center().setAuthorizationAnswer(true, NSError{"X", -42});
     EXPECT_EQ(call("RequestAuthorization", R"({"options":[]})"),
@@ -231,15 +224,14 @@ TEST_F(ApnsServiceEndToEnd, AuthorizationOptionsAndAnswers) {
               R"("externalCode":"X:-42"}})");
 }
 
-TEST_F(ApnsServiceEndToEnd, BadgeCountsReachThePlatformUnchanged) {
+// Badge counts reach the platform unchanged; the platform's authorization status is mapped to
+// the wire's, unknown ones to 0.
+TEST_F(ApnsServiceEndToEnd, BadgeCountsAndSettingsPassThroughThePlatform) {
     for (const int count : {0, -5, 2147483647}) {
         EXPECT_EQ(call("SetBadgeCount", "{\"count\":" + std::to_string(count) + "}"),
                   kSuccessEmpty);
         EXPECT_EQ(center().lastBadgeCount(), count);
     }
-}
-
-TEST_F(ApnsServiceEndToEnd, SettingsMapThePlatformStatus) {
     const std::pair<std::int64_t, int> cases[] = {{0, 1}, {1, 2}, {2, 3}, {3, 4},
                                                   {4, 5}, {5, 0}, {7, 0}, {-1, 0}};
     for (const auto& [platformStatus, wire] : cases) {
@@ -260,26 +252,21 @@ constexpr const char* kSortedNotification =
     R"("launchImageName":"","relevanceScore":0.5,"sound":"default","subtitle":"",)"
     R"("targetContentIdentifier":"","threadIdentifier":"t","title":"Hi","userInfoJson":"{\"k\":1}"})";
 
+const std::string kNotificationRequest = std::string(R"({"notification":)") + kNotification;
+
 TEST_F(ApnsServiceEndToEnd, PresentedAndOpenedEvents) {
-    EXPECT_EQ(call("NotifyWillPresentNotification",
-                   std::string(R"({"notification":)") + kNotification + "}"),
+    EXPECT_EQ(call("NotifyWillPresentNotification", kNotificationRequest + "}"),
               R"({"success":{"presentationOptions":[]}})");
-    EXPECT_EQ(call("NotifyDidReceiveResponse", std::string(R"({"notification":)") + kNotification +
-                                                   R"(,"actionIdentifier":"open"})"),
-              kSuccessEmpty);
-    EXPECT_EQ(call("NotifyDidReceiveResponse", std::string(R"({"notification":)") + kNotification +
-                                                   R"(,"actionIdentifier":""})"),
-              kSuccessEmpty);
-    EXPECT_EQ(
-        takeEvents(),
-        (std::vector<Event>{
-            {"APNSService.OnNotificationPresented", kSortedNotification},
-            {"APNSService.OnNotificationOpened",
-             std::string(R"({"actionIdentifier":"open","notification":)") + kSortedNotification +
-                 "}"},
-            {"APNSService.OnNotificationOpened",
-             std::string(R"({"actionIdentifier":"","notification":)") + kSortedNotification + "}"},
-        }));
+    std::vector<Event> expected{{"APNSService.OnNotificationPresented", kSortedNotification}};
+    for (const std::string action : {"open", ""}) {
+        EXPECT_EQ(call("NotifyDidReceiveResponse",
+                       kNotificationRequest + R"(,"actionIdentifier":")" + action + "\"}"),
+                  kSuccessEmpty);
+        expected.emplace_back("APNSService.OnNotificationOpened",
+                              R"({"actionIdentifier":")" + action + R"(","notification":)" +
+                                  kSortedNotification + "}");
+    }
+    EXPECT_EQ(takeEvents(), expected);
 }
 
 std::string coldStart(std::string_view userInfoJson) {
@@ -327,10 +314,9 @@ TEST_F(ApnsServiceEndToEnd, BlockedPlatformCallHoldsUpLaterCalls) {
     center().setBadgeError(NSError{"UNErrorDomain", 7});
     center().setAuthorizationAnswer(false, NSError{"UNErrorDomain", 3});
     center().setAuthorizationStatus(3);
-    std::vector<std::future<std::string>> replies;
-    replies.push_back(callAsync("SetBadgeCount", R"({"count":9})"));
-    replies.push_back(callAsync("GetToken", "{}"));
-    replies.push_back(callAsync("GetNotificationSettings", "{}"));
+    std::future<std::string> replies[] = {callAsync("SetBadgeCount", R"({"count":9})"),
+                                          callAsync("GetToken", "{}"),
+                                          callAsync("GetNotificationSettings", "{}")};
     // The badge request reaches the center; nothing is answered while it holds its answer.
     for (int i = 0; i < 3000 && center().heldAnswerCount() == 0; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -353,7 +339,6 @@ TEST_F(ApnsServiceEndToEnd, BlockedPlatformCallHoldsUpLaterCalls) {
 // many events the call emits.
 constexpr int kThreads = 8;
 constexpr int kCallsPerThread = 5000;
-const std::string kNotificationRequest = std::string(R"({"notification":)") + kNotification;
 const struct {
     const char* method;
     std::string payload;
@@ -508,7 +493,6 @@ namespace fs = std::filesystem;
 
 class ApnsEntitlementReaderTest : public ::testing::Test {
   protected:
-    void writeProfile(std::string_view bytes) { bundle_.writeProfile(bytes); }
     std::optional<std::string> read() { return ApnsEntitlementReader().readApsEnvironment(); }
 
     const testing::TemporaryBundle bundle_;
@@ -546,10 +530,10 @@ TEST_F(ApnsEntitlementReaderTest, ProfilesAnswerTheStoredTextOrNothing) {
         {"malformed XML", good.substr(0, good.size() - 20) + "</plist>"},
     };
     for (const auto& [name, bytes] : cases) {
-        writeProfile(bytes);
+        bundle_.writeProfile(bytes);
         EXPECT_EQ(read(), std::nullopt) << name;
     }
-    writeProfile("\x01\x02 prefix bytes " + good + " trailing bytes");
+    bundle_.writeProfile("\x01\x02 prefix bytes " + good + " trailing bytes");
     EXPECT_EQ(read(), "development");
 }
 
@@ -559,24 +543,21 @@ TEST_F(ApnsEntitlementReaderTest, LargerProfilesAnswerNothingAfterReadingAtMostT
     const std::string plist =
         plistWithEntitlements("<key>aps-environment</key><string>development</string>");
     const fs::path profile = directory_ / "embedded.mobileprovision";
-    const struct {
-        std::uintmax_t fileSize;  // the property list first, then zero bytes
-        std::optional<std::string> answer;
-        std::size_t bytesRead;
-    } cases[] = {
+    // The file's size (the property list first, then zero bytes), the answer and the bytes read.
+    const std::tuple<std::uintmax_t, std::optional<std::string>, std::size_t> cases[] = {
         {plist.size(), "development", plist.size()},
         {limit, "development", limit},
         {limit + 1, std::nullopt, limit + 1},
         {std::uintmax_t{512} << 20, std::nullopt, limit + 1},  // sparse: costs no disk
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.fileSize);
-        writeProfile(plist);
-        fs::resize_file(profile, c.fileSize);
-        EXPECT_EQ(read(), c.answer);
+    for (const auto& [fileSize, answer, bytesRead] : cases) {
+        SCOPED_TRACE(fileSize);
+        bundle_.writeProfile(plist);
+        fs::resize_file(profile, fileSize);
+        EXPECT_EQ(read(), answer);
         const auto bytes = platform::Bundle::contentsOfFile(profile, limit);
         ASSERT_TRUE(bytes.has_value());
-        EXPECT_EQ(bytes->size(), c.bytesRead);
+        EXPECT_EQ(bytes->size(), bytesRead);
     }
 }
 
@@ -597,7 +578,7 @@ TEST_F(ApnsEntitlementReaderTest, RealProfilesAnswerAsIndexed) {
         {"unsigned-leading-byte-odd-data.mobileprovision", "production"},
     };
     for (const auto& [file, answer] : expected) {
-        writeProfile(testing::readFile(corpora / "provisioning-profiles" / file));
+        bundle_.writeProfile(testing::readFile(corpora / "provisioning-profiles" / file));
         EXPECT_EQ(read(), answer) << file;
     }
 }

@@ -5,12 +5,12 @@
 #include <chrono>
 #include <cmath>
 #include <future>
-#include <limits>
 #include <numeric>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -145,9 +145,11 @@ TEST_F(ApnsServicePluginTest, RepliesForEveryKindOfResult) {
               ApnsOutcomeEnvelope::textFallback);
 }
 
-// A completion that throws is logged and the queue goes on; a plug-in that no shared_ptr owns
-// cannot submit work, and answers at once with the fixed fallback.
-TEST_F(ApnsServicePluginTest, ThrowingCompletionsAndUnownedPluginsStillAnswer) {
+// A completion that throws is logged and the queue goes on. A call the plug-in cannot run (no
+// shared_ptr owns the plug-in, or its queue refuses the work or is missing) is answered exactly
+// once, at once, with the fixed fall-back, and logged; a plug-in without an adapter answers with
+// an error and is never registered.
+TEST_F(ApnsServicePluginTest, ThrowingCompletionsAndRefusedWorkAreAnsweredOnce) {
     EXPECT_CALL(*adapter, getToken(_))
         .WillRepeatedly(Return(ApnsServiceGetTokenResult::success({"ab"})));
     platform::LogCapture capture;
@@ -161,12 +163,8 @@ TEST_F(ApnsServicePluginTest, ThrowingCompletionsAndUnownedPluginsStillAnswer) {
     EXPECT_EQ(reply, ApnsOutcomeEnvelope::serialisationFallback);
     EXPECT_EQ(capture.records().back().message,
               "ApnsService: could not prepare a call; answered with the fall-back");
-}
 
-// Every call is answered exactly once, also when the plug-in's queue cannot take it; a plug-in
-// without an adapter answers with an error and is never registered.
-TEST_F(ApnsServicePluginTest, RefusedWorkIsAnsweredOnce) {
-    platform::LogCapture capture;
+    capture.clear();
     for (auto queue : {platform::DispatchQueue::makeRefusingForTesting("test.refusing"),
                        std::shared_ptr<platform::DispatchQueue>()}) {
         plugin = std::make_shared<ApnsServicePlugin>(adapter, queue);
@@ -248,22 +246,20 @@ TEST_F(ApnsServicePluginTest, AnswersInEnqueueOrderOneAtATimeOnItsQueue) {
 // never answered, unless it had answered already.
 TEST(WaitForCompletionTest, OnlyTheFirstAnswerCountsAndAFailedStartIsNotWaitedFor) {
     std::thread answering;
-    EXPECT_EQ(waitForCompletion(0,
-                                [&](auto complete) {
-                                    answering = std::thread([complete] {
-                                        complete(1);
-                                        complete(2);
-                                    });
-                                }),
-              1);
+    const auto answerTwice = [&](auto complete) {
+        answering = std::thread([complete] {
+            complete(1);
+            complete(2);
+        });
+    };
+    EXPECT_EQ(waitForCompletion(0, answerTwice), 1);
     answering.join();
     EXPECT_EQ(waitForCompletion(7, [](auto) { throw std::runtime_error("no request"); }), 7);
-    EXPECT_EQ(waitForCompletion(7,
-                                [](auto complete) {
-                                    complete(8);
-                                    throw std::runtime_error("after the answer");
-                                }),
-              8);
+    const auto answerThenThrow = [](auto complete) {
+        complete(8);
+        throw std::runtime_error("after the answer");
+    };
+    EXPECT_EQ(waitForCompletion(7, answerThenThrow), 8);
 }
 
 using Event = std::pair<std::string, std::string>;
@@ -280,34 +276,30 @@ class RecordingEmitter : public ApnsEventEmitting {
 // subsystem and category; the sink never sees it.
 TEST(ApnsEventEmission, UnencodableEventsAreDroppedWithOneErrorLine) {
     ApnsNotification nan;
-    nan.relevanceScore = std::numeric_limits<double>::quiet_NaN();
+    nan.relevanceScore = std::nan("");
     ApnsNotification badTitle;
     badTitle.title = "\xc3";
-    const struct {
-        const char* name;
-        ApnsNotification notification;
-        std::optional<std::string> identifier;
-    } cases[] = {
+    const std::tuple<const char*, ApnsNotification, std::optional<std::string>> cases[] = {
         {apnsNotificationPresentedEventName, nan, std::nullopt},
         {apnsNotificationOpenedEventName, nan, "open"},
         {apnsNotificationPresentedEventName, badTitle, std::nullopt},
         {apnsNotificationOpenedEventName, {}, std::string("op\xffn")},
         {"OnTokenRefreshed", {}, std::nullopt},  // a token that is not UTF-8, below
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, notification, identifier] : cases) {
+        SCOPED_TRACE(name);
         platform::LogCapture capture;
         RecordingEmitter emitter;
-        if (c.name == std::string("OnTokenRefreshed")) {
+        if (name == std::string("OnTokenRefreshed")) {
             emitTokenRefreshed(emitter, "0a\xff");
         } else {
-            emitNotificationEvent(emitter, c.name, c.notification, c.identifier);
+            emitNotificationEvent(emitter, name, notification, identifier);
         }
         EXPECT_TRUE(emitter.events.empty());
         EXPECT_EQ(capture.records(),
                   (std::vector<platform::LogRecord>{
                       {platform::LogLevel::error, "com.nimborra.push.addon.apns", "apns",
-                       std::string(c.name) + " dropped: payload encoding failed"}}));
+                       std::string(name) + " dropped: payload encoding failed"}}));
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <future>
 #include <limits>
 #include <mutex>
@@ -11,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "NimbOrraCore/NimbError.h"
@@ -70,15 +70,10 @@ const std::string kSampleJSON =
     R"("bytes":"AP8Q","colours":[1,2,0],"inner":{"n":7},"inners":[{"n":1},{"n":2}]})";
 
 Sample sample() {
-    return Sample{"a/b",
-                  -3,
-                  9007199254740993,
-                  0.5,
-                  true,
-                  platform::Data{{0x00, 0xff, 0x10}},
-                  {Colour::red, Colour::green, Colour::unspecified},
-                  Inner{7},
-                  {Inner{1}, Inner{2}}};
+    const platform::Data bytes{{0x00, 0xff, 0x10}};
+    const std::vector colours{Colour::red, Colour::green, Colour::unspecified};
+    return Sample{"a/b",   -3,       9007199254740993,    0.5, true, bytes,
+                  colours, Inner{7}, {Inner{1}, Inner{2}}};
 }
 
 // Members are written in declaration order with the platform's JSON rules, and read back.
@@ -112,80 +107,71 @@ std::string replaced(std::string json, const std::string& from, const std::strin
 
 // Each failure names its kind, where it happened and what was found instead.
 TEST(OrraJSONCoding, DecodingFailuresReportKindPathAndWhatWasFound) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"{", "dataCorrupted at the top level: the data is not valid JSON ("},
-        {"[]", "typeMismatch at the top level: expected an object but found an array"},
-        {replaced(kSampleJSON, R"("small":-3,)", ""),
-         "keyNotFound at \"small\": no value for key \"small\""},
-        {replaced(kSampleJSON, "-3", "null"),
-         "valueNotFound at \"small\": expected an integer but found null"},
-        {replaced(kSampleJSON, "-3", "\"-3\""),
-         "typeMismatch at \"small\": expected an integer but found a string"},
-        {replaced(kSampleJSON, "-3", "true"),
-         "typeMismatch at \"small\": expected an integer but found a boolean"},
-        {replaced(kSampleJSON, "-3", "2147483648"),
+    // What replaces what in the sample's text, and the failure's description.
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {kSampleJSON, "{", "dataCorrupted at the top level: the data is not valid JSON ("},
+        {kSampleJSON, "[]", "typeMismatch at the top level: expected an object but found an array"},
+        {R"("small":-3,)", "", "keyNotFound at \"small\": no value for key \"small\""},
+        {"-3", "null", "valueNotFound at \"small\": expected an integer but found null"},
+        {"-3", "\"-3\"", "typeMismatch at \"small\": expected an integer but found a string"},
+        {"-3", "true", "typeMismatch at \"small\": expected an integer but found a boolean"},
+        {"-3", "2147483648",
          "dataCorrupted at \"small\": the number 2147483648 does not fit in a 32-bit integer"},
-        {replaced(kSampleJSON, "-3", "-2147483649"),
+        {"-3", "-2147483649",
          "dataCorrupted at \"small\": the number -2147483649 does not fit in a 32-bit integer"},
-        {replaced(kSampleJSON, "-3", "2147483648.0"),
+        {"-3", "2147483648.0",
          "dataCorrupted at \"small\": the number 2147483648 does not fit in a 32-bit integer"},
-        {replaced(kSampleJSON, "-3", "-2147483649.0"),
+        {"-3", "-2147483649.0",
          "dataCorrupted at \"small\": the number -2147483649 does not fit in a 32-bit integer"},
-        {replaced(kSampleJSON, "-3", "1.5"),
-         "dataCorrupted at \"small\": the number 1.5 is not an integer"},
-        {replaced(kSampleJSON, "9007199254740993", "9223372036854775808"),
+        {"-3", "1.5", "dataCorrupted at \"small\": the number 1.5 is not an integer"},
+        {"9007199254740993", "9223372036854775808",
          "dataCorrupted at \"big\": the number 9223372036854775808 does not fit in a 64-bit "
          "integer"},
-        {replaced(kSampleJSON, "9007199254740993", "1e19"),
+        {"9007199254740993", "1e19",
          "dataCorrupted at \"big\": the number 1e+19 does not fit in a 64-bit integer"},
-        {replaced(kSampleJSON, "9007199254740993", "-123456789012345678901234567890"),
+        {"9007199254740993", "-123456789012345678901234567890",
          "dataCorrupted at \"big\": the number -1.2345678901234568e+29 does not fit in a 64-bit "
          "integer"},
-        {replaced(kSampleJSON, "\"a\\/b\"", "[]"),
-         "typeMismatch at \"text\": expected a string but found an array"},
-        {replaced(kSampleJSON, "\"flag\":true", "\"flag\":1"),
+        {"\"a\\/b\"", "[]", "typeMismatch at \"text\": expected a string but found an array"},
+        {"\"flag\":true", "\"flag\":1",
          "typeMismatch at \"flag\": expected a boolean but found an integer"},
-        {replaced(kSampleJSON, "AP8Q", "AP8"),
-         "dataCorrupted at \"bytes\": the string is not valid base64"},
-        {replaced(kSampleJSON, "\"AP8Q\"", "7"),
+        {"AP8Q", "AP8", "dataCorrupted at \"bytes\": the string is not valid base64"},
+        {"\"AP8Q\"", "7",
          "typeMismatch at \"bytes\": expected a base64 string but found an integer"},
-        {replaced(kSampleJSON, "[1,2,0]", "{}"),
-         "typeMismatch at \"colours\": expected an array but found an object"},
-        {replaced(kSampleJSON, "[1,2,0]", "[1,\"2\"]"),
+        {"[1,2,0]", "{}", "typeMismatch at \"colours\": expected an array but found an object"},
+        {"[1,2,0]", "[1,\"2\"]",
          "typeMismatch at \"colours[1]\": expected an integer but found a string"},
-        {replaced(kSampleJSON, "{\"n\":2}", "{}"),
-         "keyNotFound at \"inners[1].n\": no value for key \"n\""},
+        {"{\"n\":2}", "{}", "keyNotFound at \"inners[1].n\": no value for key \"n\""},
     };
-    for (const auto& [json, description] : cases) {
+    for (const auto& [from, to, description] : cases) {
+        const std::string json = replaced(kSampleJSON, from, to);
         auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(json);
         ASSERT_FALSE(decoded.ok()) << json;
         EXPECT_EQ(decoded.error().description().substr(0, description.size()), description);
     }
 }
 
+// Integers may be written as integral reals, up to the ends of their range; a number beyond 64
+// bits reads as the nearest double; an enumeration number that names no case reads as unspecified.
 TEST(OrraJSONCoding, IntegerReadsAcceptIntegralRealsAndEnumsFallBackToUnspecified) {
-    auto decoded = OrraJSONCoding::makeDecoder().decode<Sample>(
-        replaced(replaced(replaced(kSampleJSON, "-3", "1e2"), "[1,2,0]", "[3.0,-1,99,2]"), "0.5",
-                 "18446744073709551615"));
-    // A number beyond 64 bits reads as the nearest double.
-    const auto beyond = OrraJSONCoding::makeDecoder().decode<Sample>(
-        replaced(kSampleJSON, "0.5", "123456789012345678901234567890"));
-    ASSERT_TRUE(beyond.ok()) << beyond.error().description();
-    EXPECT_EQ(beyond.value().real, 123456789012345678901234567890.0);
-    // The ends of the 32-bit range fit, written as integers or as integral reals.
+    const auto decode = [](const std::string& from, const std::string& to) {
+        auto decoded =
+            OrraJSONCoding::makeDecoder().decode<Sample>(replaced(kSampleJSON, from, to));
+        EXPECT_TRUE(decoded.ok()) << to << ": " << decoded.error().description();
+        return decoded.ok() ? decoded.value() : Sample{};
+    };
+    EXPECT_EQ(decode("-3", "1e2").small, 100);
+    EXPECT_EQ(decode("0.5", "18446744073709551615").real, 18446744073709551615.0);
+    EXPECT_EQ(decode("0.5", "123456789012345678901234567890").real,
+              123456789012345678901234567890.0);
+    EXPECT_EQ(decode("[1,2,0]", "[3.0,-1,99,2]").colours,
+              (std::vector{Colour::unspecified, Colour::unspecified, Colour::unspecified,
+                           Colour::green}));
     for (const auto& [text, expected] :
          {std::pair{"2147483647", 2147483647}, std::pair{"-2147483648", -2147483647 - 1},
           std::pair{"2147483647.0", 2147483647}, std::pair{"-2.147483648e9", -2147483647 - 1}}) {
-        const auto end = OrraJSONCoding::makeDecoder().decode<Sample>(
-            replaced(kSampleJSON, "\"small\":-3", std::string("\"small\":") + text));
-        ASSERT_TRUE(end.ok()) << text << ": " << end.error().description();
-        EXPECT_EQ(end.value().small, expected) << text;
+        EXPECT_EQ(decode("\"small\":-3", std::string("\"small\":") + text).small, expected) << text;
     }
-    ASSERT_TRUE(decoded.ok()) << decoded.error().description();
-    EXPECT_EQ(decoded.value().small, 100);
-    EXPECT_EQ(decoded.value().real, 18446744073709551615.0);
-    EXPECT_EQ(decoded.value().colours, (std::vector{Colour::unspecified, Colour::unspecified,
-                                                    Colour::unspecified, Colour::green}));
 }
 
 TEST(NimbError, JSONObjectHasCodeMessageThenPresentFieldsInOrder) {
@@ -360,8 +346,7 @@ TEST(OrraBridgeDispatcherTest, NewEventsWaitForAllOfTheirEmittersKeptEvents) {
 TEST(OrraBridgeDispatcherTest, ListenersMayReenterTheDispatcher) {
     OrraBridgeDispatcher dispatcher;
     Names calls;
-    OrraBridgeDispatcher::SubscriptionId a = 0;
-    OrraBridgeDispatcher::SubscriptionId c = 0;
+    OrraBridgeDispatcher::SubscriptionId a = 0, c = 0;
     a = dispatcher.subscribe([&](const std::string& name, const std::string&) {
         calls.push_back("A:" + name);
         if (name == "ping") {
@@ -403,15 +388,13 @@ TEST(OrraBridgeDispatcherTest, ConcurrentEmittersLoseNothingAndKeepTheirOwnOrder
     constexpr int eventsEach = 500;
     // Each emitter delivers its own events, so listeners are called from several threads.
     std::mutex mutex;
-    Names first;
-    Names second;
-    for (Names* into : {&first, &second}) {
-        dispatcher.subscribe([&mutex, into](const std::string& name, const std::string&) {
+    Names received[2];
+    for (Names& into : received) {
+        dispatcher.subscribe([&mutex, &into](const std::string& name, const std::string&) {
             std::lock_guard lock(mutex);
-            into->push_back(name);
+            into.push_back(name);
         });
     }
-
     std::vector<std::thread> threads;
     for (int t = 0; t < emitters; ++t) {
         threads.emplace_back([&, t] {
@@ -425,10 +408,10 @@ TEST(OrraBridgeDispatcherTest, ConcurrentEmittersLoseNothingAndKeepTheirOwnOrder
     }
 
     // Every emitEvent has returned, so every event has been delivered.
-    for (const Names* received : {&first, &second}) {
-        ASSERT_EQ(received->size(), std::size_t{emitters * eventsEach});
+    for (const Names& names : received) {
+        ASSERT_EQ(names.size(), std::size_t{emitters * eventsEach});
         std::vector<int> next(emitters, 0);
-        for (const std::string& name : *received) {
+        for (const std::string& name : names) {
             const int t = std::stoi(name);
             EXPECT_EQ(name, std::to_string(t) + ":" + std::to_string(next[t]++));
         }
@@ -442,8 +425,7 @@ TEST(DispatcherFairness, EveryEventIsDeliveredByItsEmitterBeforeEmitReturns) {
     const auto mainThread = std::this_thread::get_id();
     std::mutex mutex;
     std::vector<std::pair<std::string, bool>> seen;  // name, seen on the main thread
-    std::binary_semaphore held{0};
-    std::binary_semaphore release{0};
+    std::binary_semaphore held{0}, release{0};
     dispatcher.subscribe([&](const std::string& name, const std::string&) {
         {
             std::lock_guard lock(mutex);

@@ -105,13 +105,11 @@ TEST(OutOfMemory, EveryEventIsDeliveredOnceOrReportedLost) {
         bool failed = true;
         for (std::size_t nth = 1; failed; ++nth) {
             OrraBridgeDispatcher dispatcher;
-            std::atomic<int> delivered{0};
-            std::atomic<int> later{0};
+            std::atomic<int> delivered{0}, later{0};
             const OrraEventListener listener = [&](const std::string& name, const std::string&) {
                 (name == "E" ? delivered : later) += 1;
             };
-            OrraEventListener first = listener;
-            OrraEventListener second = listener;
+            OrraEventListener first = listener, second = listener;
             platform::LogCapture capture;
             const auto emit = [&] { dispatcher.emitEvent("E", "{}"); };
             const auto subscribe = [&] { dispatcher.subscribe(std::move(first)); };

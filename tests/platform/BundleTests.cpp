@@ -8,21 +8,21 @@
 #include <string>
 #include <utility>
 
+#include "support/TestSupport.h"
+
 namespace nimborra::platform {
 namespace {
 
 // A resource is a file directly in the resource directory: a name that reaches into a
 // subdirectory or out of the directory names nothing, even where such a file exists.
 TEST(Bundle, FindsResourcesOnlyDirectlyInItsDirectory) {
-    const auto directory = std::filesystem::temp_directory_path() /
-                           ("nimborra-bundle-test-" + std::to_string(::getpid()));
+    const testing::TemporaryBundle temporary;
+    const auto& directory = temporary.directory();
     std::filesystem::create_directories(directory / "sub");
     std::ofstream(directory / "top.txt") << "x";
     std::ofstream(directory / "sub" / "inner.txt") << "x";
     std::ofstream(directory / "plain") << "x";
     auto& bundle = Bundle::mainBundle();
-    const auto saved = bundle.resourceDirectory();
-    bundle.setResourceDirectory(directory);
 
     EXPECT_EQ(bundle.urlForResource("top", "txt"), directory / "top.txt");
     EXPECT_EQ(bundle.urlForResource("plain", ""), directory / "plain");
@@ -36,16 +36,13 @@ TEST(Bundle, FindsResourcesOnlyDirectlyInItsDirectory) {
                                           {"missing", "txt"}}) {
         EXPECT_EQ(bundle.urlForResource(name, extension), std::nullopt) << name << "." << extension;
     }
-
-    bundle.setResourceDirectory(saved);
-    std::filesystem::remove_all(directory);
 }
 
 // A program started with its standard input closed gets descriptor 0 for the next file it opens;
 // that file is read like any other.
 TEST(Bundle, ReadsAFileOpenedAsDescriptorZero) {
-    const auto path = std::filesystem::temp_directory_path() /
-                      ("nimborra-fd0-test-" + std::to_string(::getpid()));
+    const testing::TemporaryBundle temporary;
+    const auto path = temporary.directory() / "zero";
     std::ofstream(path) << "zero";
     const int input = ::dup(STDIN_FILENO);
     ASSERT_GE(input, 0);
@@ -53,7 +50,6 @@ TEST(Bundle, ReadsAFileOpenedAsDescriptorZero) {
     const auto bytes = Bundle::contentsOfFile(path);
     ::dup2(input, STDIN_FILENO);
     ::close(input);
-    std::filesystem::remove(path);
     EXPECT_EQ(bytes, (std::vector<std::uint8_t>{'z', 'e', 'r', 'o'}));
 }
 

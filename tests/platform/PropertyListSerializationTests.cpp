@@ -49,26 +49,22 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
     // Numbers are read in the C locale, and the thread gets its own locale back.
     const locale_t locale = uselocale(nullptr);
     using int64 = std::numeric_limits<std::int64_t>;
+    const auto minusInfinity = Value(-std::numeric_limits<double>::infinity());
+    // clang-format off
     const std::pair<std::string, Value> cases[] = {
         {"<string>a &amp; b &lt;c&gt; &#65;&#x1F600;</string>",
          Value("a & b <c> A\xF0\x9F\x98\x80")},
-        {"<string><![CDATA[</array>]]></string>", Value("</array>")},
-        {"<true/>", Value(true)},
+        {"<string><![CDATA[</array>]]></string>", Value("</array>")}, {"<true/>", Value(true)},
         // Any XML white space around a number and before the closing tag's end.
-        {"<integer> \t+7\r\n</integer\t>", Value(7)},
-        {"<integer>010</integer>", Value(10)},
-        {"<integer>0x1F</integer>", Value(31)},
-        {"<integer>0X1f</integer>", Value(31)},
-        {"<integer>0x1</integer>", Value(1)},
-        {"<integer>-0x10</integer>", Value(-16)},
+        {"<integer> \t+7\r\n</integer\t>", Value(7)}, {"<integer>010</integer>", Value(10)},
+        {"<integer>0x1F</integer>", Value(31)}, {"<integer>0X1f</integer>", Value(31)},
+        {"<integer>0x1</integer>", Value(1)}, {"<integer>-0x10</integer>", Value(-16)},
         {"<integer>9223372036854775807</integer>", Value(int64::max())},
         {"<integer>-9223372036854775808</integer>", Value(int64::min())},
         {"<integer>9223372036854775808</integer>", Value(std::uint64_t{1} << 63)},
         {"<integer>18446744073709551615</integer>", Value(~std::uint64_t{0})},
-        {"<real>1.5</real>", Value(1.5)},
-        {"<real>1e3</real>", Value(1000.0)},
-        {"<real>0.1</real>", Value(0.1)},
-        {"<real>-inf</real>", Value(-std::numeric_limits<double>::infinity())},
+        {"<real>1.5</real>", Value(1.5)}, {"<real>1e3</real>", Value(1000.0)},
+        {"<real>0.1</real>", Value(0.1)}, {"<real>-inf</real>", minusInfinity},
         {"<date>2001-01-01T00:00:00Z</date>", Value(Date{978307200})},
         {"<date>2001-1-2T3:4:5Z</date>", Value(Date{978404645})},  // one-digit fields
         {"<date>1900-01-01T00:00:00Z</date>", Value(Date{-2208988800})},
@@ -79,15 +75,14 @@ TEST(PropertyListSerializationTest, ReadsScalarsAsThePlatformDoes) {
         // The last moment of a year, leap second included, inside and outside libplist's window.
         {"<date>2001-12-31T23:59:60Z</date>", Value(Date{1009843200})},
         {"<date>2100-12-31T23:59:60Z</date>", Value(Date{4133980800})},
+        {"<date>\n 2001-01-01T00:00:00Z </date>", Value(Date{978307200})},
         {"<data>AAECAw==</data>", Value(bytes({0, 1, 2, 3}))},
         {"<data>+/8=</data>", Value(bytes({0xfb, 0xff}))},
         {"<data>0123456789+/</data>", Value(bytes({211, 93, 183, 227, 158, 187, 243, 223, 191}))},
-        {"<date>\n 2001-01-01T00:00:00Z </date>", Value(Date{978307200})},
         {"<data>\n\tAA!E@C\n\tAwQF\n</data>", Value(bytes({0, 1, 2, 3, 4, 5}))},
         {"<data>AAECA</data>", Value(bytes({0, 1, 2}))},  // an incomplete group is ignored
-        {"<data></data>", Value(Data{})},
-        {"<data/>", Value(Data{})},
-    };
+        {"<data></data>", Value(Data{})}, {"<data/>", Value(Data{})}};
+    // clang-format on
     for (const auto& [body, expected] : cases) {
         const auto value = parse(plist(body));
         ASSERT_TRUE(value.has_value()) << body;
@@ -141,32 +136,20 @@ const std::string binaryPlist(
     50);
 
 TEST(PropertyListSerializationTest, MalformedInputYieldsNothing) {
-    const std::string bodies[] = {"<array><array></array>",
-                                  "<array></dict>",
-                                  "<dict><string>x</string></dict>",
-                                  "<array><foo/></array>",
-                                  "<string>&bogus;</string>",
-                                  "<array/><!-- ",
-                                  "<string>\xFF\xFE</string>",
-                                  "<dict><key>\xC0\xAF</key><true/></dict>",
-                                  "<integer>12abc</integer>",
-                                  "<integer>0x</integer>",
-                                  "<integer/>",
-                                  "<integer>18446744073709551616</integer>",
-                                  "<integer>-9223372036854775809</integer>",
-                                  "<integer>1<!-- x -->2</integer>",
-                                  "<real>1.5x</real>",
-                                  "<real> </real>",
-                                  "<date>12001-01-01T00:00:00Z</date>",
-                                  "<date>2001-00-01T00:00:00Z</date>",
-                                  "<date>2001-001-01T00:00:00Z</date>",
-                                  "<date>2001-13-01T00:00:00Z</date>",
-                                  "<date>2001-01-00T00:00:00Z</date>",
-                                  "<date>2001-01-32T00:00:00Z</date>",
-                                  "<date>2001-01-01T24:00:00Z</date>",
-                                  "<date>2001-01-01T00:60:00Z</date>",
-                                  "<date>2001-01-01T00:00:61Z</date>",
-                                  "<date>2001-01-01T00:00:00</date>"};
+    // clang-format off
+    const std::string bodies[] = {
+        "<array><array></array>", "<array></dict>", "<dict><string>x</string></dict>",
+        "<array><foo/></array>", "<string>&bogus;</string>", "<array/><!-- ",
+        "<string>\xFF\xFE</string>", "<dict><key>\xC0\xAF</key><true/></dict>",
+        "<integer>12abc</integer>", "<integer>0x</integer>", "<integer/>",
+        "<integer>18446744073709551616</integer>", "<integer>-9223372036854775809</integer>",
+        "<integer>1<!-- x -->2</integer>", "<real>1.5x</real>", "<real> </real>",
+        "<date>12001-01-01T00:00:00Z</date>", "<date>2001-00-01T00:00:00Z</date>",
+        "<date>2001-001-01T00:00:00Z</date>", "<date>2001-13-01T00:00:00Z</date>",
+        "<date>2001-01-00T00:00:00Z</date>", "<date>2001-01-32T00:00:00Z</date>",
+        "<date>2001-01-01T24:00:00Z</date>", "<date>2001-01-01T00:60:00Z</date>",
+        "<date>2001-01-01T00:00:61Z</date>", "<date>2001-01-01T00:00:00</date>"};
+    // clang-format on
     for (const std::string& body : bodies) {
         EXPECT_FALSE(parse(plist(body)).has_value()) << body;
     }

@@ -23,36 +23,33 @@ TEST(ApplicationStateNames, RoundTripAndNothingElse) {
 }
 
 // Only the four documented names set the interruption level; anything else, the empty text
-// included, leaves the default (active).
-TEST(RemoteNotificationContent, InterruptionLevelsByNameOnly) {
-    const std::pair<Value, std::int64_t> cases[] = {
+// included, leaves the default (active). The sound is its name: a text, or a critical sound's
+// "name"; anything else is no sound.
+TEST(RemoteNotificationContent, InterruptionLevelsByNameOnlyAndSoundsByTheirName) {
+    const auto content = [](const char* key, const Value& value) {
+        return remoteNotificationContent(
+            Dictionary{{"aps", Value(Dictionary{{"alert", Value("hi")}, {key, value}})}});
+    };
+    const std::pair<Value, std::int64_t> levels[] = {
         {Value("passive"), UNNotificationInterruptionLevelPassive},
         {Value("critical"), UNNotificationInterruptionLevelCritical},
         {Value(""), UNNotificationInterruptionLevelActive},
         {Value("Passive"), UNNotificationInterruptionLevelActive},
         {Value(0), UNNotificationInterruptionLevelActive},
     };
-    for (const auto& [level, expected] : cases) {
-        const Dictionary payload{
-            {"aps", Value(Dictionary{{"alert", Value("hi")}, {"interruption-level", level}})}};
-        EXPECT_EQ(remoteNotificationContent(payload).interruptionLevel, expected)
+    for (const auto& [level, expected] : levels) {
+        EXPECT_EQ(content("interruption-level", level).interruptionLevel, expected)
             << (level.text() ? *level.text() : "a number");
     }
-}
-
-// The sound is its name: a text, or a critical sound's "name"; anything else is no sound.
-TEST(RemoteNotificationContent, SoundIsTheTextOrTheCriticalSoundsName) {
-    const std::pair<Value, std::optional<std::string>> cases[] = {
+    const std::pair<Value, std::optional<std::string>> sounds[] = {
         {Value("ping.caf"), "ping.caf"},
         {Value(Dictionary{{"critical", 1}, {"name", "siren.caf"}, {"volume", 0.5}}), "siren.caf"},
         {Value(Dictionary{{"critical", 1}, {"volume", 0.5}}), std::nullopt},
         {Value(Dictionary{{"name", 7}}), std::nullopt},
         {Value(true), std::nullopt},
     };
-    for (const auto& [sound, expected] : cases) {
-        const Dictionary payload{
-            {"aps", Value(Dictionary{{"alert", Value("hi")}, {"sound", sound}})}};
-        EXPECT_EQ(remoteNotificationContent(payload).sound, expected) << expected.value_or("none");
+    for (const auto& [sound, expected] : sounds) {
+        EXPECT_EQ(content("sound", sound).sound, expected) << expected.value_or("none");
     }
 }
 
@@ -60,8 +57,7 @@ TEST(RemoteNotificationContent, SoundIsTheTextOrTheCriticalSoundsName) {
 // content-available alone, or keys outside aps, show nothing.
 TEST(RemoteNotificationContent, VisibleByAlertBadgeOrSound) {
     for (const char* key : {"alert", "badge", "sound"}) {
-        EXPECT_TRUE(isVisibleRemoteNotification(Dictionary{{"aps", Dictionary{{key, 1}}}}))
-            << key;
+        EXPECT_TRUE(isVisibleRemoteNotification(Dictionary{{"aps", Dictionary{{key, 1}}}})) << key;
         EXPECT_FALSE(isVisibleRemoteNotification(
             Dictionary{{key, 1}, {"aps", Dictionary{{"content-available", 1}}}}))
             << key;

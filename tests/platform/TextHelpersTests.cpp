@@ -55,20 +55,15 @@ TEST(Logger, TheDefaultSinkWritesALinePerRecordAtOrAboveTheLevel) {
 }
 
 TEST(Uuid, RecognisesTheTextFormAndMakesVersionFourInLowerCase) {
-    const struct {
-        const char* text;
-        bool uuid;
-    } rows[] = {
-        {"123e4567-e89b-12d3-a456-426614174000", true},
-        {"8F1B5B6C-6d4a-4F6B-9B1E-2C3D4E5F6A7B", true},
-        {"123e4567e89b12d3a456426614174000", false},
-        {"123e4567-e89b-12d3-a456-42661417400", false},
-        {"123e4567-e89b-12d3-a456-4266141740000", false},
-        {"123e4567-e89b-12d3-a456_426614174000", false},
-        {"g23e4567-e89b-12d3-a456-426614174000", false},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(isUuidText(row.text), row.uuid) << row.text;
+    for (const char* text :
+         {"123e4567-e89b-12d3-a456-426614174000", "8F1B5B6C-6d4a-4F6B-9B1E-2C3D4E5F6A7B"}) {
+        EXPECT_TRUE(isUuidText(text)) << text;
+    }
+    for (const char* text :
+         {"123e4567e89b12d3a456426614174000", "123e4567-e89b-12d3-a456-42661417400",
+          "123e4567-e89b-12d3-a456-4266141740000", "123e4567-e89b-12d3-a456_426614174000",
+          "g23e4567-e89b-12d3-a456-426614174000"}) {
+        EXPECT_FALSE(isUuidText(text)) << text;
     }
     std::set<std::string> made;
     for (int i = 0; i < 100; ++i) {
@@ -82,15 +77,37 @@ TEST(Uuid, RecognisesTheTextFormAndMakesVersionFourInLowerCase) {
     EXPECT_EQ(made.size(), 100u);
 }
 
-TEST(Base64URL, RoundTripsAndDecodesOnlyTheCanonicalUnpaddedText) {
-    for (const std::string text : {"", "f", "fo", "foo", "foob", "\xfb\xff\xfe"}) {
-        const auto encoded = base64URLEncodedString(bytes(text));
-        EXPECT_EQ(encoded.find_first_of("+/="), std::string::npos) << encoded;
-        EXPECT_EQ(base64URLDecodedData(encoded), bytes(text)) << encoded;
+// Every length of the last group (none, one and two bytes left over) and every byte value go
+// there and back, in both alphabets; the URL one has no padding. Padding, or a character outside
+// the alphabet, in any group but the last is refused; the URL form decodes only its canonical
+// text: "Zh" leaves unused bits set where "Zg" does not, and a lone character is never whole bytes.
+TEST(Base64, RoundTripsAndDecodesOnlyTheCanonicalText) {
+    using namespace std::string_literals;
+    // clang-format off
+    const std::pair<std::string, const char*> cases[] = {
+        {"", ""}, {"\xfb", "+w=="}, {"\xfb\xff", "+/8="}, {"\xfb\xff\xbf", "+/+/"},
+        {"\0\x10\x83\x10"s, "ABCDEA=="}};
+    // clang-format on
+    for (const auto& [text, encoded] : cases) {
+        EXPECT_EQ(base64EncodedString(bytes(text)), encoded);
+        EXPECT_EQ(base64DecodedData(encoded), bytes(text)) << encoded;
+        const auto url = base64URLEncodedString(bytes(text));
+        EXPECT_EQ(url.find_first_of("+/="), std::string::npos) << url;
+        EXPECT_EQ(base64URLDecodedData(url), bytes(text)) << url;
     }
+    std::vector<std::uint8_t> all(256);
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        all[i] = static_cast<std::uint8_t>(i);
+    }
+    EXPECT_EQ(base64DecodedData(base64EncodedString(all)), all);
+    EXPECT_EQ(base64URLDecodedData(base64URLEncodedString(all)), all);
+    EXPECT_EQ(base64DecodedData("AAAAAAAA"), std::vector<std::uint8_t>(6, 0));
     EXPECT_EQ(base64URLEncodedString(bytes("\xfb\xff\xfe")), "-__-");
     EXPECT_EQ(base64EncodedString(bytes("\xfb\xff\xfe")), "+//+");
-    // "Zh" leaves unused bits set where "Zg" does not; a lone character is never whole bytes.
+    for (const std::string& bad : {"+w="s, "AB*DABCD"s, "ABC=ABCD"s, "AB==ABCD"s, "ABCDAB.D"s,
+                                   "ABCD=BCD"s, "AB\0DABCD"s, "ABCDAB\0D"s}) {
+        EXPECT_EQ(base64DecodedData(bad), std::nullopt) << bad;
+    }
     for (const char* bad : {"Zh", "Z", "Zg==", "+//+", "Zg A", "Zm9v\n"}) {
         EXPECT_FALSE(base64URLDecodedData(bad)) << bad;
     }
@@ -105,33 +122,21 @@ TEST(Text, ComparesAsciiCaseOnlyAndRepairsUtf8) {
     EXPECT_TRUE(startsWithIgnoringASCIICase("BEARER abc", "bearer "));
     EXPECT_FALSE(startsWithIgnoringASCIICase("bear", "bearer"));
 
-    const struct {
-        std::string text;
-        std::size_t length;
-    } sequences[] = {
-        {"a", 1},
-        {"\xc3\xa9", 2},
-        {"\xe2\x82\xac", 3},
-        // The first and last code point of each length, and the lead bytes around them.
-        {"\xc2\x80", 2},          // U+0080
-        {"\xdf\xbf", 2},          // U+07FF
-        {"\xe0\xa0\x80", 3},      // U+0800
-        {"\xef\xbf\xbf", 3},      // U+FFFF
-        {"\xf0\x90\x80\x80", 4},  // U+10000
-        {"\xf0\x9f\x98\x80", 4},  // U+1F600
-        {"\xf4\x8f\xbf\xbf", 4},  // U+10FFFF
-        {"\xf0\x8f\xbf\xbf", 0},  // overlong U+FFFF
-        {"\xf5\x80\x80\x80", 0},  // no code point starts so
-        {"\xc0\xaf", 0},          // overlong "/"
-        {"\xe0\x80\xaf", 0},      // overlong
-        {"\xed\xa0\x80", 0},      // a surrogate
-        {"\xf4\x90\x80\x80", 0},  // past U+10FFFF
-        {"\xe2\x82", 0},          // cut short
-        {"\x80", 0},
-        {"", 0},
-    };
-    for (const auto& row : sequences) {
-        EXPECT_EQ(utf8SequenceLength(row.text), row.length) << row.text;
+    // clang-format off
+    const std::pair<std::string, std::size_t> sequences[] = {
+        {"a", 1}, {"\xc3\xa9", 2}, {"\xe2\x82\xac", 3},
+        // The first and last code point of each length: U+0080, U+07FF, U+0800, U+FFFF, U+10000,
+        // U+1F600, U+10FFFF.
+        {"\xc2\x80", 2}, {"\xdf\xbf", 2}, {"\xe0\xa0\x80", 3}, {"\xef\xbf\xbf", 3},
+        {"\xf0\x90\x80\x80", 4}, {"\xf0\x9f\x98\x80", 4}, {"\xf4\x8f\xbf\xbf", 4},
+        // The lead bytes around them: overlong U+FFFF, a byte no code point starts with,
+        // overlong "/", another overlong form, a surrogate, past U+10FFFF; then a sequence cut
+        // short, a lone continuation byte and nothing.
+        {"\xf0\x8f\xbf\xbf", 0}, {"\xf5\x80\x80\x80", 0}, {"\xc0\xaf", 0}, {"\xe0\x80\xaf", 0},
+        {"\xed\xa0\x80", 0}, {"\xf4\x90\x80\x80", 0}, {"\xe2\x82", 0}, {"\x80", 0}, {"", 0}};
+    // clang-format on
+    for (const auto& [text, length] : sequences) {
+        EXPECT_EQ(utf8SequenceLength(text), length) << text;
     }
     // Short texts are settled by a quick look for bytes above 0x7F: one anywhere in them sends
     // the text to the full check.

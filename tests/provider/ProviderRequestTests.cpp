@@ -3,6 +3,7 @@
 #include <limits>
 #include <span>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "NimbOrraPlatform/Base64.h"
@@ -68,12 +69,8 @@ TEST(ProviderToken, ChecksHeaderClaimsAndSignature) {
     std::string flipped = good;
     flipped[dot + 5] = flipped[dot + 5] == 'A' ? 'B' : 'A';
     const auto other = makeProviderToken(AuthKey::generate(), kKeyId, kTeam, kNow).value();
-    struct Case {
-        const char* label;
-        std::string token;
-        bool validWithoutKey;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, std::string, bool> cases[] = {
+        // label, token, valid without key
         {"tampered signature", flipped, true},
         {"another key's signature", other, true},
         {"wrong kid", token(kNow, "OTHERKEY00"), true},
@@ -93,55 +90,51 @@ TEST(ProviderToken, ChecksHeaderClaimsAndSignature) {
     const auto wrongKey = verifier()->check(token(kNow, "OTHERKEY00")).detail;
     EXPECT_NE(wrongKey.find("\"OTHERKEY00\""), std::string::npos) << wrongKey;
     EXPECT_NE(wrongKey.find("\"" + kKeyId + "\""), std::string::npos) << wrongKey;
-    for (const auto& c : cases) {
-        EXPECT_EQ(verifier()->check(c.token).outcome, ProviderTokenCheck::Outcome::invalid)
-            << c.label;
-        EXPECT_EQ(verifier(false)->check(c.token).outcome == ProviderTokenCheck::Outcome::valid,
-                  c.validWithoutKey)
-            << c.label;
+    for (const auto& [label, jwt, validWithoutKey] : cases) {
+        EXPECT_EQ(verifier()->check(jwt).outcome, ProviderTokenCheck::Outcome::invalid) << label;
+        EXPECT_EQ(verifier(false)->check(jwt).outcome == ProviderTokenCheck::Outcome::valid,
+                  validWithoutKey)
+            << label;
     }
 }
 
 // One connection's token over time: verified once, stale after 3600 s, replaced at most every
 // 20 minutes; a refused replacement is not verified again.
 TEST(ProviderTokenSession, FollowsTheConnectionRules) {
-    struct Step {
-        std::optional<std::string> authorization;
-        std::int64_t at;
-        std::string_view reason;  // empty: allowed
-        std::size_t verified;
-    };
     const std::string first = "bearer " + token(kNow);
     const std::string second = "BEARER " + token(kNow + 600);
-    const Step steps[] = {
-        {std::nullopt, kNow, "MissingProviderToken", 0},
-        {"Basic abc", kNow, "MissingProviderToken", 0},
-        {"bearer " + token(kNow + 301), kNow, "InvalidProviderToken", 1},
-        {"bearer " + token(kNow - 3601), kNow, "ExpiredProviderToken", 2},
-        // The extremes of 64 bits, where a subtraction would overflow.
-        {"bearer " + token(std::numeric_limits<std::int64_t>::min()), kNow, "ExpiredProviderToken",
-         3},
-        {"bearer " + token(std::numeric_limits<std::int64_t>::max()), kNow, "InvalidProviderToken",
-         4},
-        {first, kNow, "", 5},
-        {first, kNow + 3600, "", 5},
-        {second, kNow + 600, "TooManyProviderTokenUpdates", 6},
-        {second, kNow + 1199, "TooManyProviderTokenUpdates", 6},
-        {first, kNow + 1199, "", 6},
-        {"bearer x.y.z", kNow + 1199, "InvalidProviderToken", 7},
-        {second, kNow + 1200, "", 7},
-        {second, kNow + 600 + 3600, "", 7},
-        {second, kNow + 600 + 3601, "ExpiredProviderToken", 7},
-    };
+    // The authorization header, the time, the refusal's reason (empty: allowed) and how many
+    // tokens the session has verified since it began.
+    const std::tuple<std::optional<std::string>, std::int64_t, std::string_view, std::size_t>
+        steps[] = {
+            {std::nullopt, kNow, "MissingProviderToken", 0},
+            {"Basic abc", kNow, "MissingProviderToken", 0},
+            {"bearer " + token(kNow + 301), kNow, "InvalidProviderToken", 1},
+            {"bearer " + token(kNow - 3601), kNow, "ExpiredProviderToken", 2},
+            // The extremes of 64 bits, where a subtraction would overflow.
+            {"bearer " + token(std::numeric_limits<std::int64_t>::min()), kNow,
+             "ExpiredProviderToken", 3},
+            {"bearer " + token(std::numeric_limits<std::int64_t>::max()), kNow,
+             "InvalidProviderToken", 4},
+            {first, kNow, "", 5},
+            {first, kNow + 3600, "", 5},
+            {second, kNow + 600, "TooManyProviderTokenUpdates", 6},
+            {second, kNow + 1199, "TooManyProviderTokenUpdates", 6},
+            {first, kNow + 1199, "", 6},
+            {"bearer x.y.z", kNow + 1199, "InvalidProviderToken", 7},
+            {second, kNow + 1200, "", 7},
+            {second, kNow + 600 + 3600, "", 7},
+            {second, kNow + 600 + 3601, "ExpiredProviderToken", 7},
+        };
     ProviderTokenSession session(verifier());
     for (std::size_t i = 0; i < std::size(steps); ++i) {
-        const auto& step = steps[i];
-        const auto refusal = session.authorize(step.authorization, step.at);
-        EXPECT_EQ(refusal ? refusal->reason : "", step.reason) << "step " << i;
+        const auto& [authorization, at, reason, verified] = steps[i];
+        const auto refusal = session.authorize(authorization, at);
+        EXPECT_EQ(refusal ? refusal->reason : "", reason) << "step " << i;
         if (refusal) {
-            EXPECT_EQ(refusal->status, step.reason == "TooManyProviderTokenUpdates" ? 429 : 403);
+            EXPECT_EQ(refusal->status, reason == "TooManyProviderTokenUpdates" ? 429 : 403);
         }
-        EXPECT_EQ(session.verifiedCount(), step.verified) << "step " << i;
+        EXPECT_EQ(session.verifiedCount(), verified) << "step " << i;
     }
 }
 

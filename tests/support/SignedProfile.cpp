@@ -44,14 +44,6 @@ std::string readWhole(const fs::path& path) {
     return content.str();
 }
 
-std::string escapedXML(std::string_view text) {
-    std::string escaped;
-    for (const char c : text) {
-        escaped += c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : std::string(1, c);
-    }
-    return escaped;
-}
-
 }  // namespace
 
 std::optional<std::string> makeSignedProfile(std::string_view content) {
@@ -69,13 +61,12 @@ std::optional<std::string> makeSignedProfile(std::string_view content) {
 }
 
 std::string profilePlist(std::optional<std::string> apsEnvironment) {
-    const std::string aps = apsEnvironment ? "<key>aps-environment</key><string>" +
-                                                 escapedXML(*apsEnvironment) + "</string>\n"
-                                           : "";
+    const std::string aps =
+        apsEnvironment ? "<key>aps-environment</key><string>" + *apsEnvironment + "</string>\n"
+                       : "";
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple//DTD "
-           "PLIST "
-           "1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n<plist version=\"1.0\">"
-           "<dict>\n<key>AppIDName</key><string>Nimb Orra Sample</string>\n"
+           "PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+           "<plist version=\"1.0\"><dict>\n<key>AppIDName</key><string>Nimb Orra Sample</string>\n"
            "<key>ApplicationIdentifierPrefix</key><array><string>A1B2C3D4E5</string></array>\n"
            "<key>CreationDate</key><date>2024-03-01T10:15:30Z</date>\n"
            "<key>DeveloperCertificates</key><array><data>MIIFxjCCBK6gAwIBAgIQBj0Tqy3eOVJ4M2qS\n"
@@ -88,10 +79,10 @@ std::string profilePlist(std::optional<std::string> apsEnvironment) {
            "<string>A1B2C3D4E5</string>\n</dict>\n<key>ExpirationDate</key>"
            "<date>2025-03-01T10:15:30Z</date>\n<key>Name</key><string>Nimb Orra Sample</string>\n"
            "<key>ProvisionedDevices</key><array><string>00008030-001A2B3C4D5E6F70</string></array>"
-           "\n<key>TeamIdentifier</key><array><string>A1B2C3D4E5</string></array>\n<key>TeamName"
-           "</key><string>Nimb Orra Test Team</string>\n<key>TimeToLive</key><integer>365</integer>"
-           "\n<key>UUID</key><string>6f1c2a4e-8b3d-4e5f-9a7b-1c2d3e4f5a6b</string>\n<key>Version"
-           "</key><integer>1</integer>\n</dict>\n</plist>\n";
+           "\n<key>TeamIdentifier</key><array><string>A1B2C3D4E5</string></array>\n"
+           "<key>TeamName</key><string>Nimb Orra Test Team</string>\n<key>TimeToLive</key>"
+           "<integer>365</integer>\n<key>UUID</key><string>6f1c2a4e-8b3d-4e5f-9a7b-1c2d3e4f5a6b"
+           "</string>\n<key>Version</key><integer>1</integer>\n</dict>\n</plist>\n";
 }
 
 }  // namespace nimborra::testing

@@ -27,8 +27,8 @@ std::optional<std::string> makeSignedProfile(std::string_view content);
 // usual keys: AppIDName, ApplicationIdentifierPrefix, CreationDate, DeveloperCertificates,
 // Entitlements (application-identifier, keychain-access-groups, get-task-allow,
 // com.apple.developer.team-identifier and, when given, aps-environment), ExpirationDate, Name,
-// ProvisionedDevices, TeamIdentifier, TeamName, TimeToLive, UUID, Version. The aps-environment
-// text is escaped for XML.
+// ProvisionedDevices, TeamIdentifier, TeamName, TimeToLive, UUID, Version.
+// The aps-environment text is written as given (no XML escaping).
 std::string profilePlist(std::optional<std::string> apsEnvironment);
 
 }  // namespace nimborra::testing
