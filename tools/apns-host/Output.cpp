@@ -50,7 +50,7 @@ void appendTwoMemberLine(std::string& out, std::string_view firstKey, std::strin
 }  // namespace
 
 OutputWriter::OutputWriter(std::FILE* stream) : stream_(stream) {
-    // A pipe's usual 64 KiB hold less than a busy second's batch: the writing thread would block
+    // A pipe's usual 64 KiB hold less than a busy host's batch: the writing thread would block
     // in every write and wait for the reader many times over. A larger pipe, when the system
     // allows it, takes a batch at once; where it does not, the pipe stays as it is.
     const int fd = fileno(stream_);
