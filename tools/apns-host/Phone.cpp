@@ -264,8 +264,10 @@ std::shared_ptr<Phone::Road> Phone::start(PushNotification notification,
 
 std::shared_ptr<Phone::Road> Phone::admitLocked(PushNotification notification,
                                                 std::optional<ApplicationState> app,
-                                                std::optional<std::string> tap, bool tapOnly) {
+                                                std::optional<std::string> tap, bool tapOnly,
+                                                std::shared_ptr<const void> presence) {
     auto road = std::make_shared<Road>();
+    road->presence = std::move(presence);
     road->notification = std::move(notification);
     road->tap = std::move(tap);
     road->tapOnly = tapOnly;
@@ -295,8 +297,7 @@ void Phone::startDeferred() {
                 return;
             }
             road = admitLocked(std::move(deferred_.front().notification), std::nullopt,
-                               std::nullopt, false);
-            road->presence = std::move(deferred_.front().presence);
+                               std::nullopt, false, std::move(deferred_.front().presence));
             deferred_.pop_front();
             if (deferred_.empty()) {
                 changed_.notify_all();
@@ -580,13 +581,12 @@ void Phone::present(platform::IncomingRemoteNotification&& notification) {
             return;
         }
         for (auto& waiting : deferred_) {
-            earlier.push_back(
-                admitLocked(std::move(waiting.notification), std::nullopt, std::nullopt, false));
-            earlier.back()->presence = std::move(waiting.presence);
+            earlier.push_back(admitLocked(std::move(waiting.notification), std::nullopt,
+                                          std::nullopt, false, std::move(waiting.presence)));
         }
         deferred_.clear();
-        road = admitLocked(std::move(push), std::nullopt, std::nullopt, false);
-        road->presence = std::move(notification.presence);
+        road = admitLocked(std::move(push), std::nullopt, std::nullopt, false,
+                           std::move(notification.presence));
     }
     // On the plug-in's queue (or the thread bringing the device online): the roads' calls never
     // wait for room on the bridge.

@@ -157,10 +157,12 @@ class Phone final : public platform::RemoteNotificationReceiver, public provider
     std::shared_ptr<Road> start(PushNotification notification,
                                 std::optional<platform::ApplicationState> app,
                                 std::optional<std::string> tap, bool tapOnly);
-    // With mutex_ held: a new road, in start order and among the running ones.
+    // With mutex_ held: a new road, in start order and among the running ones; it keeps the
+    // push service's token for the notification, if any, until it ends.
     std::shared_ptr<Road> admitLocked(PushNotification notification,
                                       std::optional<platform::ApplicationState> app,
-                                      std::optional<std::string> tap, bool tapOnly);
+                                      std::optional<std::string> tap, bool tapOnly,
+                                      std::shared_ptr<const void> presence = nullptr);
     // On the push service's queue: starts the kept notifications while nobody else has the
     // phone.
     void startDeferred();
