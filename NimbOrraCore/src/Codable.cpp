@@ -173,13 +173,13 @@ bool DecodingContext::read(const platform::JSONElement& value, platform::Data& o
     return true;
 }
 
-std::optional<platform::JSONElement> DecodingContext::requireMember(
-    const platform::JSONElement& object, std::string_view key) {
-    auto member = object.member(key);
+bool DecodingContext::requireMember(const std::optional<platform::JSONElement>& member,
+                                    std::string_view key) {
     if (!member) {
         fail(CodingErrorKind::keyNotFound, "no value for key \"" + std::string(key) + "\"");
+        return false;
     }
-    return member;
+    return true;
 }
 
 }  // namespace nimborra::core

@@ -981,6 +981,29 @@ std::optional<JSONElement> JSONElement::member(std::string_view key) const {
     return JSONElementAccess::view(document, *found);
 }
 
+void JSONElement::members(const std::string_view* keys, std::optional<JSONElement>* found,
+                          std::size_t count) const {
+    for (std::size_t k = 0; k < count; ++k) {
+        found[k].reset();
+    }
+    if (kind_ != Value::Kind::dictionary) {
+        return;
+    }
+    const JSONDocument& document = documentOf(document_);
+    const std::uint32_t end = document.tape[index_].next;
+    for (std::uint32_t i = index_ + 1; i < end; i = document.tape[i + 1].next) {
+        const TapeEntry& name = document.tape[i];
+        const std::string_view text = document.text(name);
+        for (std::size_t k = 0; k < count; ++k) {
+            if (keys[k].size() == text.size() && keys[k] == text) {
+                // A later duplicate replaces it.
+                found[k] = JSONElementAccess::view(document, i + 1);
+                break;
+            }
+        }
+    }
+}
+
 Value JSONElement::toValue() const {
     if (document_ == nullptr) {
         return Value(nullptr);

@@ -91,6 +91,24 @@ EscapeLanes escapeLanes(__m128i bytes) {
     return {special, control};
 }
 
+// Whether any byte of `text`, at least 16 bytes long, needs an escape. The last block overlaps
+// the one before it rather than reading past the text.
+bool hasEscapes(std::string_view text) {
+    const char* const data = text.data();
+    const std::size_t last = text.size() - 16;
+    for (std::size_t i = 0;; i += 16) {
+        const std::size_t at = std::min(i, last);
+        const EscapeLanes lanes =
+            escapeLanes(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data + at)));
+        if (_mm_movemask_epi8(_mm_or_si128(lanes.special, lanes.control)) != 0) {
+            return true;
+        }
+        if (at == last) {
+            return false;
+        }
+    }
+}
+
 #endif
 
 // How many bytes escaping adds to `text`. Sixteen bytes at a time where SSE2 is available (every
@@ -535,6 +553,17 @@ void appendJSONString(std::string& out, std::string_view text) {
             return;
         }
     }
+#if defined(__SSE2__)
+    // Longer texts without escapes (most values) are found sixteen bytes at a time and appended
+    // as they stand too, without making room for an escaped form; a text with an escape usually
+    // shows it in its first block.
+    if (text.size() >= kShort && !hasEscapes(text)) {
+        out += '"';
+        out += text;
+        out += '"';
+        return;
+    }
+#endif
 #if defined(NIMBORRA_JSON_SHUFFLE)
     if (kHasShuffle) {
         // One pass: room for every byte doubled, written in place and cut to what was written. A

@@ -242,6 +242,15 @@ TEST(JSONReader, ViewsSeeWhatTheTreeHoldsTheLastDuplicateWinning) {
         ASSERT_TRUE(b.has_value());
         EXPECT_EQ(b->member("c")->boolean(), false) << "the last duplicate counts";
         EXPECT_EQ(b->member("d")->text(), "plain");
+        // All at once, as records read their fields: the same answers, whatever the order.
+        const std::string_view keys[] = {"d", "z", "c"};
+        std::optional<JSONElement> found[] = {JSONElement(), JSONElement(), std::nullopt};
+        b->members(keys, found, 3);
+        EXPECT_EQ(found[0]->text(), "plain");
+        EXPECT_FALSE(found[1].has_value());
+        EXPECT_EQ(found[2]->boolean(), false) << "the last duplicate counts";
+        a->members(keys, found, 3);
+        EXPECT_FALSE(found[0] || found[1] || found[2]) << "an array has no members";
         EXPECT_TRUE(root.member("a2")->isNull());
         EXPECT_FALSE(root.member("z").has_value());
         EXPECT_FALSE(a->member("a").has_value());

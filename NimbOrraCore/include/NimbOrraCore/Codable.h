@@ -20,6 +20,7 @@
 // (enumerations that specialise WireEnumTraits; see below).
 #pragma once
 
+#include <array>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -308,9 +309,8 @@ class NIMBORRA_CORE_EXPORT DecodingContext : public CodingState {
         mismatch("an array", value);
         return std::nullopt;
     }
-    // Looks up a required member; reports an absent key.
-    std::optional<platform::JSONElement> requireMember(const platform::JSONElement& object,
-                                                       std::string_view key);
+    // Whether the member of required key `key` was found; reports it absent when not.
+    bool requireMember(const std::optional<platform::JSONElement>& member, std::string_view key);
 
   private:
     // Records a typeMismatch (valueNotFound for null) for a value that is not `expected`.
@@ -337,7 +337,16 @@ bool decodeRecord(DecodingContext& context, const platform::JSONElement& value, 
         if (!object) {
             return false;
         }
+        // Every field's member found in one pass over the object, then read in field order.
+        static constexpr auto keys = std::apply(
+            [](const auto&... field) {
+                return std::array<std::string_view, fieldCount>{field.key...};
+            },
+            R::codingFields());
+        std::array<std::optional<platform::JSONElement>, fieldCount> found;
+        object->members(keys.data(), found.data(), fieldCount);
         bool ok = true;
+        std::size_t index = 0;
         std::apply(
             [&](const auto&... field) {
                 (
@@ -345,8 +354,9 @@ bool decodeRecord(DecodingContext& context, const platform::JSONElement& value, 
                         if (!ok) {
                             return;
                         }
-                        const auto member = context.requireMember(*object, field.key);
-                        ok = member && decodeValue(context, *member, record.*(field.member));
+                        const auto& member = found[index++];
+                        ok = context.requireMember(member, field.key) &&
+                             decodeValue(context, *member, record.*(field.member));
                         if (!ok) {
                             context.leaveKey(field.key);
                         }

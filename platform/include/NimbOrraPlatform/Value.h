@@ -332,6 +332,11 @@ class NIMBORRA_PLATFORM_EXPORT JSONElement {
     // The member of an object stored under `key`; of duplicate keys the last one counts, as in
     // the Dictionary that jsonObject builds. Nothing when absent or when this is not an object.
     std::optional<JSONElement> member(std::string_view key) const;
+    // The members stored under each of `keys` at once, in one pass over the object: `found[i]`
+    // is what member(keys[i]) would give. `keys` holds no key twice, and `found` is as long as
+    // `keys`. Nothing is found when this is not an object.
+    void members(const std::string_view* keys, std::optional<JSONElement>* found,
+                 std::size_t count) const;
 
     // This part of the document as a Value, exactly as jsonObject would have built it.
     Value toValue() const;
