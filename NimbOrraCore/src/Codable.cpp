@@ -173,13 +173,13 @@ bool DecodingContext::read(const platform::JSONElement& value, platform::Data& o
     return true;
 }
 
-bool DecodingContext::requireMember(const std::optional<platform::JSONElement>& member,
-                                    std::string_view key) {
+const platform::JSONElement* DecodingContext::requireMember(
+    const std::optional<platform::JSONElement>& member, std::string_view key) {
     if (!member) {
         fail(CodingErrorKind::keyNotFound, "no value for key \"" + std::string(key) + "\"");
-        return false;
+        return nullptr;
     }
-    return true;
+    return &*member;
 }
 
 }  // namespace nimborra::core

@@ -309,8 +309,9 @@ class NIMBORRA_CORE_EXPORT DecodingContext : public CodingState {
         mismatch("an array", value);
         return std::nullopt;
     }
-    // Whether the member of required key `key` was found; reports it absent when not.
-    bool requireMember(const std::optional<platform::JSONElement>& member, std::string_view key);
+    // The member found for required key `key`; reports it absent, and gives null, when not.
+    const platform::JSONElement* requireMember(const std::optional<platform::JSONElement>& member,
+                                               std::string_view key);
 
   private:
     // Records a typeMismatch (valueNotFound for null) for a value that is not `expected`.
@@ -354,8 +355,8 @@ bool decodeRecord(DecodingContext& context, const platform::JSONElement& value, 
                         if (!ok) {
                             return;
                         }
-                        const auto& member = found[index++];
-                        ok = context.requireMember(member, field.key) &&
+                        const auto* member = context.requireMember(found[index++], field.key);
+                        ok = member != nullptr &&
                              decodeValue(context, *member, record.*(field.member));
                         if (!ok) {
                             context.leaveKey(field.key);
