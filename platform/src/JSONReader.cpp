@@ -983,7 +983,7 @@ std::optional<JSONElement> JSONElement::member(std::string_view key) const {
 
 void JSONElement::members(const std::string_view* keys, std::optional<JSONElement>* found,
                           std::size_t count) const {
-    for (std::size_t k = 0; k < count; ++k) {
+    for (std::size_t k = 0; k != count; ++k) {
         found[k].reset();
     }
     if (kind_ != Value::Kind::dictionary) {
@@ -994,7 +994,7 @@ void JSONElement::members(const std::string_view* keys, std::optional<JSONElemen
     for (std::uint32_t i = index_ + 1; i < end; i = document.tape[i + 1].next) {
         const TapeEntry& name = document.tape[i];
         const std::string_view text = document.text(name);
-        for (std::size_t k = 0; k < count; ++k) {
+        for (std::size_t k = 0; k != count; ++k) {
             if (keys[k].size() == text.size() && keys[k] == text) {
                 // A later duplicate replaces it.
                 found[k] = JSONElementAccess::view(document, i + 1);

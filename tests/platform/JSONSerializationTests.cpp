@@ -80,6 +80,14 @@ TEST(JSONWriter, EscapesLikeThePlatformAtEveryPlaceOfABlock) {
             EXPECT_EQ(write(Value(input)), escapedByByte(input)) << pattern << " at " << offset;
         }
     }
+    // One escape alone in a plain text, at each place of texts one to three blocks long.
+    for (std::size_t length = 16; length <= 48; ++length) {
+        for (std::size_t at = 0; at < length; ++at) {
+            std::string input(length, 'a');
+            input[at] = '/';
+            EXPECT_EQ(write(Value(input)), escapedByByte(input)) << length << " at " << at;
+        }
+    }
     // One control character late in a text of quotation marks, after what the output holds.
     for (std::size_t at = 0; at < 70; at += 3) {
         std::string input = testing::repeated("a\"/", 24);
