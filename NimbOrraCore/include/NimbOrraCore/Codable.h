@@ -324,6 +324,20 @@ class NIMBORRA_CORE_EXPORT DecodingContext : public CodingState {
 template <class T>
 bool decodeValue(DecodingContext& context, const platform::JSONElement& value, T& out);
 
+// Whether no key is given twice: a record's members are looked up all at once, each key taking
+// the one member stored under it.
+template <std::size_t N>
+constexpr bool keysDistinct(const std::array<std::string_view, N>& keys) {
+    for (std::size_t i = 0; i < N; ++i) {
+        for (std::size_t j = i + 1; j < N; ++j) {
+            if (keys[i] == keys[j]) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
 template <CodableRecord R>
 bool decodeRecord(DecodingContext& context, const platform::JSONElement& value, R& record) {
     constexpr std::size_t fieldCount = std::tuple_size_v<decltype(R::codingFields())>;
@@ -344,6 +358,7 @@ bool decodeRecord(DecodingContext& context, const platform::JSONElement& value, 
                 return std::array<std::string_view, fieldCount>{field.key...};
             },
             R::codingFields());
+        static_assert(keysDistinct(keys), "a record gives each coding key to one field only");
         std::array<std::optional<platform::JSONElement>, fieldCount> found;
         object->members(keys.data(), found.data(), fieldCount);
         bool ok = true;
