@@ -963,22 +963,9 @@ std::string_view JSONElement::textValue() const {
 }
 
 std::optional<JSONElement> JSONElement::member(std::string_view key) const {
-    if (kind_ != Value::Kind::dictionary) {
-        return std::nullopt;
-    }
-    const JSONDocument& document = documentOf(document_);
-    const std::uint32_t end = document.tape[index_].next;
-    std::optional<std::uint32_t> found;
-    for (std::uint32_t i = index_ + 1; i < end; i = document.tape[i + 1].next) {
-        const TapeEntry& name = document.tape[i];
-        if (name.text.length == key.size() && document.text(name) == key) {
-            found = i + 1;  // a later duplicate replaces it
-        }
-    }
-    if (!found) {
-        return std::nullopt;
-    }
-    return JSONElementAccess::view(document, *found);
+    std::optional<JSONElement> found;
+    members(&key, &found, 1);
+    return found;
 }
 
 void JSONElement::members(const std::string_view* keys, std::optional<JSONElement>* found,
