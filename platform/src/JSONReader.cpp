@@ -982,7 +982,7 @@ void JSONElement::members(const std::string_view* keys, std::optional<JSONElemen
         const TapeEntry& name = document.tape[i];
         const std::string_view text = document.text(name);
         for (std::size_t k = 0; k != count; ++k) {
-            if (keys[k].size() == text.size() && keys[k] == text) {
+            if (keys[k] == text) {
                 // A later duplicate replaces it.
                 found[k] = JSONElementAccess::view(document, i + 1);
                 break;

@@ -91,25 +91,35 @@ EscapeLanes escapeLanes(__m128i bytes) {
     return {special, control};
 }
 
-// Whether any byte of `text`, at least 16 bytes long, needs an escape. The last block overlaps
-// the one before it rather than reading past the text.
+#endif
+
+// Whether any byte of `text` needs an escape. Sixteen bytes at a time where SSE2 is available and
+// the text fills a block, the last block overlapping the one before rather than reading past the
+// text (a text with an escape usually shows it in its first block); byte by byte otherwise.
 bool hasEscapes(std::string_view text) {
-    const char* const data = text.data();
-    const std::size_t last = text.size() - 16;
-    for (std::size_t i = 0;; i += 16) {
-        const std::size_t at = std::min(i, last);
-        const EscapeLanes lanes =
-            escapeLanes(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data + at)));
-        if (_mm_movemask_epi8(_mm_or_si128(lanes.special, lanes.control)) != 0) {
-            return true;
-        }
-        if (at == last) {
-            return false;
+#if defined(__SSE2__)
+    if (text.size() >= 16) {
+        const char* const data = text.data();
+        const std::size_t last = text.size() - 16;
+        for (std::size_t i = 0;; i += 16) {
+            const std::size_t at = std::min(i, last);
+            const EscapeLanes lanes =
+                escapeLanes(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data + at)));
+            if (_mm_movemask_epi8(_mm_or_si128(lanes.special, lanes.control)) != 0) {
+                return true;
+            }
+            if (at == last) {
+                return false;
+            }
         }
     }
-}
-
 #endif
+    unsigned escapes = 0;
+    for (const char c : text) {
+        escapes |= kEscapeExtra[static_cast<unsigned char>(c)];
+    }
+    return escapes != 0;
+}
 
 // How many bytes escaping adds to `text`. Sixteen bytes at a time where SSE2 is available (every
 // x86-64): each byte that needs an escape counts one in a vector of byte counters, which is
@@ -538,32 +548,14 @@ bool isContainer(const Value& value) {
 }  // namespace
 
 void appendJSONString(std::string& out, std::string_view text) {
-    // Short texts (most keys and many values) are checked byte by byte and, when nothing in them
-    // needs an escape, appended as they stand.
-    constexpr std::size_t kShort = 16;
-    if (text.size() < kShort) {
-        unsigned escapes = 0;
-        for (const char c : text) {
-            escapes |= kEscapeExtra[static_cast<unsigned char>(c)];
-        }
-        if (escapes == 0) {
-            out += '"';
-            out += text;
-            out += '"';
-            return;
-        }
-    }
-#if defined(__SSE2__)
-    // Longer texts without escapes (most values) are found sixteen bytes at a time and appended
-    // as they stand too, without making room for an escaped form; a text with an escape usually
-    // shows it in its first block.
-    if (text.size() >= kShort && !hasEscapes(text)) {
+    // Most texts (keys and values alike) need no escape and are appended as they stand, without
+    // making room for an escaped form.
+    if (!hasEscapes(text)) {
         out += '"';
         out += text;
         out += '"';
         return;
     }
-#endif
 #if defined(NIMBORRA_JSON_SHUFFLE)
     if (kHasShuffle) {
         // One pass: room for every byte doubled, written in place and cut to what was written. A
@@ -585,14 +577,6 @@ void appendJSONString(std::string& out, std::string_view text) {
     const std::size_t extra = escapeExtra(text);
     const std::size_t start = out.size();
     const std::size_t length = text.size() + extra + 2;
-    if (extra == 0) {
-        // Appended rather than resized and filled: no bytes are cleared only to be overwritten.
-        out.reserve(start + length);
-        out += '"';
-        out += text;
-        out += '"';
-        return;
-    }
     out.resize(start + length + kEscapeSlack);
     char* p = out.data() + start;
     *p++ = '"';
